@@ -19,16 +19,16 @@
 namespace corvane {
 
 struct ProcessResult {
-  int exitStatus = 0;      // the exit code, or 128 + signal number when killed by a signal
+  int exitStatus = 0;  // the exit code, or 128 + signal number when killed by a signal
   std::string standardOutput;
   std::string standardError;
 };
 
 struct ProcessRequest {
-  std::filesystem::path executable;  // an absolute path; no PATH search
+  std::filesystem::path executable;    // an absolute path; no PATH search
   std::vector<std::string> arguments;  // not including argv[0]
   std::optional<std::filesystem::path> workingDirectory;
-  std::map<std::string, std::string> environment;  // the child's whole environment
+  std::map<std::string, std::string> environment;    // the child's whole environment
   std::optional<std::chrono::milliseconds> timeout;  // none: wait as long as it runs
   std::string standardInput;  // written to the child, then its stdin is closed
 };
@@ -38,12 +38,15 @@ class ProcessLaunchError : public std::runtime_error {
  public:
   explicit ProcessLaunchError(const std::string& platformDescription)
       : std::runtime_error(platformDescription) {}
+  // The sentence a user reads: what could not be started, and why.
+  std::string description() const { return what(); }
 };
 
 // The child did not end within its time limit; it has been terminated.
 class ProcessTimedOut : public std::runtime_error {
  public:
   ProcessTimedOut() : std::runtime_error("The process did not finish in time.") {}
+  std::string description() const { return what(); }
 };
 
 namespace ChildProcess {
