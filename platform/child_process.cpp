@@ -157,6 +157,12 @@ pid_t spawn(const ProcessRequest& request, const ChildStreams& streams) {
   if (request.workingDirectory) {
     posix_spawn_file_actions_addchdir_np(&actions, request.workingDirectory->c_str());
   }
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+  // Descriptors that others in this process opened without close-on-exec (or
+  // that we inherited) stay out of the child; macOS does this with
+  // POSIX_SPAWN_CLOEXEC_DEFAULT below.
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+#endif
 
   short flags = POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
 #ifdef __APPLE__

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <thread>
@@ -169,6 +170,40 @@ TEST(ChildProcess, ReturnsWhenChildEndsThoughAGrandchildKeepsThePipesOpen) {
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_EQ(result.standardOutput, "parent\n");
   ::kill(readPid(pidFile), SIGKILL);
+}
+
+#ifdef __linux__
+TEST(ChildProcess, ChildSeesOnlyItsStandardStreamsWhileOthersRun) {
+  // A sibling run in another thread has its pipes open at this moment; none of
+  // them, nor anything else this process has open, may reach the child.
+  std::thread sibling([] { ChildProcess::run(shell("sleep 1")); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  ProcessRequest request;
+  request.executable = "/bin/ls";
+  request.arguments = {"/proc/self/fd"};
+  const ProcessResult result = ChildProcess::run(request);
+  sibling.join();
+  EXPECT_EQ(result.standardOutput, "0\n1\n2\n3\n");  // 3: the folder ls reads
+}
+#endif
+
+TEST(ChildProcess, ConcurrentRunsKeepTheirOwnOutput) {
+  std::vector<std::thread> threads;
+  std::atomic<int> mismatches{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &mismatches] {
+      for (int i = 0; i < 5; ++i) {
+        const std::string word = std::to_string(t) + "-" + std::to_string(i);
+        ProcessRequest request = shell("cat; echo \"$0\" >&2");
+        request.arguments.push_back(word);
+        request.standardInput = word;
+        const ProcessResult result = ChildProcess::run(request);
+        if (result.standardOutput != word || result.standardError != word + "\n") ++mismatches;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches.load(), 0);
 }
 
 TEST(ChildProcess, CurrentEnvironmentReadsThisProcess) {
