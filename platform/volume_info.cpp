@@ -49,18 +49,6 @@ bool isUnder(const std::filesystem::path& path, const std::filesystem::path& fol
   return true;
 }
 
-std::string userName() {
-  long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
-  passwd entry{};
-  passwd* found = nullptr;
-  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
-      found->pw_name) {
-    return found->pw_name;
-  }
-  return {};
-}
-
 std::string lastPart(const std::filesystem::path& mountPoint) {
   const auto name = mountPoint.filename().string();
   return name.empty() ? mountPoint.string() : name;
@@ -120,6 +108,18 @@ MountedVolume describe(const MountEntry& entry) {
 }
 
 #else
+
+std::string userName() {
+  long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
+      found->pw_name) {
+    return found->pw_name;
+  }
+  return {};
+}
 
 std::vector<MountEntry> readMountTable() {
   std::ifstream in("/proc/self/mountinfo");
