@@ -187,6 +187,10 @@ class OrgStore {
  private:
   explicit OrgStore(std::filesystem::path folder);
   friend class RecordWriter;
+  // The next number of a persisted counter (an id key prefix, or an auto-number
+  // field). The caller holds writeMutex_ and runs inside a write transaction.
+  std::int64_t nextSerialLocked(Database& db, const std::string& key);
+  std::string newIdLocked(Database& db, const std::string& keyPrefix);
 
   std::filesystem::path folder_;
   struct Pool;

@@ -72,6 +72,10 @@ struct FieldDef {
   bool externalId = false;
   bool unique = false;
   bool nameField = false;  // the record's name as shown to people
+  bool autoNumber = false;  // numbered by the org (CaseNumber); never written
+  // What a new record gets when the field is not given: "false" for checkboxes,
+  // the default value of a required picklist. Empty: null.
+  std::string defaultValue;
   std::string calculatedFormula;  // the formula text a describe shows
   // For calculated fields: the SQLite expression over the object's own columns
   // that computes the stored text. Empty for ordinary fields.
@@ -85,8 +89,11 @@ struct FieldDef {
   // value ("street", "city", "latitude", ...).
   std::string compoundKey;
 
-  // True when the field has a column in the object's table (not compound).
-  bool stored() const { return type != FieldType::Address && type != FieldType::Location; }
+  // True when the field has a column in the object's table: not a compound, and
+  // not a base64 body (bodies are kept apart, see org_store.hpp).
+  bool stored() const {
+    return type != FieldType::Address && type != FieldType::Location && type != FieldType::Base64;
+  }
 };
 
 struct ObjectDef {
