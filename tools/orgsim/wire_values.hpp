@@ -23,4 +23,9 @@ std::optional<std::string> normalize(const FieldDef& field, std::string_view tex
 // none when the text is not a number.
 std::optional<std::string> plainNumber(std::string_view text);
 
+// Standard base64 (with padding) of bytes, and back; decoding ignores line breaks
+// and gives none on anything else that is not base64.
+std::string base64Encode(std::string_view bytes);
+std::optional<std::string> base64Decode(std::string_view text);
+
 }  // namespace corvane::orgsim::WireValues
