@@ -205,8 +205,8 @@ std::string AuthStore::accessToken(const Login& login) const {
 SystemTime AuthStore::lastUsed(const Login& login) const {
   struct stat info {};
   if (::stat(login.file.c_str(), &info) != 0) return std::chrono::system_clock::now();
-  auto since = std::chrono::seconds(info.st_atim.tv_sec) +
-               std::chrono::nanoseconds(info.st_atim.tv_nsec);
+  auto since =
+      std::chrono::seconds(info.st_atim.tv_sec) + std::chrono::nanoseconds(info.st_atim.tv_nsec);
   return SystemTime(std::chrono::duration_cast<SystemTime::duration>(since));
 }
 
@@ -214,8 +214,7 @@ void AuthStore::save(nlohmann::ordered_json fields, const std::string& accessTok
   std::string username = fields.value("username", "");
   if (!isSafeUsername(username)) {
     throw CliFailure::storeUnreadable((folder_ / "<username>.json").string(),
-                                      "the org's username \"" + username +
-                                          "\" cannot name a file");
+                                      "the org's username \"" + username + "\" cannot name a file");
   }
   fields["accessToken"] = TokenCipher::encrypt(keyForWriting(), accessToken);
   writeFile(folder_ / (username + ".json"), fields.dump(2));

@@ -24,8 +24,8 @@ CliFailure::CliFailure(Kind kind, std::string name, std::string message, int exi
 CliFailure CliFailure::namedOrgNotFound(const std::string& target,
                                         const std::optional<std::string>& suggestion) {
   CliFailure failure(Kind::namedOrgNotFound, "NamedOrgNotFoundError",
-                     parsingTargetOrg("No authorization information found for " + target + "."),
-                     2, "NamedOrgNotFoundError");
+                     parsingTargetOrg("No authorization information found for " + target + "."), 2,
+                     "NamedOrgNotFoundError");
   if (suggestion) {
     failure.actions_.push_back("It looks like you mistyped the username or alias. Did you mean \"" +
                                *suggestion + "\"?");
@@ -53,10 +53,10 @@ CliFailure CliFailure::badTokenFormat() {
 }
 
 CliFailure CliFailure::usernameRetrieval(const std::string& cause) {
-  return {Kind::usernameRetrieval, "AuthCodeUsernameRetrievalError",
-          "Could not retrieve the username after successful auth code exchange.\n\nDue to: " +
-              cause,
-          1, "AuthCodeUsernameRetrievalError"};
+  return {
+      Kind::usernameRetrieval, "AuthCodeUsernameRetrievalError",
+      "Could not retrieve the username after successful auth code exchange.\n\nDue to: " + cause, 1,
+      "AuthCodeUsernameRetrievalError"};
 }
 
 CliFailure CliFailure::insecureInstanceUrl(const std::string& url) {
@@ -121,7 +121,8 @@ nlohmann::ordered_json CliFailure::toJson(const std::string& commandName) const 
   if (!actions_.empty()) reply["actions"] = actions_;
   reply["context"] = commandName;
   if (data_) reply["data"] = *data_;
-  reply["stack"] = name_ + ": " + message_ + "\n    at " + commandName + ".run (corvane sf stand-in)";
+  reply["stack"] =
+      name_ + ": " + message_ + "\n    at " + commandName + ".run (corvane sf stand-in)";
   reply["cause"] = data_ ? name_ + ": " + message_ : "undefined";
   reply["warnings"] = nlohmann::ordered_json::array();
   reply["code"] = code_;

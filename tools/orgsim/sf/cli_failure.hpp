@@ -19,20 +19,20 @@ namespace corvane::sfstandin {
 class CliFailure {
  public:
   enum class Kind {
-    namedOrgNotFound,        // --target-org names no login and no alias
-    noDefaultTarget,         // no --target-org and no default login
-    noAuthForLogout,         // logout of a login that does not exist
-    badTokenFormat,          // SF_ACCESS_TOKEN missing or without "<org id>!"
-    usernameRetrieval,       // login: the org would not say who the token belongs to
-    insecureInstanceUrl,     // http to a host that is not this machine
-    orgError,                // the org answered with a Salesforce error body
-    limitsError,             // the same, as `org list limits` reports it
-    fetchFailed,             // the org could not be reached at all
-    badArgument,             // a flag or argument the command cannot take
-    badAliasArgument,        // alias set without NAME=VALUE
-    unsupportedCommand,      // a command line the stand-in does not answer
-    unexpectedReply,         // the org answered something that is not what the API promises
-    storeUnreadable,         // a file under ~/.sfdx could not be read or written
+    namedOrgNotFound,     // --target-org names no login and no alias
+    noDefaultTarget,      // no --target-org and no default login
+    noAuthForLogout,      // logout of a login that does not exist
+    badTokenFormat,       // SF_ACCESS_TOKEN missing or without "<org id>!"
+    usernameRetrieval,    // login: the org would not say who the token belongs to
+    insecureInstanceUrl,  // http to a host that is not this machine
+    orgError,             // the org answered with a Salesforce error body
+    limitsError,          // the same, as `org list limits` reports it
+    fetchFailed,          // the org could not be reached at all
+    badArgument,          // a flag or argument the command cannot take
+    badAliasArgument,     // alias set without NAME=VALUE
+    unsupportedCommand,   // a command line the stand-in does not answer
+    unexpectedReply,      // the org answered something that is not what the API promises
+    storeUnreadable,      // a file under ~/.sfdx could not be read or written
   };
 
   // --target-org named `target`; `suggestion` is the closest known alias or username.
@@ -70,8 +70,8 @@ class CliFailure {
   std::string name_;
   std::string message_;
   int exitCode_;
-  std::string code_;                        // "code": the name, or the exit status as text
-  std::vector<std::string> actions_;        // printed only when there are some
+  std::string code_;                  // "code": the name, or the exit status as text
+  std::vector<std::string> actions_;  // printed only when there are some
   std::optional<nlohmann::ordered_json> data_;
 };
 

@@ -70,7 +70,10 @@ const std::vector<CommandSpec>& commandSpecs() {
        {"no-prompt", "set-default", "set-default-dev-hub"}},
       {{"org", "list"}, "OrgListCommand", {}, {"all", "skip-connection-status", "clean"}},
       {{"org", "display"}, "OrgDisplayCommand", {"target-org", "api-version"}, {"verbose"}},
-      {{"org", "open"}, "OrgOpenCommand", {"target-org", "path", "browser"}, {"url-only", "private"}},
+      {{"org", "open"},
+       "OrgOpenCommand",
+       {"target-org", "path", "browser"},
+       {"url-only", "private"}},
       {{"org", "logout"}, "Logout", {"target-org"}, {"no-prompt"}},
       {{"data", "query"},
        "DataSoqlQueryCommand",
@@ -83,9 +86,11 @@ const std::vector<CommandSpec>& commandSpecs() {
 }
 
 const std::map<std::string, std::string>& shortFlags() {
-  static const std::map<std::string, std::string> flags = {
-      {"-o", "target-org"}, {"-q", "query"}, {"-a", "alias"},
-      {"-r", "instance-url"}, {"-p", "path"}};
+  static const std::map<std::string, std::string> flags = {{"-o", "target-org"},
+                                                           {"-q", "query"},
+                                                           {"-a", "alias"},
+                                                           {"-r", "instance-url"},
+                                                           {"-p", "path"}};
   return flags;
 }
 
@@ -109,7 +114,10 @@ struct CommandLine {
 CommandLine parseCommandLine(const std::vector<std::string>& arguments, std::string& className) {
   CommandLine line;
   for (const auto& spec : commandSpecs()) {
-    if (arguments.size() >= spec.words.size() &&
+    // "org list metadata-types" is not "org list": after the words comes a flag or nothing.
+    bool followedByWord = arguments.size() > spec.words.size() &&
+                          !arguments[spec.words.size()].starts_with("-") && !spec.positionals;
+    if (arguments.size() >= spec.words.size() && !followedByWord &&
         std::equal(spec.words.begin(), spec.words.end(), arguments.begin())) {
       line.spec = &spec;
       break;
@@ -130,7 +138,8 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments, std::str
     std::string argument = arguments[i];
     if (argument == "--json") continue;
     if (!argument.starts_with("-")) {
-      if (!line.spec->positionals) throw CliFailure::badArgument("Unexpected argument: " + argument);
+      if (!line.spec->positionals)
+        throw CliFailure::badArgument("Unexpected argument: " + argument);
       line.positionals.push_back(argument);
       continue;
     }
@@ -198,9 +207,9 @@ Login targetLogin(const AuthStore& store, const CommandLine& line) {
 // Turns a non-2xx answer into the failure the real CLI reports for it.
 CliFailure failureOf(const HttpReply& reply) {
   if (auto error = parseOrgError(reply.body)) {
-    return CliFailure::orgError(error->errorCode.empty() ? "ERROR_HTTP_" + std::to_string(reply.status)
-                                                         : error->errorCode,
-                                error->message);
+    return CliFailure::orgError(
+        error->errorCode.empty() ? "ERROR_HTTP_" + std::to_string(reply.status) : error->errorCode,
+        error->message);
   }
   return CliFailure::orgError("ERROR_HTTP_" + std::to_string(reply.status), reply.body);
 }
@@ -430,9 +439,8 @@ Json loginAccessToken(const CommandLine& line, const Environment& environment) {
   }
 
   // A Dev Hub is an org that lets its users read ScratchOrgInfo.
-  bool isDevHub =
-      isSuccess(http.get("/services/data/v51.0/query?q=" +
-                         OrgHttp::escape("SELECT Id FROM ScratchOrgInfo limit 1")));
+  bool isDevHub = isSuccess(http.get("/services/data/v51.0/query?q=" +
+                                     OrgHttp::escape("SELECT Id FROM ScratchOrgInfo limit 1")));
 
   std::string apiVersion = kDefaultApiVersion;
   SystemTime versionRead = std::chrono::system_clock::now();
@@ -448,10 +456,10 @@ Json loginAccessToken(const CommandLine& line, const Environment& environment) {
   }
 
   Json organization;
-  HttpReply orgReply = http.get(
-      "/services/data/v" + apiVersion + "/query?q=" +
-      OrgHttp::escape("SELECT Name, InstanceName, IsSandbox, TrialExpirationDate, "
-                      "NamespacePrefix, OrganizationType FROM Organization"));
+  HttpReply orgReply =
+      http.get("/services/data/v" + apiVersion + "/query?q=" +
+               OrgHttp::escape("SELECT Name, InstanceName, IsSandbox, TrialExpirationDate, "
+                               "NamespacePrefix, OrganizationType FROM Organization"));
   if (isSuccess(orgReply)) {
     Json page = parseObject(orgReply);
     if (page.contains("records") && page["records"].is_array() && !page["records"].empty()) {
@@ -475,9 +483,8 @@ Json loginAccessToken(const CommandLine& line, const Environment& environment) {
     fields["name"] = organizationField("Name");
     fields["instanceName"] = organizationField("InstanceName");
     fields["namespacePrefix"] = organizationField("NamespacePrefix");
-    fields["isSandbox"] = organizationField("IsSandbox").is_boolean()
-                              ? organizationField("IsSandbox")
-                              : Json(false);
+    fields["isSandbox"] =
+        organizationField("IsSandbox").is_boolean() ? organizationField("IsSandbox") : Json(false);
     fields["isScratch"] = false;
     fields["trailExpirationDate"] = organizationField("TrialExpirationDate");
     fields["orgEdition"] = organizationField("OrganizationType");
@@ -530,7 +537,8 @@ Json dataQuery(const CommandLine& line, const Environment& environment) {
   std::string version = line.value("api-version").value_or(apiVersionOf(login));
 
   // Every page is fetched, as the real CLI does: the result is the whole answer.
-  std::string next = "/services/data/v" + version + (line.has("all-rows") ? "/queryAll" : "/query") +
+  std::string next = "/services/data/v" + version +
+                     (line.has("all-rows") ? "/queryAll" : "/query") +
                      "?q=" + OrgHttp::escape(*soql);
   Json records = Json::array();
   Json totalSize;
@@ -657,10 +665,11 @@ Outcome runCommand(const std::vector<std::string>& arguments, const Environment&
   } catch (const std::exception& error) {
     // Anything unforeseen still ends in the CLI's failure frame, never in a crash.
     CliFailure failure = CliFailure::unexpectedReply(error.what());
-    return {failure.exitCode(),
-            json ? failure.toJson(className).dump(2, ' ', false, Json::error_handler_t::replace) + "\n"
-                 : "",
-            json ? "" : "Error: " + failure.description() + "\n"};
+    return {
+        failure.exitCode(),
+        json ? failure.toJson(className).dump(2, ' ', false, Json::error_handler_t::replace) + "\n"
+             : "",
+        json ? "" : "Error: " + failure.description() + "\n"};
   }
 }
 

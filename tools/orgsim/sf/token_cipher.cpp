@@ -75,14 +75,15 @@ std::string encrypt(std::string_view key, std::string_view plain) {
   std::array<unsigned char, kTagLength> tag{};
   int written = 0;
   int finalWritten = 0;
-  bool ok = context && EVP_EncryptInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, nullptr,
-                                          nullptr) == 1 &&
-            EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_SET_IVLEN, kNonceLength, nullptr) == 1 &&
-            EVP_EncryptInit_ex(context.get(), nullptr, nullptr, bytes(key), bytes(nonce)) == 1 &&
-            EVP_EncryptUpdate(context.get(), cipher.data(), &written, bytes(plain),
-                              static_cast<int>(plain.size())) == 1 &&
-            EVP_EncryptFinal_ex(context.get(), cipher.data() + written, &finalWritten) == 1 &&
-            EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_GET_TAG, kTagLength, tag.data()) == 1;
+  bool ok =
+      context &&
+      EVP_EncryptInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) == 1 &&
+      EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_SET_IVLEN, kNonceLength, nullptr) == 1 &&
+      EVP_EncryptInit_ex(context.get(), nullptr, nullptr, bytes(key), bytes(nonce)) == 1 &&
+      EVP_EncryptUpdate(context.get(), cipher.data(), &written, bytes(plain),
+                        static_cast<int>(plain.size())) == 1 &&
+      EVP_EncryptFinal_ex(context.get(), cipher.data() + written, &finalWritten) == 1 &&
+      EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_GET_TAG, kTagLength, tag.data()) == 1;
   if (!ok) throw std::runtime_error("token encryption failed");
   return nonce + toHex(cipher.data(), static_cast<std::size_t>(written + finalWritten)) + ":" +
          toHex(tag.data(), tag.size());
@@ -102,14 +103,15 @@ std::optional<std::string> decrypt(std::string_view key, std::string_view stored
   auto* out = reinterpret_cast<unsigned char*>(plain.data());
   int written = 0;
   int finalWritten = 0;
-  bool ok = context && EVP_DecryptInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, nullptr,
-                                          nullptr) == 1 &&
-            EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_SET_IVLEN, kNonceLength, nullptr) == 1 &&
-            EVP_DecryptInit_ex(context.get(), nullptr, nullptr, bytes(key), bytes(nonce)) == 1 &&
-            EVP_DecryptUpdate(context.get(), out, &written, cipher->data(),
-                              static_cast<int>(cipher->size())) == 1 &&
-            EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_SET_TAG, kTagLength, tag->data()) == 1 &&
-            EVP_DecryptFinal_ex(context.get(), out + written, &finalWritten) == 1;
+  bool ok =
+      context &&
+      EVP_DecryptInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) == 1 &&
+      EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_SET_IVLEN, kNonceLength, nullptr) == 1 &&
+      EVP_DecryptInit_ex(context.get(), nullptr, nullptr, bytes(key), bytes(nonce)) == 1 &&
+      EVP_DecryptUpdate(context.get(), out, &written, cipher->data(),
+                        static_cast<int>(cipher->size())) == 1 &&
+      EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_SET_TAG, kTagLength, tag->data()) == 1 &&
+      EVP_DecryptFinal_ex(context.get(), out + written, &finalWritten) == 1;
   if (!ok) return std::nullopt;
   plain.resize(static_cast<std::size_t>(written + finalWritten));
   return plain;
