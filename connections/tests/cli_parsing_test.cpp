@@ -118,17 +118,33 @@ TEST(MergeOrgArrays, KeepsTheRicherRecordTheFirstOnATieAndSortsByLowerCasedUsern
   EXPECT_THAT(names, ElementsAre("a@x.org", "B@x.org", "c@x.org"));
 }
 
-TEST(MergeOrgArrays, ScoresConnectionAboveEverythingElse) {
-  Org connected;
-  connected.username = "u@x.org";
-  connected.connectedStatusRaw = "Connected";
-  Org decorated;
-  decorated.username = "u@x.org";
-  decorated.alias = "u";
-  decorated.name = "U";
-  EXPECT_EQ(SalesforceCLI::richness(connected), 5);
-  EXPECT_EQ(SalesforceCLI::richness(decorated), 3);
-  EXPECT_EQ(&SalesforceCLI::preferRicher(decorated, connected), &connected);
+TEST(MergeOrgArrays, AConnectedRecordOutweighsAliasAndName) {
+  const json decorated = {{"username", "u@x.org"}, {"alias", "u"}, {"name", "U"}};
+  const json connected = {{"username", "u@x.org"}, {"connectedStatus", "Connected"}};
+  const auto orgs =
+      SalesforceCLI::mergeOrgArrays(listReply(json::array({decorated}), json::array({connected})));
+  ASSERT_EQ(orgs.size(), 1u);
+  EXPECT_EQ(orgs[0].connection(), OrgConnection::connected);
+}
+
+TEST(MergeOrgArrays, LoginsToOneOrgShareTheOrgsFacts) {
+  const json first = {{"username", "a@x.org"},
+                      {"orgId", "00D000000000001EAA"},
+                      {"name", "Acme"},
+                      {"orgEdition", "Enterprise Edition"},
+                      {"isSandbox", false}};
+  const json second = {{"username", "b@x.org"}, {"orgId", "00D000000000001"}};
+  const json other = {{"username", "c@x.org"}, {"orgId", "00d000000000001EAA"}};
+  const json scratch = {{"username", "s@x.org"}, {"status", "Active"}};
+  const auto orgs =
+      SalesforceCLI::mergeOrgArrays(listReply(json::array({first, second, other, scratch})));
+  ASSERT_EQ(orgs.size(), 4u);
+  EXPECT_EQ(orgs[1].name, "Acme") << "a 15-character id names the same org";
+  EXPECT_EQ(orgs[1].type(), OrgType::other) << "no instance URL: still not production";
+  EXPECT_EQ(orgs[1].edition, "Enterprise Edition");
+  EXPECT_EQ(orgs[2].name, std::nullopt) << "ids that differ in case name different orgs";
+  EXPECT_EQ(orgs[3].isScratch, true) << "only scratch orgs carry a scratch status";
+  EXPECT_EQ(orgs[3].connection(), OrgConnection::connected);
 }
 
 TEST(ParseOrg, MapsKeysAndTreatsEmptyTextAsAbsent) {

@@ -2,6 +2,8 @@
 // command makes of good, bad and hostile replies.
 #include "connections/salesforce_cli.hpp"
 
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -339,6 +341,25 @@ TEST(FrontDoor, UsesTheTargetRuleAndRefusesAnotherUser) {
             "Remove this login and add it again to repair it.");
   EXPECT_EQ(descriptionOf([&] { cli.frontDoorURL(Org{}); }),
             "This org has no alias or username to open.");
+}
+
+TEST(LoginWeb, StartsInTheBackgroundWithAliasAndInstance) {
+  FakeCLI fake;
+  SalesforceCLI cli(fake.options());
+  fake.script("exit 0");
+  auto child = cli.startLoginWeb("acme", "https://acme.my.salesforce.com");
+  for (int i = 0; i < 1000 && !child.poll(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(child.poll(), 0);
+  EXPECT_THAT(
+      fake.calls(),
+      ElementsAre("org login web --alias acme --instance-url https://acme.my.salesforce.com"));
+
+  writeFile(fake.path(), "#!/nonexistent/interpreter\n");
+  makeExecutable(fake.path());
+  EXPECT_THAT(descriptionOf([&] { cli.startLoginWeb(std::nullopt, std::nullopt); }),
+              HasSubstr("Could not start the login flow: "));
 }
 
 TEST(OrgHealth, CommandLinesAndWhatIsReadFromThem) {
