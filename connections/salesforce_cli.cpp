@@ -170,6 +170,15 @@ bool isSecureInstance(const std::string& url) {
   return isLoopbackHost(Ascii::lowered(probe.host()));
 }
 
+// A reply whose "status" is not 0; without a numeric status, the exit status decides.
+bool isFailure(const json& reply, int exitStatus) {
+  const json* status = member(reply, "status");
+  if (status == nullptr || !status->is_number()) return exitStatus != 0;
+  if (status->is_number_float()) return status->get<double>() != 0.0;
+  return status->is_number_unsigned() ? status->get<std::uint64_t>() != 0
+                                      : status->get<std::int64_t>() != 0;
+}
+
 std::string expandHome(const std::string& path) {
   if (path == "~") return AppSupport::homeFolder().string();
   if (startsWith(path, "~/")) return (AppSupport::homeFolder() / path.substr(2)).string();
@@ -345,17 +354,13 @@ json SalesforceCLI::runJSON(const std::vector<std::string>& args, std::chrono::m
   const ProcessResult result = runRaw(*path, args, timeout, cwd);
   auto reply = decodeReply(result.standardOutput);
   if (!reply && result.exitStatus != 0) {
-    // Older CLIs wrote the JSON of a failure to standard error.
+    // Older CLIs wrote the JSON of a failure to standard error; only a failure
+    // reply is taken from there.
     reply = decodeReply(result.standardError);
+    if (reply && !isFailure(*reply, result.exitStatus)) reply.reset();
   }
   if (!reply) throw CLIError::badOutput();
-
-  int status = result.exitStatus;
-  if (const json* value = member(*reply, "status"); value != nullptr && value->is_number()) {
-    status = value->is_number_float() ? (value->get<double>() == 0.0 ? 0 : 1)
-                                      : (value->get<std::int64_t>() == 0 ? 0 : 1);
-  }
-  if (status != 0) {
+  if (isFailure(*reply, result.exitStatus)) {
     std::string message;
     if (auto raw = text(*reply, "message")) message = cleanError(*raw);
     throw CLIError::failed(message.empty() ? fallback : message);
