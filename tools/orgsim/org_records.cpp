@@ -145,7 +145,7 @@ std::optional<RecordError> convert(const ObjectDef& object, const nlohmann::json
 namespace OrgRecords {
 
 SaveResult create(OrgStore& store, const ObjectDef& object, const nlohmann::json& fields,
-                  const std::string& userId) {
+                  const std::string& userId, bool dryRun) {
   if (!object.createable) {
     return failed(error("INSUFFICIENT_ACCESS_OR_READONLY",
                         "You do not have the level of access necessary to perform the operation "
@@ -170,6 +170,12 @@ SaveResult create(OrgStore& store, const ObjectDef& object, const nlohmann::json
     for (const auto& n : missing) list += (list.empty() ? "" : ", ") + n;
     return failed(error("REQUIRED_FIELD_MISSING", "Required fields are missing: [" + list + "]",
                         missing));
+  }
+  if (dryRun) {
+    SaveResult result;
+    result.success = true;
+    result.httpStatus = 201;
+    return result;
   }
   std::vector<std::string> names;
   std::vector<std::optional<std::string>> row;
@@ -201,7 +207,8 @@ SaveResult create(OrgStore& store, const ObjectDef& object, const nlohmann::json
 }
 
 SaveResult update(OrgStore& store, const ObjectDef& object, std::string_view rawId,
-                  const nlohmann::json& fields, const std::string& userId, bool force) {
+                  const nlohmann::json& fields, const std::string& userId, bool force,
+                  bool dryRun) {
   auto id = RecordIds::normalize(rawId);
   if (!id) return notFound();
   if (!object.updateable && !force) {
@@ -220,6 +227,12 @@ SaveResult update(OrgStore& store, const ObjectDef& object, std::string_view raw
     }
     if (state.deleted && !force) {
       result = failed(error("ENTITY_IS_DELETED", "entity is deleted"), 404, *id);
+      return;
+    }
+    if (dryRun) {
+      result.id = *id;
+      result.success = true;
+      result.httpStatus = 204;
       return;
     }
     std::string now = WireTime::dateTime(store.now());
@@ -300,7 +313,8 @@ void markDeleted(Database& db, const ObjectDef& object, const std::string& id,
 
 }  // namespace
 
-SaveResult remove(OrgStore& store, std::string_view rawId, const std::string& userId) {
+SaveResult remove(OrgStore& store, std::string_view rawId, const std::string& userId,
+                  bool dryRun) {
   auto id = RecordIds::normalize(rawId);
   const ObjectDef* object = id ? Schema::objectForId(*id) : nullptr;
   if (!id || object == nullptr) {
@@ -322,7 +336,7 @@ SaveResult remove(OrgStore& store, std::string_view rawId, const std::string& us
       result = failed(error("ENTITY_IS_DELETED", "entity is deleted"), 404, *id);
       return;
     }
-    markDeleted(db, *object, *id, WireTime::dateTime(store.now()), userId, std::nullopt);
+    if (!dryRun) markDeleted(db, *object, *id, WireTime::dateTime(store.now()), userId, std::nullopt);
     result.id = *id;
     result.success = true;
     result.httpStatus = 204;

@@ -73,16 +73,19 @@ namespace OrgRecords {
 
 // Creates one record from JSON field values (base64 fields hold base64 text).
 // `userId` becomes CreatedById, LastModifiedById and (unless given) OwnerId.
+// With `dryRun` nothing is written: the answer says whether it would succeed.
 SaveResult create(OrgStore& store, const ObjectDef& object, const nlohmann::json& fields,
-                  const std::string& userId);
+                  const std::string& userId, bool dryRun = false);
 
 // Changes fields of a live record. With `force` (the admin interface) read-only
 // stored fields may be set too, and given timestamps are kept.
 SaveResult update(OrgStore& store, const ObjectDef& object, std::string_view id,
-                  const nlohmann::json& fields, const std::string& userId, bool force = false);
+                  const nlohmann::json& fields, const std::string& userId, bool force = false,
+                  bool dryRun = false);
 
 // Moves a record to the Recycle Bin (IsDeleted, deletion date, deletion log).
-SaveResult remove(OrgStore& store, std::string_view id, const std::string& userId);
+SaveResult remove(OrgStore& store, std::string_view id, const std::string& userId,
+                  bool dryRun = false);
 
 // Puts a record in the Recycle Bin back.
 SaveResult undelete(OrgStore& store, std::string_view id, const std::string& userId);

@@ -364,7 +364,19 @@ std::unique_ptr<OrgStore> OrgStore::open(const std::filesystem::path& stateDir) 
         "  data BLOB NOT NULL, UNIQUE (object, id));"
         "CREATE TABLE IF NOT EXISTS _deletions (object TEXT NOT NULL, id TEXT NOT NULL, "
         "  deleted_at TEXT NOT NULL, purged INTEGER NOT NULL DEFAULT 0, PRIMARY KEY (object, id));"
-        "CREATE INDEX IF NOT EXISTS _deletions_by_time ON _deletions (object, deleted_at);");
+        "CREATE INDEX IF NOT EXISTS _deletions_by_time ON _deletions (object, deleted_at);"
+        // What the server keeps: sessions, fault rules, the request log, the API
+        // allowance per minute, and Bulk API query jobs.
+        "CREATE TABLE IF NOT EXISTS _tokens (token TEXT PRIMARY KEY, user_id TEXT NOT NULL, "
+        "  username TEXT NOT NULL, expires_at TEXT NOT NULL);"
+        "CREATE TABLE IF NOT EXISTS _faults (id INTEGER PRIMARY KEY, rule TEXT NOT NULL, "
+        "  remaining INTEGER NOT NULL);"
+        "CREATE TABLE IF NOT EXISTS _requests (seq INTEGER PRIMARY KEY, at TEXT NOT NULL, "
+        "  method TEXT NOT NULL, path TEXT NOT NULL, query TEXT, status INTEGER, "
+        "  username TEXT, fault TEXT, millis INTEGER);"
+        "CREATE TABLE IF NOT EXISTS _api_calls (minute INTEGER PRIMARY KEY, calls INTEGER NOT NULL);"
+        "CREATE TABLE IF NOT EXISTS _jobs (id TEXT PRIMARY KEY, info TEXT NOT NULL, "
+        "  created_at TEXT NOT NULL);");
     for (const auto& object : Schema::objects()) {
       db.exec(tableDefinition(object));
       for (const auto& sql : indexDefinitions(object)) db.exec(sql);
@@ -438,6 +450,12 @@ std::string OrgStore::newId(std::string_view objectName) {
   std::string id;
   write([&](Database& db) { id = newIdLocked(db, object->keyPrefix); });
   return id;
+}
+
+std::int64_t OrgStore::nextSerial(const std::string& counter) {
+  std::int64_t serial = 0;
+  write([&](Database& db) { serial = nextSerialLocked(db, "#" + counter); });
+  return serial;
 }
 
 OrgIdentity OrgStore::identity() const {

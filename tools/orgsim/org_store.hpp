@@ -152,6 +152,10 @@ class OrgStore {
   // (the counter is persisted). Throws UnknownObject for objects without a prefix.
   std::string newId(std::string_view objectName);
 
+  // The next number of a named, persisted counter (starting at 1), for ids of
+  // things that are not records (jobs, query cursors).
+  std::int64_t nextSerial(const std::string& counter);
+
   // Starts a batched insert into one object. `fields` names the columns every row
   // will give, in order (any case; they are matched against the catalog). Throws
   // UnknownObject, UnknownField or NotWritable. See RecordWriter.
