@@ -291,9 +291,11 @@ std::variant<BulkPage, BulkError> BulkJobs::page(const std::string& id,
   int fd = ::open(indexFile.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return BulkError{500, "UNKNOWN_EXCEPTION", "The job's results are missing."};
   std::uint64_t offsets[3] = {0, 0, 0};
+  // Entry k of the index is where row k starts (entry 0: the end of the header line;
+  // the last entry: the end of the file).
   bool ok = ::pread(fd, &offsets[0], 8, 0) == 8 &&
-            ::pread(fd, &offsets[1], 8, static_cast<off_t>(8 * (first + 1))) == 8 &&
-            ::pread(fd, &offsets[2], 8, static_cast<off_t>(8 * (last + 1))) == 8;
+            ::pread(fd, &offsets[1], 8, static_cast<off_t>(8 * first)) == 8 &&
+            ::pread(fd, &offsets[2], 8, static_cast<off_t>(8 * last)) == 8;
   ::close(fd);
   if (!ok) return BulkError{500, "UNKNOWN_EXCEPTION", "The job's results are damaged."};
   page.headerBytes = offsets[0];

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <map>
 #include <set>
 
@@ -976,12 +977,11 @@ std::int64_t CompiledQuery::appendAggregateJson(Database& db, std::string& out) 
                  !isNumeric(column.field->type)) {
         appendJsonValue(out, column.field, row, column.sqlColumn);
       } else {
-        // Whole numbers of integer fields stay integers; others keep SQLite's
-        // shortest exact text of the double.
+        // Whole numbers are written without a fraction; others keep SQLite's text
+        // of the double (15 significant digits).
         double value = row.real(column.sqlColumn);
         std::string text(row.text(column.sqlColumn));
-        if (column.field != nullptr && column.field->type == FieldType::Int &&
-            value == static_cast<double>(static_cast<std::int64_t>(value))) {
+        if (std::abs(value) < 1e15 && value == static_cast<double>(static_cast<std::int64_t>(value))) {
           text = std::to_string(static_cast<std::int64_t>(value));
         }
         out += WireValues::plainNumber(text).value_or(text);
