@@ -192,6 +192,7 @@ BulkJobInfo BulkJobs::create(const std::string& operation, const std::string& so
 }
 
 std::optional<BulkJobInfo> BulkJobs::get(const std::string& id) {
+  std::lock_guard lock(stateMutex_);
   auto job = load(id);
   if (!job) return std::nullopt;
   if (job->state != "UploadComplete" && job->state != "InProgress") return job;
@@ -232,6 +233,8 @@ std::vector<BulkJobInfo> BulkJobs::list() {
 
 std::variant<BulkJobInfo, BulkError> BulkJobs::abort(const std::string& id) {
   auto job = get(id);
+  std::lock_guard lock(stateMutex_);
+  if (job) job = load(id);
   if (!job) return BulkError{404, "NOT_FOUND", "The requested resource does not exist"};
   if (job->state != "UploadComplete" && job->state != "InProgress") {
     return BulkError{400, "INVALIDJOBSTATE",
@@ -244,6 +247,7 @@ std::variant<BulkJobInfo, BulkError> BulkJobs::abort(const std::string& id) {
 }
 
 bool BulkJobs::remove(const std::string& id) {
+  std::lock_guard lock(stateMutex_);
   if (!load(id)) return false;
   store_.write([&](Database& db) { db.prepare("DELETE FROM _jobs WHERE id = ?").bind(1, id).run(); });
   std::error_code error;
@@ -327,6 +331,7 @@ void BulkJobs::worker() {
     try {
       writeResult(id);
     } catch (const std::exception& error) {
+      std::lock_guard lock(stateMutex_);
       if (auto job = load(id)) {
         job->failure = std::string("UNKNOWN_EXCEPTION: ") + error.what();
         save(*job);
@@ -381,6 +386,7 @@ void BulkJobs::writeResult(const std::string& id) {
   if (!ok) throw std::runtime_error("cannot write the job's results");
   std::filesystem::rename(csvPart, csvPath);
   std::filesystem::rename(indexPart, indexPath);
+  std::lock_guard lock(stateMutex_);
   job = load(id);
   if (!job) {  // deleted while its result was being written
     std::error_code error;

@@ -105,6 +105,9 @@ class BulkJobs {
   std::filesystem::path folder() const;
 
   OrgStore& store_;
+  // Held across every read-change-write of a job's stored state, so that the
+  // worker finishing a result and a poll moving the state never undo each other.
+  std::mutex stateMutex_;
   std::mutex mutex_;  // guards queue_, busy_, stopping_
   std::condition_variable wake_;
   std::condition_variable idle_;
