@@ -44,6 +44,20 @@ bool startsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;
 }
 
+std::string percentEncode(std::string_view text) {
+  std::string out;
+  for (unsigned char c : text) {
+    if (std::isalnum(c) || c == '-' || c == '_' || c == '.' || c == '~') {
+      out += static_cast<char>(c);
+    } else {
+      char buffer[4];
+      std::snprintf(buffer, sizeof buffer, "%%%02X", c);
+      out += buffer;
+    }
+  }
+  return out;
+}
+
 std::vector<std::string> splitPath(std::string_view path) {
   std::vector<std::string> parts;
   std::size_t at = 0;
@@ -88,8 +102,15 @@ std::string saveResultJson(const SaveResult& result) {
 // What one request carries through the server.
 struct Exchange {
   Exchange(const httplib::Request& request, httplib::Response& response)
-      : req(request), res(response) {}
+      : req(request), res(response) {
+    // Salesforce takes repeated slashes as one (the CLI asks for "//services/data").
+    for (char c : request.path) {
+      if (c == '/' && !path.empty() && path.back() == '/') continue;
+      path += c;
+    }
+  }
   const httplib::Request& req;
+  std::string path;
   httplib::Response& res;
   std::string username;
   std::string userId;
@@ -236,7 +257,7 @@ struct OrgServer::Impl {
                  "VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
           .bind(1, at)
           .bind(2, ex.req.method)
-          .bind(3, ex.req.path)
+          .bind(3, ex.path)
           .bind(4, query)
           .bind(5, std::int64_t{ex.res.status})
           .bind(6, ex.username)
@@ -286,7 +307,7 @@ struct OrgServer::Impl {
   }
 
   void route(Exchange& ex) {
-    const std::string& path = ex.req.path;
+    const std::string& path = ex.path;
     if (startsWith(path, "/_admin/")) return admin(ex);
     if (path == "/secur/frontdoor.jsp") {
       ex.res.set_content("<!DOCTYPE html><html><body>Sample org home</body></html>", "text/html");
@@ -400,7 +421,7 @@ struct OrgServer::Impl {
   }
 
   void oauth(Exchange& ex) {
-    const std::string& path = ex.req.path;
+    const std::string& path = ex.path;
     if (path != "/services/oauth2/userinfo" && path != "/services/oauth2/singleaccess") {
       return notFound(ex);
     }
@@ -419,7 +440,11 @@ struct OrgServer::Impl {
     if (path == "/services/oauth2/singleaccess") {
       std::string otp = WireValues::base64Encode(session->userId + ":" +
                                                  WireTime::dateTime(store.now()));
-      Json json = {{"frontdoor_uri", base + "/secur/frontdoor.jsp?otp=" + otp + "&cshc=local"}};
+      std::string uri = base + "/secur/frontdoor.jsp?otp=" + otp + "&cshc=local";
+      if (ex.req.has_param("redirect_uri")) {
+        uri += "&retURL=" + percentEncode(ex.req.get_param_value("redirect_uri"));
+      }
+      Json json = {{"frontdoor_uri", uri}};
       return sendJson(ex, 200, json.dump());
     }
     std::string first, last, email, userTimezone = "Europe/London", locale = "en_US";
@@ -684,6 +709,7 @@ struct OrgServer::Impl {
     OrgRecords::purgeExpired(store);
     auto compiled = QueryEngine::compile(soql, all ? QueryScope::All : QueryScope::Live,
                                          QueryApi::Rest, store.now());
+    if (ex.req.get_param_value("columns") == "true") return columnMetadata(ex, *compiled);
     auto lease = store.read();
     if (compiled->isCountAll()) {
       std::int64_t total = compiled->count(lease.db());
@@ -712,6 +738,82 @@ struct OrgServer::Impl {
     }
     sendPage(ex, version, all, id, cursor, 0, batch, lease.db());
     if (!id.empty()) keepCursor(id, std::move(cursor));
+  }
+
+  // The column list the Salesforce CLI asks for (query?q=...&columns=true).
+  void columnMetadata(Exchange& ex, const CompiledQuery& compiled) {
+    auto describe = [](const std::string& name, const std::string& display,
+                       const FieldDef* field, bool aggregate) {
+      FieldType type = field != nullptr ? field->type : FieldType::Int;
+      std::string apex;
+      switch (type) {
+        case FieldType::Id:
+        case FieldType::Reference: apex = "Id"; break;
+        case FieldType::Boolean: apex = "Boolean"; break;
+        case FieldType::Int: apex = "Integer"; break;
+        case FieldType::Double:
+        case FieldType::Percent: apex = "Double"; break;
+        case FieldType::Currency: apex = "Decimal"; break;
+        case FieldType::Date: apex = "Date"; break;
+        case FieldType::DateTime: apex = "Datetime"; break;
+        case FieldType::Address: apex = "Address"; break;
+        case FieldType::Location: apex = "Location"; break;
+        case FieldType::Base64: apex = "Blob"; break;
+        default: apex = "String";
+      }
+      OrderedJson column;
+      column["aggregate"] = aggregate;
+      column["apexType"] = apex;
+      column["booleanType"] = type == FieldType::Boolean;
+      column["columnName"] = name;
+      column["custom"] = name.ends_with("__c");
+      column["displayName"] = display;
+      column["foreignKeyName"] = nullptr;
+      column["insertable"] = field != nullptr && field->createable;
+      column["joinColumns"] = OrderedJson::array();
+      column["numberType"] = isNumeric(type);
+      column["textType"] = apex == "String" || apex == "Id";
+      column["updatable"] = field != nullptr && field->updateable;
+      return column;
+    };
+    OrderedJson columns = OrderedJson::array();
+    bool idSelected = false;
+    for (const auto& column : compiled.columns()) {
+      bool aggregate = column.kind == OutputColumn::Kind::Aggregate;
+      if (column.relationshipPath.empty()) {
+        idSelected = idSelected || column.name == "Id";
+        columns.push_back(describe(column.name, column.header, column.field, aggregate));
+        continue;
+      }
+      // A relationship column nests its field in joinColumns, one level per step.
+      OrderedJson* level = &columns;
+      std::string display;
+      for (const auto& step : column.relationshipPath) {
+        display += (display.empty() ? "" : ".") + step;
+        OrderedJson* found = nullptr;
+        for (auto& existing : *level) {
+          if (existing["columnName"] == step) found = &existing;
+        }
+        if (found == nullptr) {
+          OrderedJson parent = describe(step, display, nullptr, false);
+          parent["apexType"] = nullptr;
+          parent["numberType"] = false;
+          parent["textType"] = false;
+          level->push_back(parent);
+          found = &level->back();
+        }
+        level = &(*found)["joinColumns"];
+      }
+      level->push_back(describe(column.name, column.header, column.field, aggregate));
+    }
+    OrderedJson json;
+    json["columnMetadata"] = columns;
+    json["entityName"] = compiled.isAggregate() ? "AggregateResult" : compiled.object().name;
+    json["groupBy"] = compiled.query().groupBy.has_value();
+    json["idSelected"] = idSelected;
+    json["keyPrefix"] = compiled.object().keyPrefix.empty() ? OrderedJson(nullptr)
+                                                            : OrderedJson(compiled.object().keyPrefix);
+    sendJson(ex, 200, json.dump());
   }
 
   void keepCursor(const std::string& id, Cursor cursor) {
@@ -984,7 +1086,7 @@ struct OrgServer::Impl {
                          "InvalidJob : The sample org writes CSV with COMMA and LF only.");
       }
       std::optional<std::string> failure;
-      if (auto fault = Faults::take(store, method, ex.req.path, {FaultRule::Kind::FailJob})) {
+      if (auto fault = Faults::take(store, method, ex.path, {FaultRule::Kind::FailJob})) {
         ex.faultName = "failJob";
         failure = fault->message.empty()
                       ? "InternalServerError : Failed to process query: UNKNOWN_EXCEPTION"
@@ -1029,7 +1131,7 @@ struct OrgServer::Impl {
       }
       maxRecords = value;
     }
-    if (Faults::take(store, method, ex.req.path, {FaultRule::Kind::InvalidLocator})) {
+    if (Faults::take(store, method, ex.path, {FaultRule::Kind::InvalidLocator})) {
       ex.faultName = "invalidLocator";
       return sendError(ex, 400, "INVALID_QUERY_LOCATOR", "invalid query locator");
     }
@@ -1090,7 +1192,7 @@ struct OrgServer::Impl {
       }
       std::vector<MergeOutcome> results;
       for (const auto& request : call->merges) {
-        if (Faults::take(store, "POST", ex.req.path, {FaultRule::Kind::LockRow})) {
+        if (Faults::take(store, "POST", ex.path, {FaultRule::Kind::LockRow})) {
           ex.faultName = "UNABLE_TO_LOCK_ROW";
           MergeOutcome outcome;
           outcome.id = request.masterId;
@@ -1128,7 +1230,7 @@ struct OrgServer::Impl {
 // The admin interface: JSON in and out, outside /services, never faulted or counted.
 void OrgServer::Impl::admin(Exchange& ex) {
   const std::string& method = ex.req.method;
-  auto parts = splitPath(ex.req.path);  // "_admin", ...
+  auto parts = splitPath(ex.path);  // "_admin", ...
   Json body = ex.req.body.empty() ? Json::object() : Json::parse(ex.req.body, nullptr, false);
   auto bad = [&](const std::string& message) {
     sendJson(ex, 400, Json{{"error", message}}.dump());

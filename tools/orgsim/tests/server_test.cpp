@@ -88,8 +88,17 @@ TEST_F(OrgServerTest, AnswersTheRequestsTheSalesforceCliMakesWhileLoggingIn) {
   json organization = query("Select Namespaceprefix FROM Organization");
   EXPECT_EQ(organization["totalSize"], 1);
   EXPECT_TRUE(organization["records"][0].contains("NamespacePrefix"));
-  json versions = getJson("/services/data");
+  // The CLI joins its instance URL's trailing "/" with paths that begin with "/".
+  json versions = getJson("//services/data");
   EXPECT_EQ(versions.back()["version"], "62.0");
+  EXPECT_TRUE(getJson("//services/data/v62.0").contains("sobjects"));
+  // `sf data query` asks for the columns of what it queried.
+  json columns = getJson("/services/data/v62.0/query?columns=true&q=" +
+                         encode("SELECT Action, CreatedBy.Name FROM SetupAuditTrail"));
+  EXPECT_EQ(columns["entityName"], "SetupAuditTrail");
+  EXPECT_EQ(columns["columnMetadata"][0]["columnName"], "Action");
+  EXPECT_EQ(columns["columnMetadata"][1]["columnName"], "CreatedBy");
+  EXPECT_EQ(columns["columnMetadata"][1]["joinColumns"][0]["displayName"], "CreatedBy.Name");
   EXPECT_NE(getJson("/services/oauth2/singleaccess")["frontdoor_uri"].get<std::string>().find(
                 "/secur/frontdoor.jsp?otp="),
             std::string::npos);
