@@ -64,8 +64,8 @@ Regarding pickRegarding(const OrgPlan& plan, RandomSource& random) {
 
 Clock::time_point around(Clock::time_point when, days before, days after, RandomSource& random) {
   auto span = std::chrono::duration_cast<milliseconds>(before + after).count();
-  auto at = when - before + milliseconds(static_cast<std::int64_t>(
-                                static_cast<double>(span) * random.unit()));
+  auto at = when - before +
+            milliseconds(static_cast<std::int64_t>(static_cast<double>(span) * random.unit()));
   return std::chrono::time_point_cast<minutes>(at);
 }
 
@@ -82,7 +82,8 @@ constexpr AuditEntry kAuditEntries[] = {
     {"customfieldcreated", "Customize Accounts", "Created custom field Region (Picklist)"},
     {"changedValidationFormula", "Customize Opportunities",
      "Changed validation formula for \"Amount, when closed\""},
-    {"changedCompanyPhone", "Company Profile", "Changed company phone from 020 7946 0000 to +44 20 7946 0000"},
+    {"changedCompanyPhone", "Company Profile",
+     "Changed company phone from 020 7946 0000 to +44 20 7946 0000"},
     {"createdApexClass", "Apex Class", "Created Apex class InvoiceService"},
     {"changedFlsEnabled", "Customize Contacts", "Changed field-level security for Contact: Email"},
     {"apiUserLimitChange", "Manage Users", "Changed API request limit for %s"},
@@ -95,8 +96,9 @@ void tasks(GenerationContext& context) {
   auto total = plan.count("Task");
   RowSink row(context.store, "Task", total, context.progress, context.shouldStop);
   static constexpr std::string_view kStatuses[] = {
-      "Completed", "Completed", "Completed", "Completed", "Completed", "Completed",
-      "Not Started", "Not Started", "In Progress", "Waiting on someone else", "Deferred"};
+      "Completed", "Completed",   "Completed",   "Completed",   "Completed",
+      "Completed", "Not Started", "Not Started", "In Progress", "Waiting on someone else",
+      "Deferred"};
   for (std::uint64_t k = 1; k <= static_cast<std::uint64_t>(total); ++k) {
     auto r = plan.random("task", k);
     Regarding regarding = pickRegarding(plan, r);
@@ -134,10 +136,14 @@ void events(GenerationContext& context) {
   const OrgPlan& plan = context.plan;
   auto total = plan.count("Event");
   RowSink row(context.store, "Event", total, context.progress, context.shouldStop);
-  static constexpr std::string_view kLocations[] = {
-      "Zoom", "Teams", "Customer site", "Room 4.01", "Café Lumière, Rue de Rivoli",
-      "HQ, \"Big\" meeting room", "会議室A"};
-  static constexpr std::string_view kSubjects[] = {"Meeting", "Demo", "Lunch", "Call",
+  static constexpr std::string_view kLocations[] = {"Zoom",
+                                                    "Teams",
+                                                    "Customer site",
+                                                    "Room 4.01",
+                                                    "Café Lumière, Rue de Rivoli",
+                                                    "HQ, \"Big\" meeting room",
+                                                    "会議室A"};
+  static constexpr std::string_view kSubjects[] = {"Meeting",          "Demo",      "Lunch", "Call",
                                                    "Quarterly review", "Site visit"};
   for (std::uint64_t k = 1; k <= static_cast<std::uint64_t>(total); ++k) {
     auto r = plan.random("event", k);
@@ -156,8 +162,8 @@ void events(GenerationContext& context) {
     row.put("ActivityDate", WireTime::date(start));
     row.put("Description", r.chance(0.3) ? FreeText::note(r) : std::string());
     row.put("IsArchived", end < plan.now() - days(365));
-    row.put("Location", r.chance(0.6) ? kLocations[r.below(std::size(kLocations))]
-                                      : std::string_view());
+    row.put("Location",
+            r.chance(0.6) ? kLocations[r.below(std::size(kLocations))] : std::string_view());
     row.put("IsAllDayEvent", allDay);
     row.put("ActivityDateTime", allDay ? std::string() : WireTime::dateTime(start));
     row.put("StartDateTime", WireTime::dateTime(start));
@@ -259,8 +265,10 @@ void accountFeed(GenerationContext& context) {
     Stamps stamps = plan.stamps("AccountFeed", k, plan.stamps("Account", account).createdAt);
     auto author = plan.pickUser(r);
     double kind = r.unit();
-    std::string_view type = kind < 0.6 ? "TextPost" : kind < 0.75 ? "LinkPost"
-                          : kind < 0.85 && versions > 0 ? "ContentPost" : "TrackedChange";
+    std::string_view type = kind < 0.6                    ? "TextPost"
+                            : kind < 0.75                 ? "LinkPost"
+                            : kind < 0.85 && versions > 0 ? "ContentPost"
+                                                          : "TrackedChange";
     row.put("Id", plan.id("AccountFeed", k));
     row.put("ParentId", plan.id("Account", account));
     row.put("Type", type);
@@ -268,8 +276,8 @@ void accountFeed(GenerationContext& context) {
     row.put("LikeCount", static_cast<std::int64_t>(r.chance(0.5) ? 0 : r.between(1, 120)));
     row.put("Title", type == "LinkPost" ? FreeText::sentence(r) : std::string());
     row.put("Body", type == "TrackedChange" ? std::string() : FreeText::note(r, 10000));
-    row.put("LinkUrl", type == "LinkPost" ? "https://www." + plan.accountDomain(account) + "/news?id=" +
-                                                std::to_string(k) + "&lang=en"
+    row.put("LinkUrl", type == "LinkPost" ? "https://www." + plan.accountDomain(account) +
+                                                "/news?id=" + std::to_string(k) + "&lang=en"
                                           : std::string());
     row.put("RelatedRecordId",
             type == "ContentPost"
@@ -294,8 +302,9 @@ void setupAuditTrail(GenerationContext& context) {
     std::string display(entry.display);
     if (auto at = display.find("%s"); at != std::string::npos) {
       auto user = plan.pickUser(r);
-      display.replace(at, 2, user == 1 ? context.identity.adminUsername
-                                       : "user" + std::to_string(user) + "@sample.org");
+      display.replace(at, 2,
+                      user == 1 ? context.identity.adminUsername
+                                : "user" + std::to_string(user) + "@sample.org");
     }
     row.put("Id", plan.id("SetupAuditTrail", k));
     row.put("Action", entry.action);
@@ -347,8 +356,8 @@ void recentlyViewed(GenerationContext& context) {
         email = person.person.email;
         phone = person.person.phone;
       }
-      auto viewed = plan.now() - milliseconds(static_cast<std::int64_t>(
-                                     r.unit() * 90.0 * 24 * 3600 * 1000));
+      auto viewed =
+          plan.now() - milliseconds(static_cast<std::int64_t>(r.unit() * 90.0 * 24 * 3600 * 1000));
       viewed = std::chrono::time_point_cast<milliseconds>(viewed);
       row.put("Name", name);
       row.put("Type", type);

@@ -77,8 +77,7 @@ CompanyIdentity make(RandomSource& random) {
   const ObjectDef* account = Schema::object("Account");
   const FieldDef* industry = account != nullptr ? account->field("Industry") : nullptr;
   if (industry != nullptr && !industry->picklistValues.empty() && random.chance(0.85)) {
-    company.industry =
-        industry->picklistValues[random.below(industry->picklistValues.size())];
+    company.industry = industry->picklistValues[random.below(industry->picklistValues.size())];
   }
   company.employees = random.chance(0.7) ? random.between(1, 500) : random.between(500, 9999999);
   company.revenue = revenue(random);
@@ -112,7 +111,7 @@ CompanyRecord variant(const CompanyIdentity& company, RandomSource& random) {
   const WordLists::LegalForm* form = company.legalForm;
   bool comma = false, nameCase = false, typo = false;
   std::vector<Change> possible = {Change::OtherLegalForm, Change::Article, Change::NameCase,
-                                  Change::Typo, Change::Website, Change::PhoneFormat,
+                                  Change::Typo,           Change::Website, Change::PhoneFormat,
                                   Change::AddressForm};
   if (company.legalForm != nullptr) possible.push_back(Change::NoLegalForm);
   if (company.stem.find('&') != std::string::npos ||
@@ -127,8 +126,8 @@ CompanyRecord variant(const CompanyIdentity& company, RandomSource& random) {
     possible.erase(possible.begin() + static_cast<std::ptrdiff_t>(at));
     switch (change) {
       case Change::OtherLegalForm: {
-        auto family = form != nullptr ? sameFamily(*form)
-                                      : std::vector<const WordLists::LegalForm*>{};
+        auto family =
+            form != nullptr ? sameFamily(*form) : std::vector<const WordLists::LegalForm*>{};
         form = !family.empty() && random.chance(0.6) ? family[random.below(family.size())]
                                                      : &random.pick(WordLists::legalForms());
         comma = random.chance(0.3);

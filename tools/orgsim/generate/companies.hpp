@@ -16,16 +16,16 @@
 namespace corvane::orgsim {
 
 struct CompanyIdentity {
-  std::string stem;  // "Acme", "Blue Harbor"
-  std::string word;  // "Systems"; may be empty
+  std::string stem;                                 // "Acme", "Blue Harbor"
+  std::string word;                                 // "Systems"; may be empty
   const WordLists::LegalForm* legalForm = nullptr;  // null: none written
-  std::string domain;  // "acmesystems.com"
+  std::string domain;                               // "acmesystems.com"
   PhoneNumber phone;
   int phoneStyle = 0;
   PostalAddress address;
   std::string_view industry;
   std::int64_t employees = 0;
-  std::string revenue;  // plain decimal digits, up to 18 of them
+  std::string revenue;       // plain decimal digits, up to 18 of them
   std::string tickerSymbol;  // may be empty
 };
 

@@ -55,14 +55,22 @@ std::string formatNorthAmerican(const PhoneNumber& p, int style) {
   const std::string& a = p.area;
   std::string e = p.subscriber.substr(0, 3), l = p.subscriber.substr(3);
   switch (style) {
-    case 1: return a + "-" + e + "-" + l;
-    case 2: return a + "." + e + "." + l;
-    case 3: return "+1 " + a + " " + e + " " + l;
-    case 4: return "+1 (" + a + ") " + e + "-" + l;
-    case 5: return "1-" + a + "-" + e + "-" + l;
-    case 6: return a + e + l;
-    case 7: return "+1" + a + e + l;
-    default: return "(" + a + ") " + e + "-" + l;
+    case 1:
+      return a + "-" + e + "-" + l;
+    case 2:
+      return a + "." + e + "." + l;
+    case 3:
+      return "+1 " + a + " " + e + " " + l;
+    case 4:
+      return "+1 (" + a + ") " + e + "-" + l;
+    case 5:
+      return "1-" + a + "-" + e + "-" + l;
+    case 6:
+      return a + e + l;
+    case 7:
+      return "+1" + a + e + l;
+    default:
+      return "(" + a + ") " + e + "-" + l;
   }
 }
 
@@ -71,18 +79,23 @@ std::string formatInternational(const PhoneNumber& p, int style) {
   std::string area = p.area.empty() ? "" : p.area + " ";
   const std::string& s = p.subscriber;
   switch (style) {
-    case 1: return "+" + dial + " " + area + grouped(p);
+    case 1:
+      return "+" + dial + " " + area + grouped(p);
     case 2:
       return p.area.empty() ? "+" + dial + " " + grouped(p)
                             : "+" + dial + " (0)" + p.area + " " + grouped(p);
-    case 3: return "+" + dial + p.area + s;
-    case 4: return "00" + dial + " " + area + grouped(p);
-    case 5: return trunk(p) + s;
-    case 6: return p.area.empty() ? s : trunk(p) + "/" + s;
+    case 3:
+      return "+" + dial + p.area + s;
+    case 4:
+      return "00" + dial + " " + area + grouped(p);
+    case 5:
+      return trunk(p) + s;
+    case 6:
+      return p.area.empty() ? s : trunk(p) + "/" + s;
     case 7:
-      return p.area.empty() ? grouped(p)
-                            : trunk(p) + "-" + s.substr(0, s.size() / 2) + "-" +
-                                  s.substr(s.size() / 2);
+      return p.area.empty()
+                 ? grouped(p)
+                 : trunk(p) + "-" + s.substr(0, s.size() / 2) + "-" + s.substr(s.size() / 2);
     default:
       if (p.countryCode == "JP") return trunk(p) + "-" + grouped(p);
       if (p.countryCode == "AU") return "(" + trunk(p) + ") " + grouped(p);
@@ -136,17 +149,22 @@ std::string localPart(std::string_view firstAscii, std::string_view lastAscii, i
   if (first.empty()) return last.empty() ? "contact" : last;
   if (last.empty()) return first;
   switch (pattern % 5) {
-    case 1: return first.substr(0, 1) + last;
-    case 2: return first + "_" + last;
-    case 3: return first + last.substr(0, 1);
-    case 4: return first;
-    default: return first + "." + last;
+    case 1:
+      return first.substr(0, 1) + last;
+    case 2:
+      return first + "_" + last;
+    case 3:
+      return first + last.substr(0, 1);
+    case 4:
+      return first;
+    default:
+      return first + "." + last;
   }
 }
 
 std::string withPlusTag(std::string_view address, RandomSource& random) {
-  static constexpr std::string_view kTags[] = {"news", "sf", "crm", "2023", "work",
-                                               "promo", "newsletter", "a1", "events"};
+  static constexpr std::string_view kTags[] = {"news",  "sf",         "crm", "2023",  "work",
+                                               "promo", "newsletter", "a1",  "events"};
   auto at = address.rfind('@');
   if (at == std::string_view::npos || at == 0) return std::string(address);
   return std::string(address.substr(0, at)) + "+" +
@@ -214,11 +232,11 @@ AddressText write(const PostalAddress& address, const AddressStyle& style) {
   const WordLists::City& city = *address.city;
   std::string number = std::to_string(address.number);
   if (city.countryCode == "DE" || city.countryCode == "CH") {
-    out.street = std::string(address.streetName) +
-                 (style.abbreviateStreet ? "str. " : "straße ") + number;
+    out.street =
+        std::string(address.streetName) + (style.abbreviateStreet ? "str. " : "straße ") + number;
   } else {
-    auto kinds = style.abbreviateStreet ? WordLists::streetKindAbbreviations()
-                                        : WordLists::streetKinds();
+    auto kinds =
+        style.abbreviateStreet ? WordLists::streetKindAbbreviations() : WordLists::streetKinds();
     out.street = number + " " + std::string(address.streetName) + " " +
                  std::string(kinds[static_cast<std::size_t>(address.streetKind) % kinds.size()]);
   }

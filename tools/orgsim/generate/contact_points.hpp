@@ -28,7 +28,7 @@ struct PhoneNumber {
 struct PostalAddress {
   int number = 1;
   std::string_view streetName;
-  int streetKind = 0;  // index into WordLists::streetKinds()
+  int streetKind = 0;           // index into WordLists::streetKinds()
   std::string_view secondLine;  // empty: none
   const WordLists::City* city = nullptr;
   std::string postalCode;
@@ -39,8 +39,8 @@ struct PostalAddress {
 
 // How an address is written out.
 struct AddressStyle {
-  bool abbreviateStreet = false;  // "St." for "Street"
-  int countryForm = 0;            // which of the country's names
+  bool abbreviateStreet = false;    // "St." for "Street"
+  int countryForm = 0;              // which of the country's names
   bool secondLineOnOwnLine = true;  // else joined with ", "
 };
 

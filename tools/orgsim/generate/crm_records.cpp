@@ -31,8 +31,8 @@ std::string dateBetween(Clock::time_point from, Clock::time_point to, RandomSour
 }
 
 std::string geocodeAccuracy(RandomSource& random) {
-  static constexpr std::string_view kValues[] = {"Address", "Street", "Zip", "City",
-                                                 "NearAddress", "Block"};
+  static constexpr std::string_view kValues[] = {"Address", "Street",      "Zip",
+                                                 "City",    "NearAddress", "Block"};
   return std::string(kValues[random.below(std::size(kValues))]);
 }
 
@@ -64,13 +64,13 @@ void putAddress(RowSink& row, const std::array<const char*, N>& fields, const Ad
 }
 
 constexpr std::array<const char*, 8> kBilling = {
-    "BillingStreet", "BillingCity", "BillingState", "BillingPostalCode",
+    "BillingStreet",  "BillingCity",     "BillingState",     "BillingPostalCode",
     "BillingCountry", "BillingLatitude", "BillingLongitude", "BillingGeocodeAccuracy"};
 constexpr std::array<const char*, 8> kShipping = {
-    "ShippingStreet", "ShippingCity", "ShippingState", "ShippingPostalCode",
+    "ShippingStreet",  "ShippingCity",     "ShippingState",     "ShippingPostalCode",
     "ShippingCountry", "ShippingLatitude", "ShippingLongitude", "ShippingGeocodeAccuracy"};
 constexpr std::array<const char*, 8> kMailing = {
-    "MailingStreet", "MailingCity", "MailingState", "MailingPostalCode",
+    "MailingStreet",  "MailingCity",     "MailingState",     "MailingPostalCode",
     "MailingCountry", "MailingLatitude", "MailingLongitude", "MailingGeocodeAccuracy"};
 constexpr std::array<const char*, 8> kLeadAddress = {
     "Street", "City", "State", "PostalCode", "Country", "Latitude", "Longitude", "GeocodeAccuracy"};
@@ -80,7 +80,7 @@ struct Stage {
   int probability;
 };
 constexpr Stage kStages[] = {
-    {"Prospecting", 10},          {"Qualification", 10},      {"Needs Analysis", 20},
+    {"Prospecting", 10},          {"Qualification", 10},       {"Needs Analysis", 20},
     {"Value Proposition", 50},    {"Id. Decision Makers", 60}, {"Perception Analysis", 70},
     {"Proposal/Price Quote", 75}, {"Negotiation/Review", 90},  {"Closed Won", 100},
     {"Closed Lost", 0},
@@ -139,18 +139,18 @@ void users(GenerationContext& context) {
   const OrgPlan& plan = context.plan;
   auto total = plan.count("User");
   RowSink row(context.store, "User", total, context.progress, context.shouldStop);
-  static constexpr std::string_view kZones[] = {"America/Los_Angeles", "America/New_York",
-                                                "Europe/London", "Europe/Berlin",
-                                                "Europe/Paris", "Asia/Tokyo",
-                                                "Australia/Sydney"};
+  static constexpr std::string_view kZones[] = {
+      "America/Los_Angeles", "America/New_York", "Europe/London",   "Europe/Berlin",
+      "Europe/Paris",        "Asia/Tokyo",       "Australia/Sydney"};
   static constexpr std::string_view kLocales[] = {"en_US", "en_GB", "de_DE", "fr_FR", "ja_JP"};
   static constexpr std::string_view kLanguages[] = {"en_US", "de", "fr", "ja"};
   for (std::uint64_t k = 1; k <= static_cast<std::uint64_t>(total); ++k) {
     auto r = plan.random("user", k);
     bool admin = k == 1;
     PersonIdentity person = People::make(r, "sample.org");
-    std::string local = admin ? "admin" : Emails::localPart(person.firstAscii, person.lastAscii, 1) +
-                                              std::to_string(k);
+    std::string local =
+        admin ? "admin"
+              : Emails::localPart(person.firstAscii, person.lastAscii, 1) + std::to_string(k);
     Stamps stamps = admin ? plan.stamps("User", k, plan.now() - days(789))
                           : plan.stamps("User", k, plan.now() - days(780));
     if (admin) stamps.created = WireTime::dateTime(plan.now() - days(790));
@@ -166,16 +166,17 @@ void users(GenerationContext& context) {
     row.put("Email", admin ? context.identity.adminUsername
                            : (r.chance(0.1) ? Emails::withPlusTag(person.email, r) : person.email));
     row.put("Phone", person.hasPhone ? Phones::format(person.phone, person.phoneStyle) : "");
-    std::string alias = admin ? "sadmin"
-                              : (TextForms::slug(person.firstAscii).substr(0, 1) +
-                                 TextForms::slug(person.lastAscii).substr(0, 4) +
-                                 std::to_string(k % 1000));
+    std::string alias =
+        admin ? "sadmin"
+              : (TextForms::slug(person.firstAscii).substr(0, 1) +
+                 TextForms::slug(person.lastAscii).substr(0, 4) + std::to_string(k % 1000));
     row.put("Alias", alias.empty() ? "user" + std::to_string(k % 10000) : alias);
     row.put("CommunityNickname", local);
     row.put("IsActive", active);
-    row.put("TimeZoneSidKey", admin ? std::string_view("Europe/London")
-                                    : kZones[r.below(std::size(kZones))]);
-    row.put("LocaleSidKey", admin ? std::string_view("en_US") : kLocales[r.below(std::size(kLocales))]);
+    row.put("TimeZoneSidKey",
+            admin ? std::string_view("Europe/London") : kZones[r.below(std::size(kZones))]);
+    row.put("LocaleSidKey",
+            admin ? std::string_view("en_US") : kLocales[r.below(std::size(kLocales))]);
     row.put("LanguageLocaleKey",
             admin ? std::string_view("en_US") : kLanguages[r.below(std::size(kLanguages))]);
     row.put("EmailEncodingKey", r.chance(0.95) ? "UTF-8" : "ISO-8859-1");
@@ -248,8 +249,8 @@ void accounts(GenerationContext& context) {
     row.put("TickerSymbol", account.company.tickerSymbol);
     row.put("Description", r.chance(0.4) ? FreeText::note(r) : std::string());
     row.put("Rating", r.chance(0.5) ? pickValue("Account", "Rating", r) : std::string_view());
-    static constexpr std::string_view kSites[] = {"Headquarters", "Branch", "Warehouse",
-                                                  "Online", "Zweigstelle"};
+    static constexpr std::string_view kSites[] = {"Headquarters", "Branch", "Warehouse", "Online",
+                                                  "Zweigstelle"};
     row.put("Site", r.chance(0.3) ? kSites[r.below(std::size(kSites))] : std::string_view());
     row.put("OwnerId", userId(plan.pickUser(r)));
     putSystemFields(row, plan.stamps("Account", k), plan.pickUser(r), plan.pickUser(r), deleted);
@@ -287,7 +288,8 @@ void contacts(GenerationContext& context) {
     row.put("Title", p.title);
     row.put("Department", p.department);
     row.put("Birthdate", p.birthdate);
-    row.put("LeadSource", r.chance(0.6) ? pickValue("Contact", "LeadSource", r) : std::string_view());
+    row.put("LeadSource",
+            r.chance(0.6) ? pickValue("Contact", "LeadSource", r) : std::string_view());
     row.put("Description", r.chance(0.3) ? FreeText::note(r) : std::string());
     row.put("HasOptedOutOfEmail", r.chance(0.1));
     row.put("OwnerId", userId(plan.pickUser(r)));
@@ -321,8 +323,7 @@ void leads(GenerationContext& context) {
     row.put("Salutation", p.salutation);
     row.put("Title", p.title);
     row.put("Company", lead.company.empty() ? std::string("[not provided]") : lead.company);
-    putAddress(row, kLeadAddress, r.chance(0.7) ? &p.address : nullptr, p.latitude, p.longitude,
-               r);
+    putAddress(row, kLeadAddress, r.chance(0.7) ? &p.address : nullptr, p.latitude, p.longitude, r);
     row.put("Phone", p.phone);
     row.put("MobilePhone", p.mobile);
     row.putNull("Fax");
@@ -334,8 +335,8 @@ void leads(GenerationContext& context) {
     row.put("LeadSource", r.chance(0.8) ? pickValue("Lead", "LeadSource", r) : std::string_view());
     static constexpr std::string_view kOpen[] = {"Open - Not Contacted", "Working - Contacted",
                                                  "Closed - Not Converted"};
-    row.put("Status", converted ? std::string_view("Closed - Converted")
-                                : kOpen[r.below(std::size(kOpen))]);
+    row.put("Status",
+            converted ? std::string_view("Closed - Converted") : kOpen[r.below(std::size(kOpen))]);
     row.put("Industry", r.chance(0.6) ? pickValue("Lead", "Industry", r) : std::string_view());
     row.put("Rating", r.chance(0.5) ? pickValue("Lead", "Rating", r) : std::string_view());
     row.put("AnnualRevenue", r.chance(0.3) ? FreeText::decimal(r, 12, 0) : std::string());
@@ -349,7 +350,8 @@ void leads(GenerationContext& context) {
       auto opportunity = r.chance(0.7) ? plan.pickLive("Opportunity", r) : 0;
       row.put("ConvertedAccountId", account != 0 ? plan.id("Account", account) : "");
       row.put("ConvertedContactId", contact != 0 ? plan.id("Contact", contact) : "");
-      row.put("ConvertedOpportunityId", opportunity != 0 ? plan.id("Opportunity", opportunity) : "");
+      row.put("ConvertedOpportunityId",
+              opportunity != 0 ? plan.id("Opportunity", opportunity) : "");
     } else {
       row.putNull("ConvertedDate");
       row.putNull("ConvertedAccountId");
@@ -383,8 +385,8 @@ RecordLinks caseLinks(const OrgPlan& plan, std::uint64_t serial) {
 
 std::string opportunityName(const OrgPlan& plan, std::uint64_t serial) {
   static constexpr std::string_view kDeals[] = {
-      "Renewal", "Expansion", "New Business", "Upgrade", "500 Licenses", "Pilot",
-      "Service Contract", "Add-on: Analytics", "Rahmenvertrag", "Phase 2, EMEA"};
+      "Renewal", "Expansion",        "New Business",      "Upgrade",       "500 Licenses",
+      "Pilot",   "Service Contract", "Add-on: Analytics", "Rahmenvertrag", "Phase 2, EMEA"};
   auto r = plan.random("opportunity name", serial);
   auto links = opportunityLinks(plan, serial);
   std::string deal(kDeals[r.below(std::size(kDeals))]);
@@ -486,8 +488,8 @@ void invoices(GenerationContext& context) {
   const OrgPlan& plan = context.plan;
   auto total = plan.count("Invoice__c");
   RowSink row(context.store, "Invoice__c", total, context.progress, context.shouldStop);
-  static constexpr std::string_view kTaxRates[] = {"0", "5", "7.25", "8.5", "10", "19", "20",
-                                                   "21", "0.01"};
+  static constexpr std::string_view kTaxRates[] = {"0",  "5",  "7.25", "8.5", "10",
+                                                   "19", "20", "21",   "0.01"};
   for (std::uint64_t k = 1; k <= static_cast<std::uint64_t>(total); ++k) {
     auto r = plan.random("invoice", k);
     auto account = r.chance(0.95) ? plan.pickLive("Account", r) : 0;

@@ -89,9 +89,22 @@ std::string make(const FileKind& kind, RandomSource& random) {
 
 std::string title(RandomSource& random) {
   static constexpr std::string_view kTitles[] = {
-      "Q3 forecast", "Contract", "Signed NDA", "Price list", "Meeting notes", "Site photos",
-      "Invoice", "Proposal", "Angebot", "Devis", "見積書", "Roadmap", "Onboarding checklist",
-      "Données clients", "Quote, revised", "Report \"final\"",
+      "Q3 forecast",
+      "Contract",
+      "Signed NDA",
+      "Price list",
+      "Meeting notes",
+      "Site photos",
+      "Invoice",
+      "Proposal",
+      "Angebot",
+      "Devis",
+      "見積書",
+      "Roadmap",
+      "Onboarding checklist",
+      "Données clients",
+      "Quote, revised",
+      "Report \"final\"",
   };
   std::string out(random.pick(std::span<const std::string_view>(kTitles)));
   if (random.chance(0.3)) out += " " + std::to_string(random.between(2019, 2026));

@@ -19,8 +19,8 @@ namespace {
 using std::chrono::milliseconds;
 
 // The objects files are shared with or attached to.
-constexpr std::string_view kParents[] = {"Account", "Contact", "Lead", "Opportunity", "Case",
-                                         "Invoice__c"};
+constexpr std::string_view kParents[] = {"Account",     "Contact", "Lead",
+                                         "Opportunity", "Case",    "Invoice__c"};
 
 class DocumentLayout {
  public:
@@ -64,25 +64,25 @@ class DocumentLayout {
   Clock::time_point versionTime(std::uint64_t document, int index, int count) const {
     auto created = plan_.stamps("ContentDocument", document).createdAt;
     if (index == 0) return created;
-    auto span = std::chrono::duration_cast<milliseconds>(plan_.now() - std::chrono::minutes(1) -
-                                                         created);
-    auto r = RandomSource::forRecord(plan_.seed(), streamTag("version time") ^ mix64(index),
-                                     document);
+    auto span =
+        std::chrono::duration_cast<milliseconds>(plan_.now() - std::chrono::minutes(1) - created);
+    auto r =
+        RandomSource::forRecord(plan_.seed(), streamTag("version time") ^ mix64(index), document);
     double at = (index + 0.9 * r.unit()) / count;
     return std::chrono::time_point_cast<milliseconds>(
         created + milliseconds(static_cast<std::int64_t>(static_cast<double>(span.count()) * at)));
   }
 
   std::string body(std::uint64_t document, int index) const {
-    auto r = RandomSource::forRecord(plan_.seed(), streamTag("version body") ^ mix64(index),
-                                     document);
+    auto r =
+        RandomSource::forRecord(plan_.seed(), streamTag("version body") ^ mix64(index), document);
     return FileBodies::make(kind(document), r);
   }
 
   // The record (or, without any records, the owner) link `index` points at.
   std::string linkTarget(std::uint64_t document, int index) const {
-    auto r = RandomSource::forRecord(plan_.seed(), streamTag("document link") ^ mix64(index),
-                                     document);
+    auto r =
+        RandomSource::forRecord(plan_.seed(), streamTag("document link") ^ mix64(index), document);
     return pickParent(plan_, r).value_or(userId(owner(document)));
   }
 
@@ -148,8 +148,8 @@ void contentVersions(GenerationContext& context) {
   DocumentLayout layout(plan);
   RowSink row(context.store, "ContentVersion", plan.count("ContentVersion"), context.progress,
               context.shouldStop);
-  static constexpr std::string_view kReasons[] = {"Updated figures", "Typo fixed",
-                                                  "Signed copy", "Neue Preise, gültig ab Mai",
+  static constexpr std::string_view kReasons[] = {"Updated figures", "Typo fixed", "Signed copy",
+                                                  "Neue Preise, gültig ab Mai",
                                                   "Final \"final\" version"};
   std::uint64_t serial = 1;
   for (std::uint64_t d = 1; d <= layout.documents(); ++d) {

@@ -45,8 +45,8 @@ constexpr ScaleRow kScales[] = {
 
 constexpr std::int64_t kMostRows = 1'000'000'000;
 
-constexpr std::string_view kFileParents[] = {"Account", "Contact",     "Lead",
-                                             "Opportunity", "Case", "Invoice__c"};
+constexpr std::string_view kFileParents[] = {"Account",     "Contact", "Lead",
+                                             "Opportunity", "Case",    "Invoice__c"};
 
 [[noreturn]] void badSize(std::string_view object, std::int64_t rows, std::string_view why) {
   throw GenerateError(GenerateError::Kind::BadSize,
@@ -196,19 +196,28 @@ void generateOrg(const GenerateOptions& options) {
       if (options.now) store->setClock(*options.now);
       OrgPlan plan(options.seed, options.now.value_or(store->now()), sizes);
       GroundTruth truth(building / GroundTruth::kFileName);
-      GenerationContext context{*store,    plan, truth, identity, options.progress,
-                                options.shouldStop};
+      GenerationContext context{
+          *store, plan, truth, identity, options.progress, options.shouldStop};
       using Writer = void (*)(GenerationContext&);
       static constexpr Writer kWriters[] = {
-          RecordSets::organization,     RecordSets::users,
-          RecordSets::accounts,         RecordSets::contacts,
-          RecordSets::leads,            RecordSets::opportunities,
-          RecordSets::cases,            RecordSets::invoices,
-          RecordSets::tasks,            RecordSets::events,
-          RecordSets::contentDocuments, RecordSets::contentVersions,
-          RecordSets::contentDocumentLinks, RecordSets::attachments,
-          RecordSets::documents,        RecordSets::accountHistory,
-          RecordSets::accountFeed,      RecordSets::setupAuditTrail,
+          RecordSets::organization,
+          RecordSets::users,
+          RecordSets::accounts,
+          RecordSets::contacts,
+          RecordSets::leads,
+          RecordSets::opportunities,
+          RecordSets::cases,
+          RecordSets::invoices,
+          RecordSets::tasks,
+          RecordSets::events,
+          RecordSets::contentDocuments,
+          RecordSets::contentVersions,
+          RecordSets::contentDocumentLinks,
+          RecordSets::attachments,
+          RecordSets::documents,
+          RecordSets::accountHistory,
+          RecordSets::accountFeed,
+          RecordSets::setupAuditTrail,
           RecordSets::recentlyViewed,
       };
       for (Writer write : kWriters) write(context);

@@ -13,7 +13,8 @@ namespace corvane::orgsim {
 namespace {
 
 [[noreturn]] void fail(const std::filesystem::path& path, int error) {
-  throw GenerateError(GenerateError::Kind::CannotWrite, path.string() + ": " + std::strerror(error));
+  throw GenerateError(GenerateError::Kind::CannotWrite,
+                      path.string() + ": " + std::strerror(error));
 }
 
 }  // namespace

@@ -16,9 +16,9 @@ constexpr double kDeletedShare = 0.012;
 
 // The objects whose generated records include a few in the Recycle Bin.
 bool deletesSome(std::string_view object) {
-  static constexpr std::string_view kObjects[] = {"Account", "Contact",    "Lead",
-                                                  "Opportunity", "Case", "Task",
-                                                  "Event", "Invoice__c", "Attachment"};
+  static constexpr std::string_view kObjects[] = {"Account",     "Contact",    "Lead",
+                                                  "Opportunity", "Case",       "Task",
+                                                  "Event",       "Invoice__c", "Attachment"};
   return std::find(std::begin(kObjects), std::end(kObjects), object) != std::end(kObjects);
 }
 
@@ -30,7 +30,8 @@ std::chrono::milliseconds scaled(std::chrono::milliseconds span, double fraction
 std::uint64_t blocksOf(const std::map<std::string, std::int64_t, std::less<>>& sizes,
                        std::string_view object) {
   auto found = sizes.find(object);
-  return found == sizes.end() ? 0 : DuplicatePlan::blocksFor(static_cast<std::uint64_t>(found->second));
+  return found == sizes.end() ? 0
+                              : DuplicatePlan::blocksFor(static_cast<std::uint64_t>(found->second));
 }
 
 }  // namespace
@@ -43,9 +44,8 @@ OrgPlan::OrgPlan(std::uint64_t seed, Clock::time_point now,
   DuplicatePlan::Options companies;
   companies.clusterChance = 0.3;
   companies.entityPrefix = "company-";
-  accounts_ = std::make_unique<DuplicatePlan>(seed, "Account",
-                                              static_cast<std::uint64_t>(count("Account")),
-                                              companies);
+  accounts_ = std::make_unique<DuplicatePlan>(
+      seed, "Account", static_cast<std::uint64_t>(count("Account")), companies);
   // Contacts and Leads share some clusters: the same person entered as both.
   DuplicatePlan::Options people;
   people.clusterChance = 0.3;
@@ -114,14 +114,14 @@ Stamps OrgPlan::stamps(std::string_view object, std::uint64_t serial,
   auto created = latest - scaled(range, std::pow(r.unit(), 1.5));
   Clock::time_point modified;
   if (isDeleted(object, serial)) {
-    modified = std::max(created, now_ - scaled(std::chrono::duration_cast<milliseconds>(
-                                                   kRecycleBinWindow),
-                                               r.unit()));
+    modified = std::max(
+        created,
+        now_ - scaled(std::chrono::duration_cast<milliseconds>(kRecycleBinWindow), r.unit()));
   } else if (r.chance(0.4)) {
     modified = created;
   } else {
-    modified = created + scaled(std::chrono::duration_cast<milliseconds>(latest - created),
-                                r.unit());
+    modified =
+        created + scaled(std::chrono::duration_cast<milliseconds>(latest - created), r.unit());
   }
   auto modstamp = modified;
   if (r.chance(0.3)) {
@@ -167,9 +167,8 @@ PersonRow OrgPlan::contact(std::uint64_t serial) const {
 
 PersonRow OrgPlan::lead(std::uint64_t serial) const { return person("Lead", *leads_, serial); }
 
-RandomSource OrgPlan::employerStream(std::string_view object,
-                                    const ClusterMembership& cluster,
-                                    std::uint64_t serial) const {
+RandomSource OrgPlan::employerStream(std::string_view object, const ClusterMembership& cluster,
+                                     std::uint64_t serial) const {
   if (!cluster.inCluster) return random("employer " + std::string(object), serial);
   std::string stream = cluster.shared ? "shared person" : "person " + std::string(object);
   return RandomSource::forRecord(seed_, streamTag(stream + " employer"), cluster.block);
@@ -207,8 +206,7 @@ PersonRow OrgPlan::person(std::string_view object, const DuplicatePlan& plan,
   std::string kind(object);
   auto base = row.cluster.inCluster
                   ? RandomSource::forRecord(
-                        seed_,
-                        streamTag(row.cluster.shared ? "shared person" : "person " + kind),
+                        seed_, streamTag(row.cluster.shared ? "shared person" : "person " + kind),
                         row.cluster.block)
                   : random("single person " + kind, serial);
   auto employer = employerStream(object, row.cluster, serial);
@@ -222,8 +220,8 @@ PersonRow OrgPlan::person(std::string_view object, const DuplicatePlan& plan,
   PersonIdentity identity = People::make(base, company ? company->domain : std::string());
   // The first member of a cluster is the one the others vary; a person who is
   // already a Contact turns up as a Lead only in variants.
-  bool isVariant = row.cluster.inCluster &&
-                   (row.cluster.member > 0 || (object == "Lead" && row.cluster.shared));
+  bool isVariant =
+      row.cluster.inCluster && (row.cluster.member > 0 || (object == "Lead" && row.cluster.shared));
   auto variation = random("person variant " + kind, serial);
   row.person = isVariant ? People::variant(identity, variation) : People::write(identity);
   if (company) {

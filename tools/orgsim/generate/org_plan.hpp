@@ -96,8 +96,7 @@ class OrgPlan {
                               std::uint64_t serial) const;
   std::uint64_t chooseEmployer(std::string_view object, const ClusterMembership& cluster,
                                RandomSource& employer) const;
-  PersonRow person(std::string_view object, const DuplicatePlan& plan,
-                   std::uint64_t serial) const;
+  PersonRow person(std::string_view object, const DuplicatePlan& plan, std::uint64_t serial) const;
 
   std::uint64_t seed_;
   Clock::time_point now_;

@@ -57,17 +57,25 @@ enum class Change {
 
 bool applies(Change change, const PersonIdentity& person) {
   switch (change) {
-    case Change::Nickname: return !person.nicknames.empty();
-    case Change::Spelling: return !person.firstSpellings.empty() || !person.lastSpelling.empty();
-    case Change::Accents: return hasNonAscii(person.first) || hasNonAscii(person.last);
+    case Change::Nickname:
+      return !person.nicknames.empty();
+    case Change::Spelling:
+      return !person.firstSpellings.empty() || !person.lastSpelling.empty();
+    case Change::Accents:
+      return hasNonAscii(person.first) || hasNonAscii(person.last);
     case Change::PlusTag:
-    case Change::EmailCase: return !person.email.empty();
-    case Change::OtherEmail: return !person.otherEmail.empty();
+    case Change::EmailCase:
+      return !person.email.empty();
+    case Change::OtherEmail:
+      return !person.otherEmail.empty();
     case Change::PhoneFormat:
-    case Change::PhoneMissing: return person.hasPhone;
+    case Change::PhoneMissing:
+      return person.hasPhone;
     case Change::FirstInitial:
-    case Change::TitleInFirstName: return !person.first.empty();
-    default: return true;
+    case Change::TitleInFirstName:
+      return !person.first.empty();
+    default:
+      return true;
   }
 }
 
@@ -132,8 +140,8 @@ void apply(Change change, const PersonIdentity& person, PersonRecord& record,
       if (style >= person.phoneStyle) ++style;  // never the usual style
       std::string extension;
       if (random.chance(0.2)) extension = std::to_string(random.between(1, 999));
-      record.phone = Phones::format(person.phone, style, extension,
-                                    static_cast<int>(random.below(5)));
+      record.phone =
+          Phones::format(person.phone, style, extension, static_cast<int>(random.below(5)));
       break;
     }
     case Change::PhoneMissing:
@@ -218,7 +226,8 @@ PersonIdentity make(RandomSource& random, std::string_view workDomain) {
   if (random.chance(0.6)) person.department = std::string(random.pick(WordLists::departments()));
   if (random.chance(0.5)) {
     char buffer[16];
-    std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02d", static_cast<int>(random.between(1950, 2004)),
+    std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02d",
+                  static_cast<int>(random.between(1950, 2004)),
                   static_cast<int>(random.between(1, 12)), static_cast<int>(random.between(1, 28)));
     person.birthdate = buffer;
   }

@@ -38,8 +38,7 @@ struct PersonIdentity {
 
 // One record's worth of a person, as text.
 struct PersonRecord {
-  std::string salutation, firstName, lastName, email, phone, mobile, title, department,
-      birthdate;
+  std::string salutation, firstName, lastName, email, phone, mobile, title, department, birthdate;
   AddressText address;
   std::string latitude, longitude;
 };

@@ -15,13 +15,7 @@ constexpr std::int64_t kReportEvery = 5000;
 
 RowSink::RowSink(OrgStore& store, std::string_view object, std::int64_t total,
                  const ProgressFunction& progress, const std::function<bool()>& shouldStop)
-    : store_(store),
-      object_(object),
-      total_(total),
-      progress_(progress),
-      shouldStop_(shouldStop) {
-  if (progress_) progress_(object_, 0, total_);
-}
+    : store_(store), object_(object), total_(total), progress_(progress), shouldStop_(shouldStop) {}
 
 RowSink::~RowSink() = default;
 
@@ -76,13 +70,18 @@ void RowSink::end() {
   ++rows_;
   if (rows_ % kReportEvery == 0) {
     if (shouldStop_ && shouldStop_()) throw GenerateError(GenerateError::Kind::Stopped, "");
-    if (progress_) progress_(object_, rows_, total_);
+    report();
   }
+}
+
+void RowSink::report() {
+  if (progress_ && rows_ != reported_) progress_(object_, rows_, total_);
+  reported_ = rows_;
 }
 
 void RowSink::finish() {
   if (writer_) writer_->commit();
-  if (progress_) progress_(object_, rows_, total_);
+  report();
 }
 
 }  // namespace corvane::orgsim

@@ -5,7 +5,8 @@
 // fields in the same order, which keeps the code that builds a row the only
 // place its columns are listed. Rows go to the store's batched writer, which
 // commits them in transactions as they fill; progress is reported every few
-// thousand rows, and the stop check is asked at the same moments.
+// thousand rows and once when the object is done (also when it has no rows),
+// and the stop check is asked at the same moments.
 #pragma once
 
 #include <cstdint>
@@ -36,7 +37,9 @@ class RowSink {
   void put(const char* field, std::string value);
   void put(const char* field, std::string_view value);
   void put(const char* field, const char* value) { put(field, std::string_view(value)); }
-  void put(const char* field, bool value) { put(field, std::string_view(value ? "true" : "false")); }
+  void put(const char* field, bool value) {
+    put(field, std::string_view(value ? "true" : "false"));
+  }
   void put(const char* field, std::int64_t value) { put(field, std::to_string(value)); }
   void putNull(const char* field);
 
@@ -49,6 +52,7 @@ class RowSink {
 
  private:
   void field(const char* name);
+  void report();
 
   OrgStore& store_;
   std::string object_;
@@ -62,6 +66,7 @@ class RowSink {
   std::size_t next_ = 0;
   bool fieldsFixed_ = false;
   std::int64_t rows_ = 0;
+  std::int64_t reported_ = -1;
   std::unique_ptr<RecordWriter> writer_;
 };
 

@@ -62,8 +62,7 @@ std::size_t sequenceLength(unsigned char lead) {
 
 bool isAsciiLetter(char c) { return std::isalpha(static_cast<unsigned char>(c)) != 0; }
 
-constexpr std::array<std::string_view, 3> kKeyboardRows = {"qwertyuiop", "asdfghjkl",
-                                                           "zxcvbnm"};
+constexpr std::array<std::string_view, 3> kKeyboardRows = {"qwertyuiop", "asdfghjkl", "zxcvbnm"};
 
 }  // namespace
 
@@ -148,8 +147,8 @@ std::string decomposed(std::string_view text) {
   std::string out;
   out.reserve(text.size() + 8);
   for (std::size_t at = 0; at < text.size();) {
-    const Accented* entry = static_cast<unsigned char>(text[at]) >= 0x80 ? accentedAt(text, at)
-                                                                         : nullptr;
+    const Accented* entry =
+        static_cast<unsigned char>(text[at]) >= 0x80 ? accentedAt(text, at) : nullptr;
     if (entry != nullptr && !entry->mark.empty()) {
       out += entry->base;
       out += entry->mark;

@@ -40,9 +40,9 @@ struct FamilyName {
 struct City {
   std::string_view city;
   std::string_view state;
-  std::string_view postalCode;  // a pattern: '9' is any digit, 'A' any capital letter
+  std::string_view postalCode;   // a pattern: '9' is any digit, 'A' any capital letter
   std::string_view countryCode;  // ISO 3166 alpha-2
-  std::string_view areaCodes;   // blank-separated telephone area codes
+  std::string_view areaCodes;    // blank-separated telephone area codes
   double latitude;
   double longitude;
 };
@@ -55,8 +55,8 @@ struct Country {
 };
 
 struct LegalForm {
-  std::string_view form;     // as written: "Corporation", "Corp.", "GmbH"
-  std::string_view family;   // forms of one family are the same legal form
+  std::string_view form;    // as written: "Corporation", "Corp.", "GmbH"
+  std::string_view family;  // forms of one family are the same legal form
 };
 
 std::span<const GivenName> givenNames();
@@ -78,8 +78,8 @@ std::span<const std::string_view> freeMailDomains();
 std::span<const std::string_view> topLevelDomains();
 std::span<const std::string_view> jobTitles();
 std::span<const std::string_view> departments();
-std::span<const std::string_view> words();  // free-text vocabulary
-std::span<const std::string_view> emoji();  // including ZWJ and skin-tone sequences
+std::span<const std::string_view> words();           // free-text vocabulary
+std::span<const std::string_view> emoji();           // including ZWJ and skin-tone sequences
 std::span<const std::string_view> foreignPhrases();  // CJK, Cyrillic, Arabic, Greek
 
 }  // namespace corvane::orgsim::WordLists
