@@ -454,9 +454,23 @@ std::int64_t purge(OrgStore& store, std::string_view objectName,
 
 std::int64_t purgeExpired(OrgStore& store) {
   std::string cutoff = WireTime::dateTime(store.now() - kRecycleBinRetention);
+  // The deletion log (indexed by object and date) says which objects have anything
+  // old enough, so the object tables are only touched when there is work.
+  std::vector<std::string> due;
+  {
+    auto lease = store.read();
+    auto statement = lease->prepare(
+        "SELECT DISTINCT object FROM _deletions WHERE deleted_at < ? ORDER BY object");
+    statement.bind(1, cutoff);
+    while (statement.step()) due.emplace_back(statement.text(0));
+  }
   std::int64_t purged = 0;
-  for (const auto& object : Schema::objects()) {
-    purged += purgeWhere(store, object, "_deleted_at < ?", {cutoff});
+  for (const auto& name : due) {
+    const ObjectDef* object = Schema::object(name);
+    if (object == nullptr) continue;
+    purged += purgeWhere(store, *object,
+                         "\"Id\" IN (SELECT id FROM _deletions WHERE object = ? AND deleted_at < ?)",
+                         {object->name, cutoff});
   }
   return purged;
 }

@@ -195,7 +195,7 @@ std::optional<SystemTime> fromParts(int year, int month, int day, int hour, int 
 
 std::string dateTime(SystemTime time) {
   auto p = split(time);
-  char buffer[40];
+  char buffer[96];
   std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", p.year, p.month,
                 p.day, p.hour, p.minute, p.second, p.millis);
   return buffer;
@@ -384,9 +384,11 @@ std::unique_ptr<OrgStore> OrgStore::open(const std::filesystem::path& stateDir) 
     // Counters never fall behind the ids already present, whoever made them.
     for (const auto& object : Schema::objects()) {
       if (object.keyPrefix.empty()) continue;
+      // A range on the primary key (not LIKE) so that this reads one index entry.
       auto statement = db.prepare("SELECT MAX(\"Id\") FROM " + quoteIdentifier(object.name) +
-                                  " WHERE \"Id\" LIKE ?");
-      statement.bind(1, object.keyPrefix + std::string(kInstance) + "%");
+                                  " WHERE \"Id\" >= ? AND \"Id\" < ?");
+      std::string stem = object.keyPrefix + std::string(kInstance);
+      statement.bind(1, stem).bind(2, stem + "~");
       std::int64_t next = 1;
       if (statement.step() && !statement.isNull(0)) {
         next = static_cast<std::int64_t>(serialOf(statement.text(0)).value_or(0)) + 1;
