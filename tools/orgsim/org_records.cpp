@@ -403,20 +403,24 @@ std::int64_t purgeWhere(OrgStore& store, const ObjectDef& object, const std::str
     if (latest.step() && !latest.isNull(0)) newest = std::string(latest.text(0));
     latest.reset();
     if (!newest) return;
-    auto bodies = db.prepare("DELETE FROM _bodies WHERE object = ? AND id IN (SELECT \"Id\" FROM " +
-                             quoteIdentifier(object.name) + " WHERE " + where + ")");
-    bodies.bind(1, object.name);
-    for (std::size_t i = 0; i < binds.size(); ++i) bodies.bind(static_cast<int>(i) + 2, binds[i]);
-    bodies.run();
-    auto log = db.prepare("DELETE FROM _deletions WHERE object = ? AND id IN (SELECT \"Id\" FROM " +
-                          quoteIdentifier(object.name) + " WHERE " + where + ")");
-    log.bind(1, object.name);
-    for (std::size_t i = 0; i < binds.size(); ++i) log.bind(static_cast<int>(i) + 2, binds[i]);
-    log.run();
-    auto rows = db.prepare("DELETE FROM " + quoteIdentifier(object.name) + " WHERE " + where);
-    for (std::size_t i = 0; i < binds.size(); ++i) rows.bind(static_cast<int>(i) + 1, binds[i]);
-    rows.run();
-    purged = db.changes();
+    // The ids first: the conditions may read the deletion log that is cleared below.
+    std::vector<std::string> ids;
+    auto select = db.prepare("SELECT \"Id\" FROM " + quoteIdentifier(object.name) + " WHERE " + where);
+    for (std::size_t i = 0; i < binds.size(); ++i) select.bind(static_cast<int>(i) + 1, binds[i]);
+    while (select.step()) ids.emplace_back(select.text(0));
+    select.reset();
+    auto row = db.prepare("DELETE FROM " + quoteIdentifier(object.name) + " WHERE \"Id\" = ?");
+    auto body = db.prepare("DELETE FROM _bodies WHERE object = ? AND id = ?");
+    auto log = db.prepare("DELETE FROM _deletions WHERE object = ? AND id = ?");
+    for (const auto& id : ids) {
+      row.reset();
+      row.bind(1, id).run();
+      body.reset();
+      body.bind(1, object.name).bind(2, id).run();
+      log.reset();
+      log.bind(1, object.name).bind(2, id).run();
+    }
+    purged = static_cast<std::int64_t>(ids.size());
     // getDeleted can no longer vouch for anything deleted up to the newest purge.
     std::string key = "earliestDateAvailable." + object.name;
     auto current = db.prepare("SELECT value FROM _settings WHERE key = ?");
