@@ -184,7 +184,7 @@ void accountHistory(GenerationContext& context) {
   for (std::uint64_t k = 1; k <= static_cast<std::uint64_t>(total); ++k) {
     auto r = plan.random("account history", k);
     auto account = plan.pickLive("Account", r);
-    Stamps stamps = plan.stamps("AccountHistory", k, plan.stamps("Account", account).createdAt);
+    Stamps stamps = plan.stamps("AccountHistory", k, plan.createdAt("Account", account));
     std::string field, type, before, after;
     switch (r.below(8)) {
       case 0:
@@ -262,7 +262,7 @@ void accountFeed(GenerationContext& context) {
   for (std::uint64_t k = 1; k <= static_cast<std::uint64_t>(total); ++k) {
     auto r = plan.random("account feed", k);
     auto account = plan.pickLive("Account", r);
-    Stamps stamps = plan.stamps("AccountFeed", k, plan.stamps("Account", account).createdAt);
+    Stamps stamps = plan.stamps("AccountFeed", k, plan.createdAt("Account", account));
     auto author = plan.pickUser(r);
     double kind = r.unit();
     std::string_view type = kind < 0.6                    ? "TextPost"

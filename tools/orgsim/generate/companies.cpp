@@ -15,7 +15,7 @@ std::string joinName(std::string_view article, std::string_view stem, std::strin
   std::string out;
   if (!article.empty()) out += std::string(article) + " ";
   out += stem;
-  if (!word.empty()) out += " " + std::string(word);
+  if (!word.empty()) out.append(" ").append(word);
   if (form != nullptr) {
     out += commaBeforeForm ? ", " : " ";
     out += form->form;
@@ -74,8 +74,10 @@ CompanyIdentity make(RandomSource& random) {
   company.address = Addresses::make(random);
   company.phone = Phones::make(*company.address.city, random);
   company.phoneStyle = static_cast<int>(random.below(Phones::kStyles));
-  const ObjectDef* account = Schema::object("Account");
-  const FieldDef* industry = account != nullptr ? account->field("Industry") : nullptr;
+  static const FieldDef* const industry = [] {
+    const ObjectDef* account = Schema::object("Account");
+    return account != nullptr ? account->field("Industry") : nullptr;
+  }();
   if (industry != nullptr && !industry->picklistValues.empty() && random.chance(0.85)) {
     company.industry = industry->picklistValues[random.below(industry->picklistValues.size())];
   }

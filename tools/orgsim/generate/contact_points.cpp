@@ -1,6 +1,6 @@
 #include "tools/orgsim/generate/contact_points.hpp"
 
-#include <cstdio>
+#include <charconv>
 #include <vector>
 
 #include "tools/orgsim/generate/text_forms.hpp"
@@ -255,9 +255,9 @@ AddressText write(const PostalAddress& address, const AddressStyle& style) {
 }
 
 std::string coordinate(double value) {
-  char buffer[48];
-  std::snprintf(buffer, sizeof buffer, "%.15f", value);
-  std::string out = buffer;
+  char buffer[64];
+  auto written = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 15);
+  std::string out(buffer, written.ptr);
   while (!out.empty() && out.back() == '0') out.pop_back();
   if (!out.empty() && out.back() == '.') out.pop_back();
   if (out == "-0") out = "0";

@@ -2,6 +2,7 @@
 // User, Account, Contact, Lead, Opportunity, Case, Invoice__c.
 #include <array>
 #include <cstdio>
+#include <map>
 
 #include "tools/orgsim/generate/contact_points.hpp"
 #include "tools/orgsim/generate/free_text.hpp"
@@ -16,11 +17,23 @@ namespace {
 
 using std::chrono::days;
 
-std::string_view pickValue(const char* object, const char* field, RandomSource& random) {
-  const ObjectDef* def = Schema::object(object);
-  const FieldDef* f = def != nullptr ? def->field(field) : nullptr;
-  if (f == nullptr || f->picklistValues.empty()) return {};
-  return f->picklistValues[random.below(f->picklistValues.size())];
+// A value of a picklist field from the catalog. The catalog's picklists are
+// indexed once, so the lookup costs no scan of the catalog per row.
+std::string_view pickValue(std::string_view object, std::string_view field, RandomSource& random) {
+  using Key = std::pair<std::string_view, std::string_view>;
+  static const std::map<Key, const std::vector<std::string>*> picklists = [] {
+    std::map<Key, const std::vector<std::string>*> index;
+    for (const auto& o : Schema::objects()) {
+      for (const auto& f : o.fields) {
+        if (!f.picklistValues.empty()) index[Key(o.name, f.name)] = &f.picklistValues;
+      }
+    }
+    return index;
+  }();
+  auto found = picklists.find(Key(object, field));
+  if (found == picklists.end()) return {};
+  const auto& values = *found->second;
+  return values[random.below(values.size())];
 }
 
 std::string dateBetween(Clock::time_point from, Clock::time_point to, RandomSource& random) {
@@ -402,7 +415,7 @@ void opportunities(GenerationContext& context) {
     auto r = plan.random("opportunity", k);
     RecordLinks links = opportunityLinks(plan, k);
     std::optional<Clock::time_point> floor;
-    if (links.account != 0) floor = plan.stamps("Account", links.account).createdAt;
+    if (links.account != 0) floor = plan.createdAt("Account", links.account);
     Stamps stamps = plan.stamps("Opportunity", k, floor);
     const Stage& stage = kStages[r.below(std::size(kStages))];
     bool closed = stage.probability == 100 || stage.probability == 0;

@@ -44,9 +44,10 @@ std::string textBody(std::size_t size, RandomSource& random) {
 std::string csvBody(std::size_t size, RandomSource& random) {
   std::string out = "Name,Amount,Note\r\n";
   while (out.size() < size) {
-    out += "\"" + std::string(random.pick(WordLists::companyStems())) + "\"";
+    out.append("\"").append(random.pick(WordLists::companyStems())).append("\"");
     // Quotes inside a quoted value are doubled, as CSV wants.
-    out += "," + FreeText::decimal(random, 8, 2) + ",\"said \"\"ok\"\", then left\"\r\n";
+    out.append(",").append(FreeText::decimal(random, 8, 2));
+    out.append(",\"said \"\"ok\"\", then left\"\r\n");
   }
   return out;
 }
@@ -107,7 +108,7 @@ std::string title(RandomSource& random) {
       "Report \"final\"",
   };
   std::string out(random.pick(std::span<const std::string_view>(kTitles)));
-  if (random.chance(0.3)) out += " " + std::to_string(random.between(2019, 2026));
+  if (random.chance(0.3)) out.append(" ").append(std::to_string(random.between(2019, 2026)));
   if (random.chance(0.15)) out += " (final)";
   if (random.chance(0.1)) out += " v" + std::to_string(random.between(2, 9));
   return out;

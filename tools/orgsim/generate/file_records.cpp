@@ -62,7 +62,7 @@ class DocumentLayout {
   // When version `index` (from 0) of `count` was uploaded: in order, the first
   // when the document was created.
   Clock::time_point versionTime(std::uint64_t document, int index, int count) const {
-    auto created = plan_.stamps("ContentDocument", document).createdAt;
+    auto created = plan_.createdAt("ContentDocument", document);
     if (index == 0) return created;
     auto span =
         std::chrono::duration_cast<milliseconds>(plan_.now() - std::chrono::minutes(1) - created);
@@ -250,7 +250,7 @@ void documents(GenerationContext& context) {
     auto author = plan.pickUser(r);
     std::string developerName = "Doc_" + std::to_string(k);
     std::string slug = TextForms::slug(title);
-    if (!slug.empty()) developerName += "_" + slug.substr(0, 60);
+    if (!slug.empty()) developerName.append("_").append(slug.substr(0, 60));
     row.put("Id", plan.id("Document", k));
     row.put("FolderId", userId(author));  // the author's personal folder
     row.put("Name", fileName(title, kind));

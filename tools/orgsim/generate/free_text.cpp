@@ -26,14 +26,14 @@ std::string note(RandomSource& random, std::size_t maxLength) {
     if (random.chance(0.35)) {
       // A comma inside the sentence.
       auto blank = s.find(' ', s.size() / 2);
-      if (blank != std::string::npos) s.insert(blank, ",");
+      if (blank != std::string::npos) s.insert(blank, 1, ',');
     }
     if (random.chance(0.12)) {
       auto blank = s.find(' ');
       if (blank != std::string::npos) s.insert(blank + 1, "\"urgent\" ");
     }
-    if (random.chance(0.08)) s += " " + std::string(random.pick(WordLists::emoji()));
-    if (random.chance(0.05)) s += " " + std::string(random.pick(WordLists::foreignPhrases()));
+    if (random.chance(0.08)) s.append(" ").append(random.pick(WordLists::emoji()));
+    if (random.chance(0.05)) s.append(" ").append(random.pick(WordLists::foreignPhrases()));
     if (random.chance(0.02)) s += "\tref:\t" + std::to_string(random.between(1000, 99999));
     if (i > 0) {
       double r = random.unit();
@@ -52,7 +52,7 @@ std::string decimal(RandomSource& random, int integerDigits, int scale) {
     whole = std::string(static_cast<std::size_t>(integerDigits), '9');
     part = std::string(static_cast<std::size_t>(scale), '9');
   } else if (r < 0.02 && scale > 0) {
-    whole = "0";
+    whole.assign(1, '0');
     part = std::string(static_cast<std::size_t>(scale - 1), '0') + "1";
   } else {
     auto digits = random.between(1, std::max(1, integerDigits * 2 / 3));

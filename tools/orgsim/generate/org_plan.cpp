@@ -41,6 +41,7 @@ OrgPlan::OrgPlan(std::uint64_t seed, Clock::time_point now,
     : seed_(seed),
       now_(std::chrono::time_point_cast<std::chrono::milliseconds>(now)),
       sizes_(sizes.begin(), sizes.end()) {
+  for (const auto& object : Schema::objects()) prefixes_[object.name] = object.keyPrefix;
   DuplicatePlan::Options companies;
   companies.clusterChance = 0.3;
   companies.entityPrefix = "company-";
@@ -71,8 +72,9 @@ std::string OrgPlan::idWithPrefix(std::string_view keyPrefix, std::uint64_t seri
 }
 
 std::string OrgPlan::id(std::string_view object, std::uint64_t serial) const {
-  const ObjectDef* def = Schema::object(object);
-  return RecordIds::make(def != nullptr ? def->keyPrefix : std::string_view("000"), serial);
+  auto found = prefixes_.find(object);
+  return RecordIds::make(found != prefixes_.end() ? std::string_view(found->second) : "000",
+                         serial);
 }
 
 RandomSource OrgPlan::random(std::string_view purpose, std::uint64_t serial) const {
@@ -102,16 +104,30 @@ std::uint64_t OrgPlan::pickLive(std::string_view object, RandomSource& random) c
   return live(object, 1 + random.below(static_cast<std::uint64_t>(n)));
 }
 
+Clock::time_point OrgPlan::createdAt(std::string_view object, std::uint64_t serial) const {
+  using std::chrono::milliseconds;
+  // Salesforce hands out ids in creation order, so a later serial was created
+  // later; recent records are more common than old ones.
+  const auto latest = now_ - std::chrono::minutes(1);
+  auto range = std::chrono::duration_cast<milliseconds>(latest - (now_ - kHistory));
+  auto records = static_cast<double>(std::max<std::int64_t>(count(object), 1));
+  double jitter = random(std::string("created ") + std::string(object), serial).unit();
+  double place = std::min((static_cast<double>(serial) - 1 + 0.9 * jitter) / records, 1.0);
+  return std::chrono::time_point_cast<milliseconds>(latest -
+                                                    scaled(range, std::pow(1 - place, 1.5)));
+}
+
 Stamps OrgPlan::stamps(std::string_view object, std::uint64_t serial,
                        std::optional<Clock::time_point> floor) const {
   using std::chrono::milliseconds;
   auto r = random(std::string("stamps ") + std::string(object), serial);
   const auto latest = now_ - std::chrono::minutes(1);
-  auto earliest = now_ - kHistory;
-  if (floor && *floor > earliest) earliest = std::min(*floor, latest);
-  auto range = std::chrono::duration_cast<milliseconds>(latest - earliest);
-  // Recent records are more common than old ones.
-  auto created = latest - scaled(range, std::pow(r.unit(), 1.5));
+  auto created = createdAt(object, serial);
+  if (floor && created < *floor) {
+    // Made after the record it belongs to.
+    auto start = std::min(*floor, latest);
+    created = start + scaled(std::chrono::duration_cast<milliseconds>(latest - start), r.unit());
+  }
   Clock::time_point modified;
   if (isDeleted(object, serial)) {
     modified = std::max(

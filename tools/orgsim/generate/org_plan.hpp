@@ -68,8 +68,11 @@ class OrgPlan {
   // A random live record of the object, or 0 when the object has none.
   std::uint64_t pickLive(std::string_view object, RandomSource& random) const;
 
-  // Created at or after `floor` (when given) and before the org's clock;
-  // deleted records were changed (deleted) within the last two weeks.
+  // When the record was created: within the two years before the org's clock,
+  // later for later serials.
+  Clock::time_point createdAt(std::string_view object, std::uint64_t serial) const;
+  // Created as createdAt() says, or after `floor` when that is later; deleted
+  // records were changed (deleted) within the last two weeks.
   Stamps stamps(std::string_view object, std::uint64_t serial,
                 std::optional<Clock::time_point> floor = std::nullopt) const;
 
@@ -101,6 +104,7 @@ class OrgPlan {
   std::uint64_t seed_;
   Clock::time_point now_;
   std::map<std::string, std::int64_t, std::less<>> sizes_;
+  std::map<std::string, std::string, std::less<>> prefixes_;  // object -> key prefix
   std::unique_ptr<DuplicatePlan> accounts_, contacts_, leads_;
 };
 
