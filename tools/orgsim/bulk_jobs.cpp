@@ -237,8 +237,7 @@ std::variant<BulkJobInfo, BulkError> BulkJobs::abort(const std::string& id) {
   if (job) job = load(id);
   if (!job) return BulkError{404, "NOT_FOUND", "The requested resource does not exist"};
   if (job->state != "UploadComplete" && job->state != "InProgress") {
-    return BulkError{400, "INVALIDJOBSTATE",
-                     "Aborting already Completed Job not allowed"};
+    return BulkError{400, "INVALIDJOBSTATE", "Aborting already Completed Job not allowed"};
   }
   job->state = "Aborted";
   job->systemModstamp = WireTime::dateTime(store_.now());
@@ -249,7 +248,8 @@ std::variant<BulkJobInfo, BulkError> BulkJobs::abort(const std::string& id) {
 bool BulkJobs::remove(const std::string& id) {
   std::lock_guard lock(stateMutex_);
   if (!load(id)) return false;
-  store_.write([&](Database& db) { db.prepare("DELETE FROM _jobs WHERE id = ?").bind(1, id).run(); });
+  store_.write(
+      [&](Database& db) { db.prepare("DELETE FROM _jobs WHERE id = ?").bind(1, id).run(); });
   std::error_code error;
   std::filesystem::remove(folder() / (id + ".csv"), error);
   std::filesystem::remove(folder() / (id + ".idx"), error);
@@ -268,13 +268,14 @@ std::variant<BulkPage, BulkError> BulkJobs::page(const std::string& id,
                          ") does not match the API version of the job (" + job->apiVersion + ")."};
   }
   if (job->state != "JobComplete") {
-    std::string current = job->state == "InProgress" ? "IN_PROGRESS"
+    std::string current = job->state == "InProgress"       ? "IN_PROGRESS"
                           : job->state == "UploadComplete" ? "UPLOAD_COMPLETE"
                           : job->state == "Failed"         ? "FAILED"
                                                            : "ABORTED";
     return BulkError{412, "JOB_NOT_COMPLETE",
                      "can only download query results of successfully completed bulk job with "
-                     "status: JOB_COMPLETE. Current status: " + current};
+                     "status: JOB_COMPLETE. Current status: " +
+                         current};
   }
   if (maxRecords && *maxRecords < 1) {
     return BulkError{400, "INVALIDREQUEST", "maxRecords must be a positive integer"};

@@ -35,14 +35,14 @@ struct BulkJobInfo {
   std::string object;
   std::string query;
   std::string apiVersion;  // "62.0"
-  std::string state;  // UploadComplete, InProgress, JobComplete, Failed, Aborted
+  std::string state;       // UploadComplete, InProgress, JobComplete, Failed, Aborted
   std::string createdById;
   std::string createdDate;  // stored form
   std::string systemModstamp;
   std::string errorMessage;
   std::int64_t numberRecordsProcessed = 0;
   std::int64_t createdAtMs = 0;  // real clock
-  std::int64_t readyAtMs = 0;  // real clock: not complete before
+  std::int64_t readyAtMs = 0;    // real clock: not complete before
   bool resultWritten = false;
   std::string failure;  // decided at creation: the job will go Failed with this
 
@@ -61,7 +61,7 @@ struct BulkError {
 
 struct BulkPage {
   std::filesystem::path file;
-  std::uint64_t headerBytes = 0;  // the header line: bytes [0, headerBytes)
+  std::uint64_t headerBytes = 0;     // the header line: bytes [0, headerBytes)
   std::uint64_t begin = 0, end = 0;  // the rows: bytes [begin, end)
   std::int64_t rows = 0;
   std::string nextLocator;  // "null" on the last page

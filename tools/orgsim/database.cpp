@@ -70,8 +70,8 @@ Statement& Statement::bindNull(int index) {
 }
 
 Statement& Statement::bindStatic(int index, std::string_view text) {
-  if (sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()),
-                        SQLITE_STATIC) != SQLITE_OK) {
+  if (sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC) !=
+      SQLITE_OK) {
     fail(db_, "bind");
   }
   return *this;
@@ -148,8 +148,7 @@ void Database::exec(std::string_view sql) {
   if (sqlite3_exec(db_, text.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
     std::string message = error != nullptr ? error : "unknown error";
     sqlite3_free(error);
-    throw OrgStoreError(OrgStoreError::Kind::Database,
-                        message + " (" + text.substr(0, 200) + ")");
+    throw OrgStoreError(OrgStoreError::Kind::Database, message + " (" + text.substr(0, 200) + ")");
   }
 }
 

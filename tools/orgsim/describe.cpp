@@ -13,19 +13,30 @@ Json nullableText(const std::string& text) { return text.empty() ? Json(nullptr)
 std::string soapType(FieldType type) {
   switch (type) {
     case FieldType::Id:
-    case FieldType::Reference: return "tns:ID";
-    case FieldType::Boolean: return "xsd:boolean";
-    case FieldType::Int: return "xsd:int";
+    case FieldType::Reference:
+      return "tns:ID";
+    case FieldType::Boolean:
+      return "xsd:boolean";
+    case FieldType::Int:
+      return "xsd:int";
     case FieldType::Double:
     case FieldType::Currency:
-    case FieldType::Percent: return "xsd:double";
-    case FieldType::Date: return "xsd:date";
-    case FieldType::DateTime: return "xsd:dateTime";
-    case FieldType::Base64: return "xsd:base64Binary";
-    case FieldType::Address: return "urn:address";
-    case FieldType::Location: return "urn:location";
-    case FieldType::AnyType: return "xsd:anyType";
-    default: return "xsd:string";
+    case FieldType::Percent:
+      return "xsd:double";
+    case FieldType::Date:
+      return "xsd:date";
+    case FieldType::DateTime:
+      return "xsd:dateTime";
+    case FieldType::Base64:
+      return "xsd:base64Binary";
+    case FieldType::Address:
+      return "urn:address";
+    case FieldType::Location:
+      return "urn:location";
+    case FieldType::AnyType:
+      return "xsd:anyType";
+    default:
+      return "xsd:string";
   }
 }
 
@@ -45,12 +56,11 @@ Json urls(const ObjectDef& object, const std::string& apiVersion) {
 }
 
 Json field(const ObjectDef& object, const FieldDef& f) {
-  bool text = f.type == FieldType::String || f.type == FieldType::TextArea ||
-              f.type == FieldType::Email || f.type == FieldType::Phone ||
-              f.type == FieldType::Url || f.type == FieldType::Picklist ||
-              f.type == FieldType::MultiPicklist || f.type == FieldType::Combobox ||
-              f.type == FieldType::Id || f.type == FieldType::Reference ||
-              f.type == FieldType::AnyType;
+  bool text =
+      f.type == FieldType::String || f.type == FieldType::TextArea || f.type == FieldType::Email ||
+      f.type == FieldType::Phone || f.type == FieldType::Url || f.type == FieldType::Picklist ||
+      f.type == FieldType::MultiPicklist || f.type == FieldType::Combobox ||
+      f.type == FieldType::Id || f.type == FieldType::Reference || f.type == FieldType::AnyType;
   Json json;
   json["aggregatable"] = f.groupable || isNumeric(f.type) || f.type == FieldType::DateTime;
   json["aiPredictionField"] = false;
@@ -64,8 +74,8 @@ Json field(const ObjectDef& object, const FieldDef& f) {
   json["controllerName"] = nullptr;
   json["createable"] = f.createable;
   json["custom"] = f.name.ends_with("__c") || f.name.ends_with("__s");
-  json["defaultValue"] = f.type == FieldType::Boolean ? Json(f.defaultValue == "true")
-                                                      : Json(nullptr);
+  json["defaultValue"] =
+      f.type == FieldType::Boolean ? Json(f.defaultValue == "true") : Json(nullptr);
   json["defaultValueFormula"] = nullptr;
   json["defaultedOnCreate"] = !f.defaultValue.empty() || f.name == "OwnerId" ||
                               f.name == "CreatedDate" || f.name == "CreatedById" ||
@@ -77,9 +87,9 @@ Json field(const ObjectDef& object, const FieldDef& f) {
   json["displayLocationInDecimal"] = false;
   json["encrypted"] = false;
   json["externalId"] = f.externalId;
-  json["extraTypeInfo"] = f.type == FieldType::TextArea && f.length > 255
-                              ? Json("plaintextarea")
-                              : f.type == FieldType::Address ? Json(nullptr) : Json(nullptr);
+  json["extraTypeInfo"] = f.type == FieldType::TextArea && f.length > 255 ? Json("plaintextarea")
+                          : f.type == FieldType::Address                  ? Json(nullptr)
+                                                                          : Json(nullptr);
   json["filterable"] = f.filterable;
   json["filteredLookupInfo"] = nullptr;
   json["formulaTreatNullNumberAsZero"] = false;

@@ -55,10 +55,8 @@ bool globMatches(std::string_view pattern, std::string_view path) {
 }
 
 nlohmann::json FaultRule::toJson() const {
-  nlohmann::json json = {{"id", id},
-                         {"path", pathPattern},
-                         {"fault", faultKindName(kind)},
-                         {"count", remaining}};
+  nlohmann::json json = {
+      {"id", id}, {"path", pathPattern}, {"fault", faultKindName(kind)}, {"count", remaining}};
   if (!method.empty()) json["method"] = method;
   if (kind == Kind::Status) json["status"] = status;
   if (kind == Kind::Delay) json["delayMs"] = delayMs;

@@ -19,13 +19,13 @@ namespace corvane::orgsim {
 
 struct FaultRule {
   enum class Kind {
-    Status,  // answer `status` with Salesforce's error body for it (401, 500, 503, ...)
-    RequestLimit,  // 403 REQUEST_LIMIT_EXCEEDED
-    Drop,  // send the headers and `afterBytes` of the body, then drop the connection
-    Delay,  // wait `delayMs`, then answer normally
+    Status,          // answer `status` with Salesforce's error body for it (401, 500, 503, ...)
+    RequestLimit,    // 403 REQUEST_LIMIT_EXCEEDED
+    Drop,            // send the headers and `afterBytes` of the body, then drop the connection
+    Delay,           // wait `delayMs`, then answer normally
     InvalidLocator,  // Bulk results: the locator is refused
-    FailJob,  // the next Bulk query job created goes Failed with `message`
-    LockRow,  // SOAP merge: UNABLE_TO_LOCK_ROW for the record
+    FailJob,         // the next Bulk query job created goes Failed with `message`
+    LockRow,         // SOAP merge: UNABLE_TO_LOCK_ROW for the record
   };
 
   std::int64_t id = 0;

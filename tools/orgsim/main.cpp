@@ -64,8 +64,8 @@ int serve(const std::filesystem::path& state, const std::string& host, int port)
   if (!OrgStore::exists(state)) {
 #ifdef CORVANE_ORGSIM_HAS_GENERATOR
     std::error_code error;
-    bool emptyFolder = std::filesystem::is_directory(state, error) &&
-                       std::filesystem::is_empty(state, error);
+    bool emptyFolder =
+        std::filesystem::is_directory(state, error) && std::filesystem::is_empty(state, error);
     if (!std::filesystem::exists(state, error) || emptyFolder) {
       std::fprintf(stderr, "corvane-orgsim: %s holds no org yet; making a tiny one\n",
                    state.c_str());
@@ -100,7 +100,8 @@ int main(int argc, char** argv) {
   std::string scale = "demo";
   std::vector<std::string> sizes;
   auto* generateCommand = app.add_subcommand("generate", "Make a new state folder with an org.");
-  generateCommand->add_option("--out", out, "the state folder to make (must not exist)")->required();
+  generateCommand->add_option("--out", out, "the state folder to make (must not exist)")
+      ->required();
   generateCommand->add_option("--seed", seed, "the random seed (same seed, same org)");
   generateCommand->add_option("--scale", scale, "tiny, demo or large")
       ->check(CLI::IsMember({"tiny", "demo", "large"}));

@@ -53,9 +53,9 @@ struct RowState {
 };
 
 RowState rowState(Database& db, const ObjectDef& object, std::string_view id) {
-  auto statement = db.prepare("SELECT " +
-                              std::string(object.has("IsDeleted") ? "\"IsDeleted\"" : "'false'") +
-                              " FROM " + quoteIdentifier(object.name) + " WHERE \"Id\" = ?");
+  auto statement =
+      db.prepare("SELECT " + std::string(object.has("IsDeleted") ? "\"IsDeleted\"" : "'false'") +
+                 " FROM " + quoteIdentifier(object.name) + " WHERE \"Id\" = ?");
   statement.bind(1, id);
   RowState state;
   if (statement.step()) {
@@ -67,9 +67,9 @@ RowState rowState(Database& db, const ObjectDef& object, std::string_view id) {
 
 // Checks and converts JSON field values for a write. Returns an error or fills
 // `values` (canonical field, text or null).
-std::optional<RecordError> convert(const ObjectDef& object, const nlohmann::json& fields,
-                                   bool creating, bool force,
-                                   std::vector<std::pair<const FieldDef*, std::optional<std::string>>>& values) {
+std::optional<RecordError> convert(
+    const ObjectDef& object, const nlohmann::json& fields, bool creating, bool force,
+    std::vector<std::pair<const FieldDef*, std::optional<std::string>>>& values) {
   if (!fields.is_object()) return error("JSON_PARSER_ERROR", "The body must be a JSON object.");
   std::vector<std::string> notWritable;
   for (const auto& [name, value] : fields.items()) {
@@ -80,17 +80,18 @@ std::optional<RecordError> convert(const ObjectDef& object, const nlohmann::json
                    "No such column '" + name + "' on sobject of type " + object.name);
     }
     bool allowed = creating ? field->createable : field->updateable;
-    if (force) allowed = (field->stored() || field->type == FieldType::Base64) &&
-                         field->sqlExpression.empty() && field->name != "Id";
+    if (force)
+      allowed = (field->stored() || field->type == FieldType::Base64) &&
+                field->sqlExpression.empty() && field->name != "Id";
     if (!allowed) {
       notWritable.push_back(field->name);
       continue;
     }
     if (value.is_object() || value.is_array()) {
-      return error("JSON_PARSER_ERROR",
-                   "Cannot deserialize instance of " + std::string(typeName(field->type)) +
-                       " from " + (value.is_object() ? "START_OBJECT" : "START_ARRAY") +
-                       " value for field " + field->name);
+      return error("JSON_PARSER_ERROR", "Cannot deserialize instance of " +
+                                            std::string(typeName(field->type)) + " from " +
+                                            (value.is_object() ? "START_OBJECT" : "START_ARRAY") +
+                                            " value for field " + field->name);
     }
     auto text = jsonText(value);
     if (text && text->empty()) text.reset();
@@ -105,13 +106,12 @@ std::optional<RecordError> convert(const ObjectDef& object, const nlohmann::json
       if (!normalized) {
         bool reference = field->type == FieldType::Reference || field->type == FieldType::Id;
         if (reference) {
-          return error("MALFORMED_ID",
-                       field->label + ": id value of incorrect type: " + *text, {field->name});
+          return error("MALFORMED_ID", field->label + ": id value of incorrect type: " + *text,
+                       {field->name});
         }
-        return error("JSON_PARSER_ERROR", "Cannot deserialize instance of " +
-                                              std::string(typeName(field->type)) +
-                                              " from VALUE_STRING value " + *text +
-                                              " for field " + field->name);
+        return error("JSON_PARSER_ERROR",
+                     "Cannot deserialize instance of " + std::string(typeName(field->type)) +
+                         " from VALUE_STRING value " + *text + " for field " + field->name);
       }
       if (field->length > 0 && isTextLike(field->type) &&
           static_cast<int>(utf8Length(*normalized)) > field->length) {
@@ -168,8 +168,8 @@ SaveResult create(OrgStore& store, const ObjectDef& object, const nlohmann::json
   if (!missing.empty()) {
     std::string list;
     for (const auto& n : missing) list += (list.empty() ? "" : ", ") + n;
-    return failed(error("REQUIRED_FIELD_MISSING", "Required fields are missing: [" + list + "]",
-                        missing));
+    return failed(
+        error("REQUIRED_FIELD_MISSING", "Required fields are missing: [" + list + "]", missing));
   }
   if (dryRun) {
     SaveResult result;
@@ -260,8 +260,8 @@ SaveResult update(OrgStore& store, const ObjectDef& object, std::string_view raw
       binds.emplace_back(userId);
     }
     if (!set.empty()) {
-      auto statement =
-          db.prepare("UPDATE " + quoteIdentifier(object.name) + " SET " + set + " WHERE \"Id\" = ?");
+      auto statement = db.prepare("UPDATE " + quoteIdentifier(object.name) + " SET " + set +
+                                  " WHERE \"Id\" = ?");
       int i = 1;
       for (const auto& b : binds) {
         if (b) {
@@ -304,7 +304,8 @@ void markDeleted(Database& db, const ObjectDef& object, const std::string& id,
   if (object.has("LastModifiedById")) statement.bind(i++, userId);
   if (masterId) statement.bind(i++, *masterId);
   statement.bind(i, id).run();
-  db.prepare("INSERT OR REPLACE INTO _deletions (object, id, deleted_at, purged) VALUES (?, ?, ?, 0)")
+  db.prepare(
+        "INSERT OR REPLACE INTO _deletions (object, id, deleted_at, purged) VALUES (?, ?, ?, 0)")
       .bind(1, object.name)
       .bind(2, id)
       .bind(3, now)
@@ -313,17 +314,16 @@ void markDeleted(Database& db, const ObjectDef& object, const std::string& id,
 
 }  // namespace
 
-SaveResult remove(OrgStore& store, std::string_view rawId, const std::string& userId,
-                  bool dryRun) {
+SaveResult remove(OrgStore& store, std::string_view rawId, const std::string& userId, bool dryRun) {
   auto id = RecordIds::normalize(rawId);
   const ObjectDef* object = id ? Schema::objectForId(*id) : nullptr;
   if (!id || object == nullptr) {
     return failed(error("MALFORMED_ID", "malformed id " + std::string(rawId)), 400);
   }
   if (!object->deletable || !object->has("IsDeleted")) {
-    return failed(error("INSUFFICIENT_ACCESS_OR_READONLY",
-                        "insufficient access rights on object id"),
-                  400, *id);
+    return failed(
+        error("INSUFFICIENT_ACCESS_OR_READONLY", "insufficient access rights on object id"), 400,
+        *id);
   }
   SaveResult result;
   store.write([&](Database& db) {
@@ -336,7 +336,8 @@ SaveResult remove(OrgStore& store, std::string_view rawId, const std::string& us
       result = failed(error("ENTITY_IS_DELETED", "entity is deleted"), 404, *id);
       return;
     }
-    if (!dryRun) markDeleted(db, *object, *id, WireTime::dateTime(store.now()), userId, std::nullopt);
+    if (!dryRun)
+      markDeleted(db, *object, *id, WireTime::dateTime(store.now()), userId, std::nullopt);
     result.id = *id;
     result.success = true;
     result.httpStatus = 204;
@@ -370,8 +371,8 @@ SaveResult undelete(OrgStore& store, std::string_view rawId, const std::string& 
     if (object->has("SystemModstamp")) set += ", \"SystemModstamp\" = ?";
     if (object->has("LastModifiedDate")) set += ", \"LastModifiedDate\" = ?";
     if (object->has("LastModifiedById")) set += ", \"LastModifiedById\" = ?";
-    auto statement = db.prepare("UPDATE " + quoteIdentifier(object->name) + " SET " + set +
-                                " WHERE \"Id\" = ?");
+    auto statement =
+        db.prepare("UPDATE " + quoteIdentifier(object->name) + " SET " + set + " WHERE \"Id\" = ?");
     int i = 1;
     if (object->has("SystemModstamp")) statement.bind(i++, now);
     if (object->has("LastModifiedDate")) statement.bind(i++, now);
@@ -405,7 +406,8 @@ std::int64_t purgeWhere(OrgStore& store, const ObjectDef& object, const std::str
     if (!newest) return;
     // The ids first: the conditions may read the deletion log that is cleared below.
     std::vector<std::string> ids;
-    auto select = db.prepare("SELECT \"Id\" FROM " + quoteIdentifier(object.name) + " WHERE " + where);
+    auto select =
+        db.prepare("SELECT \"Id\" FROM " + quoteIdentifier(object.name) + " WHERE " + where);
     for (std::size_t i = 0; i < binds.size(); ++i) select.bind(static_cast<int>(i) + 1, binds[i]);
     while (select.step()) ids.emplace_back(select.text(0));
     select.reset();
@@ -472,9 +474,9 @@ std::int64_t purgeExpired(OrgStore& store) {
   for (const auto& name : due) {
     const ObjectDef* object = Schema::object(name);
     if (object == nullptr) continue;
-    purged += purgeWhere(store, *object,
-                         "\"Id\" IN (SELECT id FROM _deletions WHERE object = ? AND deleted_at < ?)",
-                         {object->name, cutoff});
+    purged += purgeWhere(
+        store, *object, "\"Id\" IN (SELECT id FROM _deletions WHERE object = ? AND deleted_at < ?)",
+        {object->name, cutoff});
   }
   return purged;
 }
@@ -597,8 +599,8 @@ MergeOutcome merge(OrgStore& store, const MergeRequest& request, const std::stri
 }
 
 std::variant<GetDeletedAnswer, GetDeletedRefused> getDeleted(OrgStore& store,
-                                                            const ObjectDef& object,
-                                                            SystemTime start, SystemTime end) {
+                                                             const ObjectDef& object,
+                                                             SystemTime start, SystemTime end) {
   using namespace std::chrono;
   // Salesforce ignores seconds: both ends are taken to the whole minute.
   auto toMinute = [](SystemTime t) { return SystemTime(floor<minutes>(t)); };

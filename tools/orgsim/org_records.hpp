@@ -111,8 +111,8 @@ struct GetDeletedRefused {
 };
 // Returns the answer, or the refusal.
 std::variant<GetDeletedAnswer, GetDeletedRefused> getDeleted(OrgStore& store,
-                                                            const ObjectDef& object,
-                                                            SystemTime start, SystemTime end);
+                                                             const ObjectDef& object,
+                                                             SystemTime start, SystemTime end);
 
 // The live record counts per object (for /limits/recordCount).
 std::vector<std::pair<std::string, std::int64_t>> recordCounts(

@@ -73,8 +73,9 @@ std::string tableDefinition(const ObjectDef& object) {
 std::vector<std::string> indexDefinitions(const ObjectDef& object) {
   std::vector<std::string> out;
   auto index = [&](const std::string& column) {
-    out.push_back("CREATE INDEX IF NOT EXISTS " + quoteIdentifier("_i_" + object.name + "_" + column) +
-                  " ON " + quoteIdentifier(object.name) + " (" + quoteIdentifier(column) + ")");
+    out.push_back("CREATE INDEX IF NOT EXISTS " +
+                  quoteIdentifier("_i_" + object.name + "_" + column) + " ON " +
+                  quoteIdentifier(object.name) + " (" + quoteIdentifier(column) + ")");
   };
   for (const auto& field : object.fields) {
     if (field.name == "SystemModstamp" || field.name == "LastModifiedDate" ||
@@ -182,7 +183,8 @@ std::optional<SystemTime> fromParts(int year, int month, int day, int hour, int 
   if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60) {
     return std::nullopt;
   }
-  std::chrono::year_month_day ymd{std::chrono::year(year), std::chrono::month(static_cast<unsigned>(month)),
+  std::chrono::year_month_day ymd{std::chrono::year(year),
+                                  std::chrono::month(static_cast<unsigned>(month)),
                                   std::chrono::day(static_cast<unsigned>(day))};
   if (!ymd.ok()) return std::nullopt;
   auto time = std::chrono::sys_days(ymd) + std::chrono::hours(hour) +
@@ -214,8 +216,7 @@ std::string httpDate(SystemTime time) {
   gmtime_r(&seconds, &tm);
   char buffer[64];
   std::snprintf(buffer, sizeof buffer, "%s, %02d %s %04d %02d:%02d:%02d GMT", days[tm.tm_wday],
-                tm.tm_mday, months[tm.tm_mon], tm.tm_year + 1900, tm.tm_hour, tm.tm_min,
-                tm.tm_sec);
+                tm.tm_mday, months[tm.tm_mon], tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
   return buffer;
 }
 
@@ -374,7 +375,8 @@ std::unique_ptr<OrgStore> OrgStore::open(const std::filesystem::path& stateDir) 
         "CREATE TABLE IF NOT EXISTS _requests (seq INTEGER PRIMARY KEY, at TEXT NOT NULL, "
         "  method TEXT NOT NULL, path TEXT NOT NULL, query TEXT, status INTEGER, "
         "  username TEXT, fault TEXT, millis INTEGER);"
-        "CREATE TABLE IF NOT EXISTS _api_calls (minute INTEGER PRIMARY KEY, calls INTEGER NOT NULL);"
+        "CREATE TABLE IF NOT EXISTS _api_calls (minute INTEGER PRIMARY KEY, calls INTEGER NOT "
+        "NULL);"
         "CREATE TABLE IF NOT EXISTS _jobs (id TEXT PRIMARY KEY, info TEXT NOT NULL, "
         "  created_at TEXT NOT NULL);");
     for (const auto& object : Schema::objects()) {
@@ -627,8 +629,8 @@ struct RecordWriter::Plan {
   std::vector<const FieldDef*> columns;
   std::vector<int> source;
   int bodyPosition = -1;  // index into `given` of the body field
-  int idColumn = -1, deletedColumn = -1, modstampColumn = -1, checksumColumn = -1,
-      sizeColumn = -1, caseNumberColumn = -1, deletedAtColumn = -1;
+  int idColumn = -1, deletedColumn = -1, modstampColumn = -1, checksumColumn = -1, sizeColumn = -1,
+      caseNumberColumn = -1, deletedAtColumn = -1;
   Statement insert;
   Statement insertBody;
   Statement insertDeletion;
@@ -700,7 +702,9 @@ RecordWriter OrgStore::writer(std::string_view objectName, std::vector<std::stri
 }
 
 RecordWriter::RecordWriter(OrgStore& store, std::unique_ptr<Plan> plan, int rowsPerTransaction)
-    : store_(&store), plan_(std::move(plan)), rowsPerTransaction_(std::max(1, rowsPerTransaction)) {}
+    : store_(&store),
+      plan_(std::move(plan)),
+      rowsPerTransaction_(std::max(1, rowsPerTransaction)) {}
 
 RecordWriter::RecordWriter(RecordWriter&& other) noexcept
     : store_(other.store_),
@@ -777,10 +781,10 @@ std::string RecordWriter::insert(std::span<const FieldValue> values) {
     if (value) {
       auto normalized = WireValues::normalize(field, *value);
       if (!normalized) {
-        throw OrgStoreError(OrgStoreError::Kind::BadValue,
-                            object.name + "." + field.name + ": \"" +
-                                std::string(value->substr(0, 80)) + "\" is not a valid " +
-                                std::string(typeName(field.type)));
+        throw OrgStoreError(OrgStoreError::Kind::BadValue, object.name + "." + field.name + ": \"" +
+                                                               std::string(value->substr(0, 80)) +
+                                                               "\" is not a valid " +
+                                                               std::string(typeName(field.type)));
       }
       if (normalized->size() != value->size() || *normalized != *value) {
         owned[c] = std::move(*normalized);
@@ -841,7 +845,8 @@ std::string RecordWriter::insert(std::span<const FieldValue> values) {
   try {
     statement.run();
   } catch (const OrgStoreError& error) {
-    throw OrgStoreError(OrgStoreError::Kind::BadValue, object.name + " " + id + ": " + error.value());
+    throw OrgStoreError(OrgStoreError::Kind::BadValue,
+                        object.name + " " + id + ": " + error.value());
   }
   if (body) {
     plan.insertBody.reset();

@@ -82,13 +82,13 @@ std::string storedToRest(std::string_view stored);
 class OrgStoreError : public std::runtime_error {
  public:
   enum class Kind {
-    CannotOpen,  // value: the folder and SQLite's reason
-    Database,  // value: SQLite's message
+    CannotOpen,     // value: the folder and SQLite's reason
+    Database,       // value: SQLite's message
     UnknownObject,  // value: the object name
-    UnknownField,  // value: "Object.Field"
-    NotWritable,  // value: "Object.Field" (formula, compound, or the Id of an update)
-    BadValue,  // value: "Object.Field: why"
-    NotFound,  // value: the record id
+    UnknownField,   // value: "Object.Field"
+    NotWritable,    // value: "Object.Field" (formula, compound, or the Id of an update)
+    BadValue,       // value: "Object.Field: why"
+    NotFound,       // value: the record id
   };
 
   OrgStoreError(Kind kind, std::string value);
@@ -107,7 +107,7 @@ class OrgStoreError : public std::runtime_error {
 // "admin@sample.org"; whoever fills the folder writes the Organization row and the
 // admin User row with these ids (or sets others first).
 struct OrgIdentity {
-  std::string orgId;  // 18 characters, prefix 00D
+  std::string orgId;        // 18 characters, prefix 00D
   std::string adminUserId;  // 18 characters, prefix 005
   std::string adminUsername;
   std::string orgName;

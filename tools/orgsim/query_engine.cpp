@@ -66,9 +66,9 @@ const FieldDef& polymorphicTypeField() {
 struct Resolved {
   std::string sql;
   const FieldDef* field = nullptr;
-  const ObjectDef* owner = nullptr;  // the object holding the field (null: polymorphic)
+  const ObjectDef* owner = nullptr;           // the object holding the field (null: polymorphic)
   std::vector<std::string> relationshipPath;  // canonical
-  std::string name;  // canonical field name
+  std::string name;                           // canonical field name
   std::string baseAlias;  // alias of the table holding the field (for compounds, bodies)
 };
 
@@ -136,7 +136,7 @@ class QueryCompiler {
           throw SoqlError::at("INVALID_FIELD", text_, item.path.offset,
                               "field '" + r.name + "' can not be sorted in a query call");
         }
-        std::string expr = isNumeric(r.field->type) ? "CAST(" + r.sql + " AS REAL)"
+        std::string expr = isNumeric(r.field->type)    ? "CAST(" + r.sql + " AS REAL)"
                            : isTextType(r.field->type) ? r.sql + " COLLATE NOCASE"
                                                        : r.sql;
         if (!order.empty()) order += ", ";
@@ -172,9 +172,9 @@ class QueryCompiler {
 
   [[noreturn]] void noSuchColumn(const ObjectDef& object, const std::string& name,
                                  std::size_t offset) const {
-    throw SoqlError::at("INVALID_FIELD", text_, offset,
-                        "No such column '" + name + "' on entity '" + object.name + "'." +
-                            kCustomFieldHint);
+    throw SoqlError::at(
+        "INVALID_FIELD", text_, offset,
+        "No such column '" + name + "' on entity '" + object.name + "'." + kCustomFieldHint);
   }
 
   [[noreturn]] void noSuchRelationship(const std::string& name, std::size_t offset) const {
@@ -190,7 +190,8 @@ class QueryCompiler {
     std::vector<std::string> parts = path.parts;
     const ObjectDef* object = out_.object_;
     // "SELECT Account.Name FROM Account": the object's own name may lead the path.
-    if (parts.size() > 1 && same(parts[0], object->name) && object->relationship(parts[0]) == nullptr) {
+    if (parts.size() > 1 && same(parts[0], object->name) &&
+        object->relationship(parts[0]) == nullptr) {
       parts.erase(parts.begin());
     }
     Resolved r;
@@ -307,9 +308,9 @@ class QueryCompiler {
       if (r.field->type == FieldType::Base64) {
         column.kind = OutputColumn::Kind::BodyUrl;
         column.bodyObject = r.owner != nullptr ? r.owner->name : "";
-        column.sqlColumn = addSelect("CASE WHEN EXISTS (SELECT 1 FROM _bodies WHERE object = " +
-                                     sqlText(column.bodyObject) + " AND id = " + r.baseAlias +
-                                     ".\"Id\") THEN " + r.baseAlias + ".\"Id\" END");
+        column.sqlColumn = addSelect(
+            "CASE WHEN EXISTS (SELECT 1 FROM _bodies WHERE object = " + sqlText(column.bodyObject) +
+            " AND id = " + r.baseAlias + ".\"Id\") THEN " + r.baseAlias + ".\"Id\" END");
       } else if (isCompound(r.field->type)) {
         column.kind = OutputColumn::Kind::Compound;
         for (const FieldDef* component : r.owner->components(r.field->name)) {
@@ -387,9 +388,9 @@ class QueryCompiler {
         expr = "COUNT(DISTINCT " + r.sql + ")";
       } else if (item.function == "SUM" || item.function == "AVG") {
         if (!isNumeric(r.field->type)) {
-          throw SoqlError::at("MALFORMED_QUERY", text_, item.offset,
-                              "field " + r.name + " does not support aggregate operator " +
-                                  item.function);
+          throw SoqlError::at(
+              "MALFORMED_QUERY", text_, item.offset,
+              "field " + r.name + " does not support aggregate operator " + item.function);
         }
         expr = item.function + "(" + value + ")";
       } else {
@@ -409,9 +410,9 @@ class QueryCompiler {
     }
     Resolved r = resolve(q.select[0].path);
     if (r.field->type != FieldType::Id && r.field->type != FieldType::Reference) {
-      throw SoqlError::at("MALFORMED_QUERY", text_, q.select[0].offset,
-                          "semi join sub-selects can only query id fields, cannot use: '" +
-                              r.name + "'");
+      throw SoqlError::at(
+          "MALFORMED_QUERY", text_, q.select[0].offset,
+          "semi join sub-selects can only query id fields, cannot use: '" + r.name + "'");
     }
     out_.selectList_ = r.sql;
   }
@@ -660,8 +661,7 @@ class QueryCompiler {
         std::string in = list.empty() ? "0" : lhs + collate + " IN (" + list + ")";
         if (!c.negated) return hasNull ? "(" + in + ") OR " + r.sql + " IS NULL" : in;
         std::string notIn = list.empty() ? "1" : lhs + collate + " NOT IN (" + list + ")";
-        return hasNull ? r.sql + " IS NOT NULL AND " + notIn
-                       : r.sql + " IS NULL OR " + notIn;
+        return hasNull ? r.sql + " IS NOT NULL AND " + notIn : r.sql + " IS NULL OR " + notIn;
       }
       case Condition::Kind::SemiJoin: {
         Resolved r = resolveFilterable(c.field);
@@ -674,8 +674,8 @@ class QueryCompiler {
         QueryCompiler compiler(sub, api_, now_, aliasCounter_, params_);
         compiler.compile(QueryScope::Live, true);
         const_cast<Condition&>(c).subquery = std::make_unique<Query>(std::move(sub.query_));
-        std::string select = "SELECT " + sub.selectList_ + " FROM " + sub.from_ + " WHERE " +
-                             sub.where_;
+        std::string select =
+            "SELECT " + sub.selectList_ + " FROM " + sub.from_ + " WHERE " + sub.where_;
         std::string in = r.sql + (c.negated ? " NOT IN (" : " IN (") + select + ")";
         return c.negated ? r.sql + " IS NULL OR " + in : in;
       }
@@ -740,9 +740,9 @@ std::int64_t CompiledQuery::scanAfter(Database& db, std::int64_t afterRowId, std
                                       const std::function<void(Statement& row)>& sink) const {
   std::string alias = from_.substr(from_.find(" AS ") + 4);
   alias = alias.substr(0, alias.find(' '));
-  auto statement = db.prepare("SELECT " + selectList_ + ", " + alias + ".rowid FROM " + from_ +
-                              " WHERE " + where_ + " AND " + alias + ".rowid > ? ORDER BY " +
-                              alias + ".rowid LIMIT ?");
+  auto statement =
+      db.prepare("SELECT " + selectList_ + ", " + alias + ".rowid FROM " + from_ + " WHERE " +
+                 where_ + " AND " + alias + ".rowid > ? ORDER BY " + alias + ".rowid LIMIT ?");
   bindParams(statement);
   int next = static_cast<int>(params_.size()) + 1;
   statement.bind(next, afterRowId).bind(next + 1, maxRows);
@@ -767,7 +767,8 @@ std::vector<std::int64_t> CompiledQuery::rowIds(Database& db) const {
 }
 
 void CompiledQuery::fetch(Database& db, const std::vector<std::int64_t>& rowIds, std::size_t from,
-                          std::size_t count, const std::function<void(Statement& row)>& sink) const {
+                          std::size_t count,
+                          const std::function<void(Statement& row)>& sink) const {
   std::string alias = from_.substr(from_.find(" AS ") + 4);
   alias = alias.substr(0, alias.find(' '));
   auto statement =
@@ -785,13 +786,27 @@ void appendJsonString(std::string& out, std::string_view text) {
   out += '"';
   for (char c : text) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
       default:
         if (static_cast<unsigned char>(c) < 0x20) {
           static constexpr char hex[] = "0123456789abcdef";
@@ -850,8 +865,8 @@ void CompiledQuery::appendJsonNode(std::string& out, const Statement& row,
   QueryEngine::appendJsonString(out, type);
   if (!id.empty()) {
     out += ",\"url\":";
-    QueryEngine::appendJsonString(out, "/services/data/v" + apiVersion + "/sobjects/" + type + "/" +
-                                           std::string(id));
+    QueryEngine::appendJsonString(
+        out, "/services/data/v" + apiVersion + "/sobjects/" + type + "/" + std::string(id));
   }
   out += '}';
   for (const auto& entry : node.entries) {
@@ -883,10 +898,9 @@ void CompiledQuery::appendJsonNode(std::string& out, const Statement& row,
         if (row.isNull(column.sqlColumn)) {
           out += "null";
         } else {
-          QueryEngine::appendJsonString(out, "/services/data/v" + apiVersion + "/sobjects/" +
-                                                 column.bodyObject + "/" +
-                                                 std::string(row.text(column.sqlColumn)) + "/" +
-                                                 column.field->name);
+          QueryEngine::appendJsonString(
+              out, "/services/data/v" + apiVersion + "/sobjects/" + column.bodyObject + "/" +
+                       std::string(row.text(column.sqlColumn)) + "/" + column.field->name);
         }
         break;
       case OutputColumn::Kind::Compound: {
@@ -981,7 +995,8 @@ std::int64_t CompiledQuery::appendAggregateJson(Database& db, std::string& out) 
         // of the double (15 significant digits).
         double value = row.real(column.sqlColumn);
         std::string text(row.text(column.sqlColumn));
-        if (std::abs(value) < 1e15 && value == static_cast<double>(static_cast<std::int64_t>(value))) {
+        if (std::abs(value) < 1e15 &&
+            value == static_cast<double>(static_cast<std::int64_t>(value))) {
           text = std::to_string(static_cast<std::int64_t>(value));
         }
         out += WireValues::plainNumber(text).value_or(text);

@@ -23,7 +23,7 @@ namespace corvane::orgsim {
 
 enum class QueryScope {
   Live,  // /query: rows in the Recycle Bin and archived activities are left out
-  All,  // /queryAll: everything
+  All,   // /queryAll: everything
 };
 
 enum class QueryApi { Rest, Bulk };
@@ -34,19 +34,19 @@ struct OutputColumn {
   Kind kind = Kind::Value;
   std::string header;  // canonical dotted name: "Owner.Name"; aggregates: alias or exprN
   std::vector<std::string> relationshipPath;  // canonical: {"Owner"}
-  std::string name;  // the last part: "Name"
-  const FieldDef* field = nullptr;  // null for COUNT() and counting aggregates
+  std::string name;                           // the last part: "Name"
+  const FieldDef* field = nullptr;            // null for COUNT() and counting aggregates
   int sqlColumn = -1;
   std::vector<std::pair<std::string, int>> components;  // Compound: key, sql column
-  std::string bodyObject;  // BodyUrl: the object whose body it is
-  std::string function;  // Aggregate: COUNT, SUM, ...
+  std::string bodyObject;                               // BodyUrl: the object whose body it is
+  std::string function;                                 // Aggregate: COUNT, SUM, ...
 };
 
 // A relationship object in the output ("Owner": {...}).
 struct OutputRelationship {
   std::vector<std::string> path;  // canonical: {"Account", "Owner"}
-  int idSqlColumn = -1;  // the related record's id (null: no related record)
-  std::string type;  // the related object, or empty when it follows from the id
+  int idSqlColumn = -1;           // the related record's id (null: no related record)
+  std::string type;               // the related object, or empty when it follows from the id
 };
 
 class CompiledQuery {
@@ -87,11 +87,11 @@ class CompiledQuery {
   const ObjectDef* object_ = nullptr;
   Query query_;
   bool aggregate_ = false;
-  std::string selectList_;  // the output columns as SQL
-  std::string from_;  // FROM table AS t0 and joins
-  std::string where_;  // the WHERE condition (never empty)
+  std::string selectList_;           // the output columns as SQL
+  std::string from_;                 // FROM table AS t0 and joins
+  std::string where_;                // the WHERE condition (never empty)
   std::vector<std::string> params_;  // bound in order into where_
-  std::string orderBy_;  // "" or "ORDER BY ..."
+  std::string orderBy_;              // "" or "ORDER BY ..."
   std::string groupBy_;
   std::string limit_;  // "" or "LIMIT n OFFSET m"
   std::vector<OutputColumn> columns_;
@@ -104,7 +104,7 @@ class CompiledQuery {
     int index = 0;  // into columns_ or nodes_
   };
   struct RenderNode {
-    std::string name;  // the relationship name ("Owner"); empty for the record
+    std::string name;       // the relationship name ("Owner"); empty for the record
     int relationship = -1;  // into relationships_
     std::vector<RenderEntry> entries;
   };
@@ -122,8 +122,8 @@ namespace QueryEngine {
 // (relative date literals). Throws SoqlError with Salesforce's codes: INVALID_TYPE,
 // INVALID_FIELD, MALFORMED_QUERY, INVALID_QUERY_FILTER_OPERATOR,
 // NUMBER_OUTSIDE_VALID_RANGE.
-std::shared_ptr<const CompiledQuery> compile(std::string_view soql, QueryScope scope,
-                                             QueryApi api, SystemTime now);
+std::shared_ptr<const CompiledQuery> compile(std::string_view soql, QueryScope scope, QueryApi api,
+                                             SystemTime now);
 
 // Why Bulk API query jobs refuse this compiled query (the job's errorMessage), or
 // none when they accept it.

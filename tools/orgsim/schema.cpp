@@ -8,8 +8,7 @@ namespace corvane::orgsim {
 namespace {
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
            return std::tolower(static_cast<unsigned char>(x)) ==
                   std::tolower(static_cast<unsigned char>(y));
          });
@@ -159,15 +158,16 @@ struct F {
 };
 
 const std::vector<std::string> kGeocodeAccuracy = {
-    "Address", "NearAddress", "Block", "Street", "ExtendedZip", "Zip",
-    "Neighborhood", "City", "County", "State", "Unknown"};
+    "Address",      "NearAddress", "Block",  "Street", "ExtendedZip", "Zip",
+    "Neighborhood", "City",        "County", "State",  "Unknown"};
 const std::vector<std::string> kIndustries = {
-    "Agriculture", "Apparel", "Banking", "Biotechnology", "Chemicals", "Communications",
-    "Construction", "Consulting", "Education", "Electronics", "Energy", "Engineering",
-    "Entertainment", "Environmental", "Finance", "Food & Beverage", "Government",
-    "Healthcare", "Hospitality", "Insurance", "Machinery", "Manufacturing", "Media",
-    "Not For Profit", "Recreation", "Retail", "Shipping", "Technology",
-    "Telecommunications", "Transportation", "Utilities", "Other"};
+    "Agriculture",     "Apparel",       "Banking",       "Biotechnology",      "Chemicals",
+    "Communications",  "Construction",  "Consulting",    "Education",          "Electronics",
+    "Energy",          "Engineering",   "Entertainment", "Environmental",      "Finance",
+    "Food & Beverage", "Government",    "Healthcare",    "Hospitality",        "Insurance",
+    "Machinery",       "Manufacturing", "Media",         "Not For Profit",     "Recreation",
+    "Retail",          "Shipping",      "Technology",    "Telecommunications", "Transportation",
+    "Utilities",       "Other"};
 const std::vector<std::string> kLeadSources = {"Web", "Phone Inquiry", "Partner Referral",
                                                "Purchased List", "Other"};
 const std::vector<std::string> kSalutations = {"Mr.", "Ms.", "Mrs.", "Dr.", "Prof.", "Mx."};
@@ -181,10 +181,10 @@ void address(std::vector<FieldDef>& fields, const std::string& prefix,
   auto label = [&](const char* what) {
     return labelPrefix.empty() ? std::string(what) : labelPrefix + " " + what;
   };
-  fields.push_back(F(prefix + "Street", label("Street"), T::TextArea)
-                       .len(255)
-                       .component(compound, "street"));
-  fields.push_back(F(prefix + "City", label("City"), T::String).len(40).component(compound, "city"));
+  fields.push_back(
+      F(prefix + "Street", label("Street"), T::TextArea).len(255).component(compound, "street"));
+  fields.push_back(
+      F(prefix + "City", label("City"), T::String).len(40).component(compound, "city"));
   fields.push_back(
       F(prefix + "State", label("State/Province"), T::String).len(80).component(compound, "state"));
   fields.push_back(F(prefix + "PostalCode", label("Zip/Postal Code"), T::String)
@@ -214,9 +214,8 @@ struct SystemFields {
   bool masterRecord = false;
 };
 
-ObjectDef makeObject(std::string name, std::string label, std::string plural,
-                     std::string keyPrefix, const SystemFields& system,
-                     std::vector<FieldDef> own) {
+ObjectDef makeObject(std::string name, std::string label, std::string plural, std::string keyPrefix,
+                     const SystemFields& system, std::vector<FieldDef> own) {
   ObjectDef object;
   object.name = name;
   object.label = label;
@@ -233,8 +232,7 @@ ObjectDef makeObject(std::string name, std::string label, std::string plural,
   }
   for (auto& field : own) fields.push_back(std::move(field));
   if (system.owner) {
-    fields.push_back(
-        F("OwnerId", "Owner ID", T::Reference).required().ref({"User"}, "Owner"));
+    fields.push_back(F("OwnerId", "Owner ID", T::Reference).required().ref({"User"}, "Owner"));
   }
   if (system.created) {
     fields.push_back(F("CreatedDate", "Created Date", T::DateTime).required().readOnly());
@@ -265,8 +263,8 @@ std::vector<ObjectDef> buildCatalog() {
   std::vector<ObjectDef> all;
   const std::vector<std::string> whoTargets = {"Contact", "Lead"};
   const std::vector<std::string> whatTargets = {"Account", "Opportunity", "Case", "Invoice__c"};
-  const std::vector<std::string> parentTargets = {"Account", "Contact", "Lead", "Opportunity",
-                                                  "Case", "Invoice__c"};
+  const std::vector<std::string> parentTargets = {"Account",     "Contact", "Lead",
+                                                  "Opportunity", "Case",    "Invoice__c"};
 
   {
     std::vector<FieldDef> f;
@@ -363,8 +361,8 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("ConvertedOpportunityId", "Converted Opportunity ID", T::Reference)
                     .readOnly()
                     .ref({"Opportunity"}, "ConvertedOpportunity"));
-    auto object = makeObject("Lead", "Lead", "Leads", "00Q",
-                             {.owner = true, .masterRecord = true}, std::move(f));
+    auto object = makeObject("Lead", "Lead", "Leads", "00Q", {.owner = true, .masterRecord = true},
+                             std::move(f));
     object.mergeable = true;
     object.feedEnabled = true;
     all.push_back(std::move(object));
@@ -392,8 +390,8 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("LeadSource", "Lead Source", T::Picklist).len(40).pick(kLeadSources));
     f.push_back(F("IsClosed", "Closed", T::Boolean).readOnly());
     f.push_back(F("IsWon", "Won", T::Boolean).readOnly());
-    auto object = makeObject("Opportunity", "Opportunity", "Opportunities", "006",
-                             {.owner = true}, std::move(f));
+    auto object = makeObject("Opportunity", "Opportunity", "Opportunities", "006", {.owner = true},
+                             std::move(f));
     object.feedEnabled = true;
     all.push_back(std::move(object));
   }
@@ -418,15 +416,13 @@ std::vector<ObjectDef> buildCatalog() {
                            "Equipment Design", "Feedback", "Other"}));
     f.push_back(F("Origin", "Case Origin", T::Picklist).len(40).pick({"Phone", "Email", "Web"}));
     f.push_back(F("Subject", "Subject", T::String).len(255));
-    f.push_back(F("Priority", "Priority", T::Picklist)
-                    .len(40)
-                    .pick({"High", "Medium", "Low"}, "Medium"));
+    f.push_back(
+        F("Priority", "Priority", T::Picklist).len(40).pick({"High", "Medium", "Low"}, "Medium"));
     f.push_back(F("Description", "Description", T::TextArea));
     f.push_back(F("IsClosed", "Closed", T::Boolean).readOnly());
     f.push_back(F("ClosedDate", "Closed Date", T::DateTime).readOnly());
     f.push_back(F("IsEscalated", "Escalated", T::Boolean));
-    auto object =
-        makeObject("Case", "Case", "Cases", "500", {.owner = true}, std::move(f));
+    auto object = makeObject("Case", "Case", "Cases", "500", {.owner = true}, std::move(f));
     object.feedEnabled = true;
     all.push_back(std::move(object));
   }
@@ -434,8 +430,8 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("WhoId", "Name ID", T::Reference).ref(whoTargets, "Who"));
     f.push_back(F("WhatId", "Related To ID", T::Reference).ref(whatTargets, "What"));
     f.push_back(F("AccountId", "Account ID", T::Reference).readOnly().ref({"Account"}, "Account"));
-    f.push_back(F("Subject", "Subject", T::Combobox)
-                    .pick({"Call", "Send Letter", "Send Quote", "Other"}));
+    f.push_back(
+        F("Subject", "Subject", T::Combobox).pick({"Call", "Send Letter", "Send Quote", "Other"}));
     f.push_back(F("ActivityDate", "Due Date Only", T::Date));
     f.push_back(F("Description", "Description", T::TextArea));
     f.push_back(F("IsArchived", "Archived", T::Boolean).readOnly());
@@ -517,8 +513,7 @@ std::vector<ObjectDef> buildCatalog() {
                     .pick({"Standard", "PowerPartner", "CsnOnly", "Guest"}, "Standard"));
     f.push_back(F("ManagerId", "Manager ID", T::Reference).ref({"User"}, "Manager"));
     f.push_back(F("LastLoginDate", "Last Login", T::DateTime).readOnly());
-    auto object = makeObject("User", "User", "Users", "005",
-                             {.isDeleted = false}, std::move(f));
+    auto object = makeObject("User", "User", "Users", "005", {.isDeleted = false}, std::move(f));
     object.deletable = false;
     object.undeletable = false;
     all.push_back(std::move(object));
@@ -558,10 +553,8 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("Title", "Title", T::String).len(255).name().readOnly());
     f.push_back(F("IsArchived", "Is Archived", T::Boolean).readOnly());
     f.push_back(F("ArchivedDate", "Archived Date", T::Date).readOnly());
-    f.push_back(F("PublishStatus", "Publish Status", T::Picklist)
-                    .len(40)
-                    .readOnly()
-                    .pick({"U", "P", "R"}));
+    f.push_back(
+        F("PublishStatus", "Publish Status", T::Picklist).len(40).readOnly().pick({"U", "P", "R"}));
     f.push_back(F("LatestPublishedVersionId", "Latest Published Version ID", T::Reference)
                     .readOnly()
                     .ref({"ContentVersion"}, "LatestPublishedVersion"));
@@ -595,16 +588,14 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("FirstPublishLocationId", "First Publish Location ID", T::Reference)
                     .createOnly()
                     .ref(parentTargets, "FirstPublishLocation"));
-    f.push_back(F("PublishStatus", "Publish Status", T::Picklist)
-                    .len(40)
-                    .readOnly()
-                    .pick({"U", "P", "R"}));
+    f.push_back(
+        F("PublishStatus", "Publish Status", T::Picklist).len(40).readOnly().pick({"U", "P", "R"}));
     f.push_back(F("ContentLocation", "Content Location", T::Picklist)
                     .len(40)
                     .createOnly()
                     .pick({"S", "E", "L"}, "S"));
-    f.push_back(F("Origin", "Content Origin", T::Picklist).len(40).createOnly().pick({"C", "H"},
-                                                                                       "C"));
+    f.push_back(
+        F("Origin", "Content Origin", T::Picklist).len(40).createOnly().pick({"C", "H"}, "C"));
     auto object = makeObject("ContentVersion", "Content Version", "Content Versions", "068",
                              {.owner = true}, std::move(f));
     object.deletable = false;
@@ -614,12 +605,12 @@ std::vector<ObjectDef> buildCatalog() {
   }
   {
     std::vector<FieldDef> f;
-    f.push_back(F("LinkedEntityId", "Linked Entity ID", T::Reference)
-                    .required()
-                    .createOnly()
-                    .ref({"Account", "Contact", "Lead", "Opportunity", "Case", "User",
-                          "Invoice__c"},
-                         "LinkedEntity"));
+    f.push_back(
+        F("LinkedEntityId", "Linked Entity ID", T::Reference)
+            .required()
+            .createOnly()
+            .ref({"Account", "Contact", "Lead", "Opportunity", "Case", "User", "Invoice__c"},
+                 "LinkedEntity"));
     f.push_back(F("ContentDocumentId", "ContentDocument ID", T::Reference)
                     .required()
                     .createOnly()
@@ -628,9 +619,9 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("Visibility", "Visibility", T::Picklist)
                     .len(40)
                     .pick({"AllUsers", "InternalUsers", "SharedUsers"}, "AllUsers"));
-    auto object = makeObject("ContentDocumentLink", "Content Document Link",
-                             "Content Document Links", "06A",
-                             {.created = false, .modified = false}, std::move(f));
+    auto object =
+        makeObject("ContentDocumentLink", "Content Document Link", "Content Document Links", "06A",
+                   {.created = false, .modified = false}, std::move(f));
     object.requiresIdFilter = true;
     object.undeletable = false;
     object.layoutable = false;
@@ -649,8 +640,8 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("BodyLength", "Body Length", T::Int).readOnly());
     f.push_back(F("Body", "Body", T::Base64).required());
     f.push_back(F("Description", "Description", T::TextArea).len(500));
-    auto object = makeObject("Attachment", "Attachment", "Attachments", "00P", {.owner = true},
-                             std::move(f));
+    auto object =
+        makeObject("Attachment", "Attachment", "Attachments", "00P", {.owner = true}, std::move(f));
     object.bodyField = "Body";
     object.layoutable = false;
     all.push_back(std::move(object));
@@ -671,8 +662,8 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("Keywords", "Keywords", T::String).len(255));
     f.push_back(F("IsInternalUseOnly", "Internal Use Only", T::Boolean));
     f.push_back(F("AuthorId", "Author ID", T::Reference).ref({"User"}, "Author"));
-    auto object = makeObject("Document", "Document", "Documents", "015", {.isDeleted = false},
-                             std::move(f));
+    auto object =
+        makeObject("Document", "Document", "Documents", "015", {.isDeleted = false}, std::move(f));
     object.bodyField = "Body";
     object.undeletable = false;
     all.push_back(std::move(object));
@@ -691,8 +682,8 @@ std::vector<ObjectDef> buildCatalog() {
                              "COALESCE(CAST(\"Tax_Rate__c\" AS REAL), 0) / 100.0), 2) AS TEXT) "
                              "END"));
     f.push_back(F("Due_Date__c", "Due Date", T::Date));
-    f.push_back(F("Status__c", "Status", T::Picklist)
-                    .pick({"Draft", "Sent", "Paid", "Overdue"}, "Draft"));
+    f.push_back(
+        F("Status__c", "Status", T::Picklist).pick({"Draft", "Sent", "Paid", "Overdue"}, "Draft"));
     f.push_back(F("Paid__c", "Paid", T::Boolean));
     f.push_back(F("Notes__c", "Notes", T::TextArea).len(32768));
     f.push_back(F("Site_Location__Latitude__s", "Site Location (Latitude)", T::Double)
@@ -702,8 +693,8 @@ std::vector<ObjectDef> buildCatalog() {
                     .num(18, 15)
                     .component("Site_Location__c", "longitude"));
     f.push_back(F("Site_Location__c", "Site Location", T::Location).readOnly());
-    auto object = makeObject("Invoice__c", "Invoice", "Invoices", "a01", {.owner = true},
-                             std::move(f));
+    auto object =
+        makeObject("Invoice__c", "Invoice", "Invoices", "a01", {.owner = true}, std::move(f));
     all.push_back(std::move(object));
   }
   {
@@ -711,11 +702,11 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("AccountId", "Account ID", T::Reference).readOnly().ref({"Account"}, "Account"));
     f.push_back(F("Field", "Changed Field", T::Picklist)
                     .readOnly()
-                    .pick({"created", "Name", "Phone", "Type", "Industry", "Owner",
-                           "BillingCity", "Website"}));
-    f.push_back(F("DataType", "Data Type", T::Picklist).readOnly().pick({"Text", "Picklist",
-                                                                          "EntityId", "Phone",
-                                                                          "Url"}));
+                    .pick({"created", "Name", "Phone", "Type", "Industry", "Owner", "BillingCity",
+                           "Website"}));
+    f.push_back(F("DataType", "Data Type", T::Picklist)
+                    .readOnly()
+                    .pick({"Text", "Picklist", "EntityId", "Phone", "Url"}));
     f.push_back(F("OldValue", "Old Value", T::AnyType).len(255).readOnly());
     f.push_back(F("NewValue", "New Value", T::AnyType).len(255).readOnly());
     auto object = makeObject("AccountHistory", "Account History", "Account History", "017",
@@ -742,11 +733,10 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("RelatedRecordId", "Related Record ID", T::Reference)
                     .readOnly()
                     .ref({"ContentVersion"}, "RelatedRecord"));
-    f.push_back(F("InsertedById", "Inserted By ID", T::Reference)
-                    .readOnly()
-                    .ref({"User"}, "InsertedBy"));
-    auto object = makeObject("AccountFeed", "Account Feed", "Account Feed", "0D5", {},
-                             std::move(f));
+    f.push_back(
+        F("InsertedById", "Inserted By ID", T::Reference).readOnly().ref({"User"}, "InsertedBy"));
+    auto object =
+        makeObject("AccountFeed", "Account Feed", "Account Feed", "0D5", {}, std::move(f));
     object.createable = false;
     object.updateable = false;
     object.undeletable = false;
@@ -763,9 +753,9 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("ResponsibleNamespacePrefix", "Namespace Prefix", T::String).len(15).readOnly());
     f.push_back(F("CreatedByContext", "Context", T::String).len(40).readOnly());
     f.push_back(F("CreatedByIssuer", "Issuer", T::String).len(255).readOnly());
-    auto object = makeObject("SetupAuditTrail", "Setup Audit Trail", "Setup Audit Trail", "0Ym",
-                             {.isDeleted = false, .modified = false, .modstamp = false},
-                             std::move(f));
+    auto object =
+        makeObject("SetupAuditTrail", "Setup Audit Trail", "Setup Audit Trail", "0Ym",
+                   {.isDeleted = false, .modified = false, .modstamp = false}, std::move(f));
     object.createable = false;
     object.updateable = false;
     object.deletable = false;
@@ -790,10 +780,9 @@ std::vector<ObjectDef> buildCatalog() {
     f.push_back(F("IsActive", "Active", T::Boolean).readOnly());
     f.push_back(F("LastViewedDate", "Last Viewed Date", T::DateTime).readOnly());
     f.push_back(F("LastReferencedDate", "Last Referenced Date", T::DateTime).readOnly());
-    auto object = makeObject("RecentlyViewed", "Recently Viewed", "Recently Viewed", "",
-                             {.isDeleted = false, .created = false, .modified = false,
-                              .modstamp = false},
-                             std::move(f));
+    auto object = makeObject(
+        "RecentlyViewed", "Recently Viewed", "Recently Viewed", "",
+        {.isDeleted = false, .created = false, .modified = false, .modstamp = false}, std::move(f));
     object.createable = false;
     object.deletable = false;
     object.undeletable = false;
@@ -822,27 +811,48 @@ std::vector<ObjectDef> buildCatalog() {
 
 std::string_view typeName(FieldType type) {
   switch (type) {
-    case T::Id: return "id";
-    case T::Reference: return "reference";
-    case T::String: return "string";
-    case T::TextArea: return "textarea";
-    case T::Email: return "email";
-    case T::Phone: return "phone";
-    case T::Url: return "url";
-    case T::Picklist: return "picklist";
-    case T::MultiPicklist: return "multipicklist";
-    case T::Combobox: return "combobox";
-    case T::Boolean: return "boolean";
-    case T::Int: return "int";
-    case T::Double: return "double";
-    case T::Currency: return "currency";
-    case T::Percent: return "percent";
-    case T::Date: return "date";
-    case T::DateTime: return "datetime";
-    case T::Base64: return "base64";
-    case T::Address: return "address";
-    case T::Location: return "location";
-    case T::AnyType: return "anyType";
+    case T::Id:
+      return "id";
+    case T::Reference:
+      return "reference";
+    case T::String:
+      return "string";
+    case T::TextArea:
+      return "textarea";
+    case T::Email:
+      return "email";
+    case T::Phone:
+      return "phone";
+    case T::Url:
+      return "url";
+    case T::Picklist:
+      return "picklist";
+    case T::MultiPicklist:
+      return "multipicklist";
+    case T::Combobox:
+      return "combobox";
+    case T::Boolean:
+      return "boolean";
+    case T::Int:
+      return "int";
+    case T::Double:
+      return "double";
+    case T::Currency:
+      return "currency";
+    case T::Percent:
+      return "percent";
+    case T::Date:
+      return "date";
+    case T::DateTime:
+      return "datetime";
+    case T::Base64:
+      return "base64";
+    case T::Address:
+      return "address";
+    case T::Location:
+      return "location";
+    case T::AnyType:
+      return "anyType";
   }
   return "string";
 }

@@ -59,9 +59,9 @@ struct FieldDef {
   std::string name;
   std::string label;
   FieldType type = FieldType::String;
-  int length = 0;  // text types: the maximum length in characters
+  int length = 0;     // text types: the maximum length in characters
   int precision = 0;  // numbers: total digits
-  int scale = 0;  // numbers: digits after the point
+  int scale = 0;      // numbers: digits after the point
   bool nillable = true;
   bool createable = true;
   bool updateable = true;
@@ -71,7 +71,7 @@ struct FieldDef {
   bool calculated = false;  // a formula field (or a compound name): never written
   bool externalId = false;
   bool unique = false;
-  bool nameField = false;  // the record's name as shown to people
+  bool nameField = false;   // the record's name as shown to people
   bool autoNumber = false;  // numbered by the org (CaseNumber); never written
   // What a new record gets when the field is not given: "false" for checkboxes,
   // the default value of a required picklist. Empty: null.
@@ -80,11 +80,11 @@ struct FieldDef {
   // For calculated fields: the SQLite expression over the object's own columns
   // that computes the stored text. Empty for ordinary fields.
   std::string sqlExpression;
-  std::vector<std::string> referenceTo;  // reference fields: the parent objects
-  std::string relationshipName;  // reference fields: "Owner" for OwnerId
+  std::vector<std::string> referenceTo;     // reference fields: the parent objects
+  std::string relationshipName;             // reference fields: "Owner" for OwnerId
   std::vector<std::string> picklistValues;  // the active values, in order
-  std::string defaultPicklistValue;  // empty: none
-  std::string compoundFieldName;  // components: "BillingAddress" for BillingCity
+  std::string defaultPicklistValue;         // empty: none
+  std::string compoundFieldName;            // components: "BillingAddress" for BillingCity
   // For the components of an address or location: the key inside the compound
   // value ("street", "city", "latitude", ...).
   std::string compoundKey;

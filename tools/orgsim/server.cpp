@@ -123,7 +123,7 @@ struct Cursor {
   std::shared_ptr<const CompiledQuery> query;
   std::int64_t total = 0;
   std::map<std::int64_t, std::int64_t> afterRowId;  // offset -> last rowid before it
-  std::vector<std::int64_t> rowIds;  // ordered queries: every row in order
+  std::vector<std::int64_t> rowIds;                 // ordered queries: every row in order
   std::list<std::string>::iterator age;
 };
 
@@ -140,8 +140,8 @@ void ensureOrgBasics(OrgStore& store) {
     admins = statement.step() ? statement.integer(0) : 0;
   }
   if (admins == 0) {
-    auto writer = store.writer("User", {"Id", "Username", "FirstName", "LastName", "Email",
-                                        "Alias", "IsActive", "CommunityNickname", "Title"});
+    auto writer = store.writer("User", {"Id", "Username", "FirstName", "LastName", "Email", "Alias",
+                                        "IsActive", "CommunityNickname", "Title"});
     writer.insert({identity.adminUserId, identity.adminUsername, "Sample", "Admin",
                    identity.adminUsername, "sadmin", "true", "sample.admin",
                    "System Administrator"});
@@ -151,8 +151,8 @@ void ensureOrgBasics(OrgStore& store) {
     auto writer = store.writer(
         "Organization", {"Id", "Name", "OrganizationType", "InstanceName", "IsSandbox",
                          "DefaultLocaleSidKey", "LanguageLocaleKey", "TimeZoneSidKey", "Country"});
-    writer.insert({identity.orgId, identity.orgName, "Developer Edition", "LOCAL", "false",
-                   "en_US", "en_US", "Europe/London", "United Kingdom"});
+    writer.insert({identity.orgId, identity.orgName, "Developer Edition", "LOCAL", "false", "en_US",
+                   "en_US", "Europe/London", "United Kingdom"});
     writer.commit();
   }
 }
@@ -218,10 +218,11 @@ struct OrgServer::Impl {
     ex.res.body.clear();
     std::string type = ex.res.get_header_value("Content-Type");
     if (type.empty()) type = "application/json;charset=UTF-8";
-    stream(ex, body->size(), type, [body](std::size_t offset, std::size_t length, std::string& out) {
-      out.assign(*body, offset, length);
-      return true;
-    });
+    stream(ex, body->size(), type,
+           [body](std::size_t offset, std::size_t length, std::string& out) {
+             out.assign(*body, offset, length);
+             return true;
+           });
   }
 
   std::int64_t dailyApiMax() {
@@ -230,13 +231,13 @@ struct OrgServer::Impl {
   }
 
   std::int64_t apiRequestsUsed() {
-    std::int64_t minute = std::chrono::duration_cast<std::chrono::minutes>(
-                              store.now().time_since_epoch())
-                              .count();
+    std::int64_t minute =
+        std::chrono::duration_cast<std::chrono::minutes>(store.now().time_since_epoch()).count();
     std::int64_t used = 0;
     {
       auto lease = store.read();
-      auto statement = lease->prepare("SELECT COALESCE(SUM(calls), 0) FROM _api_calls WHERE minute > ?");
+      auto statement =
+          lease->prepare("SELECT COALESCE(SUM(calls), 0) FROM _api_calls WHERE minute > ?");
       statement.bind(1, minute - 24 * 60);
       if (statement.step()) used = statement.integer(0);
     }
@@ -246,15 +247,15 @@ struct OrgServer::Impl {
 
   void record(Exchange& ex, std::int64_t millis) {
     std::string at = WireTime::dateTime(store.now());
-    std::int64_t minute = std::chrono::duration_cast<std::chrono::minutes>(
-                              store.now().time_since_epoch())
-                              .count();
+    std::int64_t minute =
+        std::chrono::duration_cast<std::chrono::minutes>(store.now().time_since_epoch()).count();
     std::string query;
     auto mark = ex.req.target.find('?');
     if (mark != std::string::npos) query = ex.req.target.substr(mark + 1);
     store.write([&](Database& db) {
-      db.prepare("INSERT INTO _requests (at, method, path, query, status, username, fault, millis) "
-                 "VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
+      db.prepare(
+            "INSERT INTO _requests (at, method, path, query, status, username, fault, millis) "
+            "VALUES (?, ?, ?, ?, ?, ?, ?, ?)")
           .bind(1, at)
           .bind(2, ex.req.method)
           .bind(3, ex.path)
@@ -270,8 +271,9 @@ struct OrgServer::Impl {
         db.prepare("DELETE FROM _requests WHERE seq <= ?").bind(1, last - 20000).run();
       }
       if (ex.countsAgainstAllowance) {
-        db.prepare("INSERT INTO _api_calls (minute, calls) VALUES (?, 1) ON CONFLICT (minute) "
-                   "DO UPDATE SET calls = calls + 1")
+        db.prepare(
+              "INSERT INTO _api_calls (minute, calls) VALUES (?, 1) ON CONFLICT (minute) "
+              "DO UPDATE SET calls = calls + 1")
             .bind(1, minute)
             .run();
       }
@@ -328,9 +330,12 @@ struct OrgServer::Impl {
           break;
         case FaultRule::Kind::RequestLimit:
           ex.countsAgainstAllowance = true;
-          if (soap) return sendSoap(ex, 500, Soap::fault("REQUEST_LIMIT_EXCEEDED", "TotalRequests Limit exceeded."));
-          return sendError(ex, 403, "REQUEST_LIMIT_EXCEEDED",
-                           fault->message.empty() ? "TotalRequests Limit exceeded." : fault->message);
+          if (soap)
+            return sendSoap(ex, 500,
+                            Soap::fault("REQUEST_LIMIT_EXCEEDED", "TotalRequests Limit exceeded."));
+          return sendError(
+              ex, 403, "REQUEST_LIMIT_EXCEEDED",
+              fault->message.empty() ? "TotalRequests Limit exceeded." : fault->message);
         default:
           ex.faultName = std::to_string(fault->status);
           return injectedStatus(ex, *fault, soap);
@@ -366,8 +371,9 @@ struct OrgServer::Impl {
         break;
       case 500:
         code = "UNKNOWN_EXCEPTION";
-        message = "An unexpected error occurred. Please include this ErrorId if you contact "
-                  "support: 0000000-0000 (0)";
+        message =
+            "An unexpected error occurred. Please include this ErrorId if you contact "
+            "support: 0000000-0000 (0)";
         break;
       default:
         code = "UNKNOWN_EXCEPTION";
@@ -438,8 +444,8 @@ struct OrgServer::Impl {
     OrgIdentity identity = store.identity();
     std::string base = instanceUrl(ex);
     if (path == "/services/oauth2/singleaccess") {
-      std::string otp = WireValues::base64Encode(session->userId + ":" +
-                                                 WireTime::dateTime(store.now()));
+      std::string otp =
+          WireValues::base64Encode(session->userId + ":" + WireTime::dateTime(store.now()));
       std::string uri = base + "/secur/frontdoor.jsp?otp=" + otp + "&cshc=local";
       if (ex.req.has_param("redirect_uri")) {
         uri += "&retURL=" + percentEncode(ex.req.get_param_value("redirect_uri"));
@@ -481,22 +487,23 @@ struct OrgServer::Impl {
     json["picture"] = base + "/img/userprofile/default_profile_200_v2.png";
     json["address"] = OrderedJson::object();
     json["is_salesforce_integration_user"] = false;
-    json["urls"] = {{"enterprise", base + "/services/Soap/c/{version}/" + identity.orgId.substr(0, 15)},
-                    {"metadata", base + "/services/Soap/m/{version}/" + identity.orgId.substr(0, 15)},
-                    {"partner", base + "/services/Soap/u/{version}/" + identity.orgId.substr(0, 15)},
-                    {"rest", base + "/services/data/v{version}/"},
-                    {"sobjects", base + "/services/data/v{version}/sobjects/"},
-                    {"search", base + "/services/data/v{version}/search/"},
-                    {"query", base + "/services/data/v{version}/query/"},
-                    {"recent", base + "/services/data/v{version}/recent/"},
-                    {"tooling_soap", base + "/services/Soap/T/{version}/" + identity.orgId.substr(0, 15)},
-                    {"tooling_rest", base + "/services/data/v{version}/tooling/"},
-                    {"profile", base + "/" + session->userId},
-                    {"feeds", base + "/services/data/v{version}/chatter/feeds"},
-                    {"groups", base + "/services/data/v{version}/chatter/groups"},
-                    {"users", base + "/services/data/v{version}/chatter/users"},
-                    {"feed_items", base + "/services/data/v{version}/chatter/feed-items"},
-                    {"custom_domain", base}};
+    json["urls"] = {
+        {"enterprise", base + "/services/Soap/c/{version}/" + identity.orgId.substr(0, 15)},
+        {"metadata", base + "/services/Soap/m/{version}/" + identity.orgId.substr(0, 15)},
+        {"partner", base + "/services/Soap/u/{version}/" + identity.orgId.substr(0, 15)},
+        {"rest", base + "/services/data/v{version}/"},
+        {"sobjects", base + "/services/data/v{version}/sobjects/"},
+        {"search", base + "/services/data/v{version}/search/"},
+        {"query", base + "/services/data/v{version}/query/"},
+        {"recent", base + "/services/data/v{version}/recent/"},
+        {"tooling_soap", base + "/services/Soap/T/{version}/" + identity.orgId.substr(0, 15)},
+        {"tooling_rest", base + "/services/data/v{version}/tooling/"},
+        {"profile", base + "/" + session->userId},
+        {"feeds", base + "/services/data/v{version}/chatter/feeds"},
+        {"groups", base + "/services/data/v{version}/chatter/groups"},
+        {"users", base + "/services/data/v{version}/chatter/users"},
+        {"feed_items", base + "/services/data/v{version}/chatter/feed-items"},
+        {"custom_domain", base}};
     json["active"] = true;
     json["user_type"] = "STANDARD";
     json["language"] = "en_US";
@@ -661,13 +668,14 @@ struct OrgServer::Impl {
     std::string objectName = object.name;
     std::string recordId = *id;
     OrgStore* s = &store;
-    stream(ex, static_cast<std::size_t>(*size), "application/octet-stream",
-           [s, objectName, recordId](std::size_t offset, std::size_t length, std::string& out) {
-             return s->streamBody(objectName, recordId, offset, length, [&](std::string_view piece) {
-               out.append(piece);
-               return false;  // one piece per call
-             }) || !out.empty();
-           });
+    stream(
+        ex, static_cast<std::size_t>(*size), "application/octet-stream",
+        [s, objectName, recordId](std::size_t offset, std::size_t length, std::string& out) {
+          return s->streamBody(objectName, recordId, offset, length, [&](std::string_view piece) {
+            out.append(piece);
+            return false;  // one piece per call
+          }) || !out.empty();
+        });
   }
 
   void getDeleted(Exchange& ex, const ObjectDef& object) {
@@ -713,14 +721,15 @@ struct OrgServer::Impl {
     auto lease = store.read();
     if (compiled->isCountAll()) {
       std::int64_t total = compiled->count(lease.db());
-      return sendJson(ex, 200, "{\"totalSize\":" + std::to_string(total) +
-                                   ",\"done\":true,\"records\":[]}");
+      return sendJson(ex, 200,
+                      "{\"totalSize\":" + std::to_string(total) + ",\"done\":true,\"records\":[]}");
     }
     if (compiled->isAggregate()) {
       std::string records;
       std::int64_t count = compiled->appendAggregateJson(lease.db(), records);
-      return sendJson(ex, 200, "{\"totalSize\":" + std::to_string(count) +
-                                   ",\"done\":true,\"records\":[" + records + "]}");
+      return sendJson(ex, 200,
+                      "{\"totalSize\":" + std::to_string(count) + ",\"done\":true,\"records\":[" +
+                          records + "]}");
     }
     Cursor cursor;
     cursor.query = compiled;
@@ -742,24 +751,45 @@ struct OrgServer::Impl {
 
   // The column list the Salesforce CLI asks for (query?q=...&columns=true).
   void columnMetadata(Exchange& ex, const CompiledQuery& compiled) {
-    auto describe = [](const std::string& name, const std::string& display,
-                       const FieldDef* field, bool aggregate) {
+    auto describe = [](const std::string& name, const std::string& display, const FieldDef* field,
+                       bool aggregate) {
       FieldType type = field != nullptr ? field->type : FieldType::Int;
       std::string apex;
       switch (type) {
         case FieldType::Id:
-        case FieldType::Reference: apex = "Id"; break;
-        case FieldType::Boolean: apex = "Boolean"; break;
-        case FieldType::Int: apex = "Integer"; break;
+        case FieldType::Reference:
+          apex = "Id";
+          break;
+        case FieldType::Boolean:
+          apex = "Boolean";
+          break;
+        case FieldType::Int:
+          apex = "Integer";
+          break;
         case FieldType::Double:
-        case FieldType::Percent: apex = "Double"; break;
-        case FieldType::Currency: apex = "Decimal"; break;
-        case FieldType::Date: apex = "Date"; break;
-        case FieldType::DateTime: apex = "Datetime"; break;
-        case FieldType::Address: apex = "Address"; break;
-        case FieldType::Location: apex = "Location"; break;
-        case FieldType::Base64: apex = "Blob"; break;
-        default: apex = "String";
+        case FieldType::Percent:
+          apex = "Double";
+          break;
+        case FieldType::Currency:
+          apex = "Decimal";
+          break;
+        case FieldType::Date:
+          apex = "Date";
+          break;
+        case FieldType::DateTime:
+          apex = "Datetime";
+          break;
+        case FieldType::Address:
+          apex = "Address";
+          break;
+        case FieldType::Location:
+          apex = "Location";
+          break;
+        case FieldType::Base64:
+          apex = "Blob";
+          break;
+        default:
+          apex = "String";
       }
       OrderedJson column;
       column["aggregate"] = aggregate;
@@ -811,8 +841,9 @@ struct OrgServer::Impl {
     json["entityName"] = compiled.isAggregate() ? "AggregateResult" : compiled.object().name;
     json["groupBy"] = compiled.query().groupBy.has_value();
     json["idSelected"] = idSelected;
-    json["keyPrefix"] = compiled.object().keyPrefix.empty() ? OrderedJson(nullptr)
-                                                            : OrderedJson(compiled.object().keyPrefix);
+    json["keyPrefix"] = compiled.object().keyPrefix.empty()
+                            ? OrderedJson(nullptr)
+                            : OrderedJson(compiled.object().keyPrefix);
     sendJson(ex, 200, json.dump());
   }
 
@@ -874,8 +905,8 @@ struct OrgServer::Impl {
     }
     std::int64_t next = offset + n;
     bool done = next >= cursor.total || id.empty() || n == 0;
-    std::string out = "{\"totalSize\":" + std::to_string(cursor.total) +
-                      ",\"done\":" + (done ? "true" : "false");
+    std::string out =
+        "{\"totalSize\":" + std::to_string(cursor.total) + ",\"done\":" + (done ? "true" : "false");
     if (!done) {
       out += ",\"nextRecordsUrl\":\"/services/data/v" + version + (all ? "/queryAll/" : "/query/") +
              id + "-" + std::to_string(next) + "\"";
@@ -977,8 +1008,9 @@ struct OrgServer::Impl {
         if (comma == std::string::npos) comma = list.size();
         std::string id = list.substr(at, comma - at);
         if (!id.empty()) {
-          operations.push_back(
-              [this, id, &ex](bool dryRun) { return OrgRecords::remove(store, id, ex.userId, dryRun); });
+          operations.push_back([this, id, &ex](bool dryRun) {
+            return OrgRecords::remove(store, id, ex.userId, dryRun);
+          });
         }
         at = comma + 1;
       }
@@ -990,8 +1022,8 @@ struct OrgServer::Impl {
       }
       allOrNone = body.value("allOrNone", false);
       for (const auto& record : body["records"]) {
-        std::string type = record.contains("attributes") ? record["attributes"].value("type", "")
-                                                         : std::string();
+        std::string type =
+            record.contains("attributes") ? record["attributes"].value("type", "") : std::string();
         Json fields = record;
         fields.erase("attributes");
         std::string id;
@@ -1007,8 +1039,8 @@ struct OrgServer::Impl {
           if (object == nullptr && !create) object = Schema::objectForId(id);
           if (object == nullptr) {
             SaveResult result;
-            result.errors.push_back({"INVALID_TYPE", "sObject type '" + type +
-                                                         "' is not supported.", {}});
+            result.errors.push_back(
+                {"INVALID_TYPE", "sObject type '" + type + "' is not supported.", {}});
             return result;
           }
           return create ? OrgRecords::create(store, *object, fields, ex.userId, dryRun)
@@ -1062,7 +1094,8 @@ struct OrgServer::Impl {
     if (parts.size() == 2) {
       if (method == "GET") {
         OrderedJson records = OrderedJson::array();
-        for (const auto& job : jobs.list()) records.push_back(OrderedJson::parse(job.toJson().dump()));
+        for (const auto& job : jobs.list())
+          records.push_back(OrderedJson::parse(job.toJson().dump()));
         OrderedJson json;
         json["done"] = true;
         json["records"] = records;
@@ -1158,9 +1191,10 @@ struct OrgServer::Impl {
              std::size_t done = 0;
              while (done < length) {
                std::size_t at = offset + done;
-               off_t position = at < header ? static_cast<off_t>(at)
-                                            : static_cast<off_t>(begin + (at - header));
-               std::size_t want = at < header ? std::min(length - done, header - at) : length - done;
+               off_t position =
+                   at < header ? static_cast<off_t>(at) : static_cast<off_t>(begin + (at - header));
+               std::size_t want =
+                   at < header ? std::min(length - done, header - at) : length - done;
                ssize_t n = ::pread(*file, out.data() + done, want, position);
                if (n <= 0) return false;
                done += static_cast<std::size_t>(n);
@@ -1187,8 +1221,9 @@ struct OrgServer::Impl {
     ex.userId = session->userId;
     if (call->operation == "merge") {
       if (call->merges.size() > 200) {
-        return sendSoap(ex, 500, Soap::fault("LIMIT_EXCEEDED",
-                                             "Exceeded max size limit of 200 merge requests"));
+        return sendSoap(
+            ex, 500,
+            Soap::fault("LIMIT_EXCEEDED", "Exceeded max size limit of 200 merge requests"));
       }
       std::vector<MergeOutcome> results;
       for (const auto& request : call->merges) {
@@ -1198,7 +1233,8 @@ struct OrgServer::Impl {
           outcome.id = request.masterId;
           outcome.errors.push_back({"UNABLE_TO_LOCK_ROW",
                                     "unable to obtain exclusive access to this record or 1 "
-                                    "records: " + request.masterId,
+                                    "records: " +
+                                        request.masterId,
                                     {}});
           results.push_back(std::move(outcome));
           continue;
@@ -1209,8 +1245,8 @@ struct OrgServer::Impl {
     }
     if (call->operation == "undelete") {
       if (call->undeleteIds.size() > 200) {
-        return sendSoap(ex, 500, Soap::fault("LIMIT_EXCEEDED",
-                                             "Exceeded max size limit of 200 ids"));
+        return sendSoap(ex, 500,
+                        Soap::fault("LIMIT_EXCEEDED", "Exceeded max size limit of 200 ids"));
       }
       std::vector<SaveResult> results;
       for (const auto& id : call->undeleteIds) {
@@ -1218,8 +1254,9 @@ struct OrgServer::Impl {
       }
       return sendSoap(ex, 200, Soap::undeleteResponse(results));
     }
-    sendSoap(ex, 500, Soap::fault("INVALID_OPERATION",
-                                  "The sample org does not answer the call " + call->operation));
+    sendSoap(ex, 500,
+             Soap::fault("INVALID_OPERATION",
+                         "The sample org does not answer the call " + call->operation));
   }
 
   // ------------------------------------------------------------------ admin
@@ -1241,22 +1278,24 @@ void OrgServer::Impl::admin(Exchange& ex) {
   try {
     if (what == "health") {
       OrgIdentity identity = store.identity();
-      return sendJson(ex, 200, Json{{"ok", true},
-                                    {"orgId", identity.orgId},
-                                    {"adminUsername", identity.adminUsername},
-                                    {"now", WireTime::dateTime(store.now())}}
-                                   .dump());
+      return sendJson(ex, 200,
+                      Json{{"ok", true},
+                           {"orgId", identity.orgId},
+                           {"adminUsername", identity.adminUsername},
+                           {"now", WireTime::dateTime(store.now())}}
+                          .dump());
     }
     if (what == "tokens" && sub.empty() && method == "POST") {
       auto ttl = std::chrono::seconds(body.value("ttlSeconds", Sessions::kDefaultLifetime.count()));
       Session session = Sessions::issue(store, body.value("username", ""), ttl);
-      return sendJson(ex, 200, Json{{"accessToken", session.token},
-                                    {"username", session.username},
-                                    {"userId", session.userId},
-                                    {"orgId", store.identity().orgId},
-                                    {"instanceUrl", instanceUrl(ex)},
-                                    {"expiresAt", WireTime::dateTime(session.expiresAt)}}
-                                   .dump());
+      return sendJson(ex, 200,
+                      Json{{"accessToken", session.token},
+                           {"username", session.username},
+                           {"userId", session.userId},
+                           {"orgId", store.identity().orgId},
+                           {"instanceUrl", instanceUrl(ex)},
+                           {"expiresAt", WireTime::dateTime(session.expiresAt)}}
+                          .dump());
     }
     if (what == "tokens" && sub == "expire" && method == "POST") {
       int expired = Sessions::expire(store, body.value("token", ""), body.value("username", ""));
@@ -1277,9 +1316,10 @@ void OrgServer::Impl::admin(Exchange& ex) {
         }
         if (body.value("reset", false)) store.setClock(std::chrono::system_clock::now());
       }
-      return sendJson(ex, 200, Json{{"now", WireTime::dateTime(store.now())},
-                                    {"offsetMs", store.clockOffset().count()}}
-                                   .dump());
+      return sendJson(
+          ex, 200,
+          Json{{"now", WireTime::dateTime(store.now())}, {"offsetMs", store.clockOffset().count()}}
+              .dump());
     }
     if (what == "records" && method == "POST") {
       std::vector<std::string> ids;
@@ -1337,8 +1377,10 @@ void OrgServer::Impl::admin(Exchange& ex) {
         store.write([](Database& db) { db.exec("DELETE FROM _requests"); });
         return sendJson(ex, 200, Json{{"cleared", true}}.dump());
       }
-      std::int64_t since = ex.req.has_param("since") ? std::atoll(ex.req.get_param_value("since").c_str()) : 0;
-      std::int64_t limit = ex.req.has_param("limit") ? std::atoll(ex.req.get_param_value("limit").c_str()) : 1000;
+      std::int64_t since =
+          ex.req.has_param("since") ? std::atoll(ex.req.get_param_value("since").c_str()) : 0;
+      std::int64_t limit =
+          ex.req.has_param("limit") ? std::atoll(ex.req.get_param_value("limit").c_str()) : 1000;
       Json list = Json::array();
       auto lease = store.read();
       auto statement = lease->prepare(
@@ -1392,7 +1434,9 @@ OrgServer::OrgServer(const std::filesystem::path& stateDir, ServerOptions option
   OrgRecords::purgeExpired(*store_);
   impl_ = std::make_unique<Impl>(*store_, std::move(options));
   int threads = std::max(2, impl_->options.threads);
-  impl_->http.new_task_queue = [threads] { return new httplib::ThreadPool(static_cast<size_t>(threads)); };
+  impl_->http.new_task_queue = [threads] {
+    return new httplib::ThreadPool(static_cast<size_t>(threads));
+  };
   impl_->http.set_payload_max_length(512u << 20);
   impl_->http.set_keep_alive_max_count(1000);
   impl_->http.set_read_timeout(std::chrono::seconds(60));

@@ -29,8 +29,8 @@ Session issue(OrgStore& store, const std::string& requested, std::chrono::second
   session.username = username;
   {
     auto lease = store.read();
-    auto statement =
-        lease->prepare("SELECT \"Id\", \"Username\" FROM \"User\" WHERE \"Username\" = ? COLLATE NOCASE");
+    auto statement = lease->prepare(
+        "SELECT \"Id\", \"Username\" FROM \"User\" WHERE \"Username\" = ? COLLATE NOCASE");
     statement.bind(1, username);
     if (statement.step()) {
       session.userId = std::string(statement.text(0));
@@ -56,8 +56,8 @@ Session issue(OrgStore& store, const std::string& requested, std::chrono::second
 
 std::optional<Session> find(OrgStore& store, const std::string& token) {
   auto lease = store.read();
-  auto statement = lease->prepare(
-      "SELECT user_id, username, expires_at FROM _tokens WHERE token = ?");
+  auto statement =
+      lease->prepare("SELECT user_id, username, expires_at FROM _tokens WHERE token = ?");
   statement.bind(1, token);
   if (!statement.step()) return std::nullopt;
   Session session;
@@ -73,11 +73,12 @@ int expire(OrgStore& store, const std::string& token, const std::string& usernam
   int expired = 0;
   store.write([&](Database& db) {
     std::string past = WireTime::dateTime(store.now() - std::chrono::seconds(1));
-    auto statement = token.empty()
-                         ? db.prepare("UPDATE _tokens SET expires_at = ? WHERE username = ? "
-                                      "COLLATE NOCASE AND expires_at > ?")
-                         : db.prepare("UPDATE _tokens SET expires_at = ? WHERE token = ? AND "
-                                      "expires_at > ?");
+    auto statement = token.empty() ? db.prepare(
+                                         "UPDATE _tokens SET expires_at = ? WHERE username = ? "
+                                         "COLLATE NOCASE AND expires_at > ?")
+                                   : db.prepare(
+                                         "UPDATE _tokens SET expires_at = ? WHERE token = ? AND "
+                                         "expires_at > ?");
     statement.bind(1, past).bind(2, token.empty() ? username : token).bind(3, past).run();
     expired = db.changes();
   });

@@ -20,14 +20,16 @@ bool named(const xmlNode* node, const char* name) {
 }
 
 const xmlNode* child(const xmlNode* parent, const char* name) {
-  for (const xmlNode* n = parent != nullptr ? parent->children : nullptr; n != nullptr; n = n->next) {
+  for (const xmlNode* n = parent != nullptr ? parent->children : nullptr; n != nullptr;
+       n = n->next) {
     if (named(n, name)) return n;
   }
   return nullptr;
 }
 
 const xmlNode* firstElement(const xmlNode* parent) {
-  for (const xmlNode* n = parent != nullptr ? parent->children : nullptr; n != nullptr; n = n->next) {
+  for (const xmlNode* n = parent != nullptr ? parent->children : nullptr; n != nullptr;
+       n = n->next) {
     if (n->type == XML_ELEMENT_NODE) return n;
   }
   return nullptr;
@@ -81,12 +83,23 @@ std::string escape(std::string_view value) {
   std::string out;
   for (char c : value) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&apos;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;

@@ -94,20 +94,41 @@ class Lexer {
         if (at_ >= text_.size()) break;
         char e = text_[at_++];
         switch (e) {
-          case 'n': out += '\n'; break;
-          case 'r': out += '\r'; break;
-          case 't': out += '\t'; break;
-          case 'b': out += '\b'; break;
-          case 'f': out += '\f'; break;
-          case '"': out += '"'; break;
-          case '\'': out += '\''; break;
-          case '\\': out += '\\'; break;
+          case 'n':
+            out += '\n';
+            break;
+          case 'r':
+            out += '\r';
+            break;
+          case 't':
+            out += '\t';
+            break;
+          case 'b':
+            out += '\b';
+            break;
+          case 'f':
+            out += '\f';
+            break;
+          case '"':
+            out += '"';
+            break;
+          case '\'':
+            out += '\'';
+            break;
+          case '\\':
+            out += '\\';
+            break;
           // LIKE patterns keep their escaped wildcards for the pattern translator.
-          case '%': out += "\\%"; break;
-          case '_': out += "\\_"; break;
+          case '%':
+            out += "\\%";
+            break;
+          case '_':
+            out += "\\_";
+            break;
           default:
             throw SoqlError::at("MALFORMED_QUERY", text_, at_ - 2,
-                                "Invalid string literal '" + std::string(text_.substr(start, at_ - start)) +
+                                "Invalid string literal '" +
+                                    std::string(text_.substr(start, at_ - start)) +
                                     "'. Illegal character sequence '\\" + std::string(1, e) +
                                     "' in string literal.");
         }
@@ -127,9 +148,8 @@ class Lexer {
     Token token;
     token.offset = at_;
     std::size_t start = at_;
-    while (at_ < text_.size() &&
-           (isIdentifierPart(text_[at_]) || text_[at_] == '-' || text_[at_] == ':' ||
-            text_[at_] == '.' || text_[at_] == '+')) {
+    while (at_ < text_.size() && (isIdentifierPart(text_[at_]) || text_[at_] == '-' ||
+                                  text_[at_] == ':' || text_[at_] == '.' || text_[at_] == '+')) {
       ++at_;
     }
     token.text = std::string(text_.substr(start, at_ - start));
@@ -483,8 +503,8 @@ SoqlError SoqlError::at(std::string errorCode, std::string_view query, std::size
   }
   (void)lineStart;
   std::string message = "\n" + std::string(query) + "\n" + std::string(column - 1, ' ') +
-                        "^\nERROR at Row:" + std::to_string(row) + ":Column:" +
-                        std::to_string(column) + "\n" + what;
+                        "^\nERROR at Row:" + std::to_string(row) +
+                        ":Column:" + std::to_string(column) + "\n" + what;
   return SoqlError(std::move(errorCode), std::move(message));
 }
 

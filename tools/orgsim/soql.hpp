@@ -26,7 +26,9 @@ namespace corvane::orgsim {
 class SoqlError : public std::runtime_error {
  public:
   SoqlError(std::string errorCode, std::string message)
-      : std::runtime_error(message), errorCode_(std::move(errorCode)), message_(std::move(message)) {}
+      : std::runtime_error(message),
+        errorCode_(std::move(errorCode)),
+        message_(std::move(message)) {}
   const std::string& errorCode() const { return errorCode_; }
   const std::string& message() const { return message_; }
 
@@ -42,8 +44,8 @@ class SoqlError : public std::runtime_error {
 
 struct FieldPath {
   std::vector<std::string> parts;  // as written: {"Owner", "Name"}
-  std::size_t offset = 0;  // where it starts in the query text
-  std::string text() const;  // "Owner.Name"
+  std::size_t offset = 0;          // where it starts in the query text
+  std::string text() const;        // "Owner.Name"
 };
 
 struct SelectItem {
@@ -72,9 +74,9 @@ struct Condition {
   Kind kind = Kind::Compare;
   std::vector<std::unique_ptr<Condition>> children;  // And, Or (2+), Not (1)
   FieldPath field;
-  std::string op;  // Compare: "=", "!=", "<", "<=", ">", ">="
-  bool negated = false;  // NOT IN, NOT LIKE
-  std::vector<Literal> values;  // Compare / Like: one; In: the list
+  std::string op;                   // Compare: "=", "!=", "<", "<=", ">", ">="
+  bool negated = false;             // NOT IN, NOT LIKE
+  std::vector<Literal> values;      // Compare / Like: one; In: the list
   std::unique_ptr<Query> subquery;  // SemiJoin
   std::size_t offset = 0;
 };

@@ -14,7 +14,8 @@ bool isCanonicalDateTime(std::string_view text) {
   static constexpr std::string_view shape = "dddd-dd-ddTdd:dd:dd.dddZ";
   if (text.size() != shape.size()) return false;
   for (std::size_t i = 0; i < shape.size(); ++i) {
-    if (shape[i] == 'd' ? !std::isdigit(static_cast<unsigned char>(text[i])) : text[i] != shape[i]) {
+    if (shape[i] == 'd' ? !std::isdigit(static_cast<unsigned char>(text[i]))
+                        : text[i] != shape[i]) {
       return false;
     }
   }

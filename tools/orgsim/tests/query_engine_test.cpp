@@ -16,12 +16,12 @@ class QueryEngineTest : public ::testing::Test {
   void SetUp() override {
     store_ = OrgStore::open(folder_.path());
     admin_ = store_->identity().adminUserId;
-    auto users = store_->writer("User", {"Id", "Username", "LastName", "FirstName", "Email", "Alias"});
+    auto users =
+        store_->writer("User", {"Id", "Username", "LastName", "FirstName", "Email", "Alias"});
     users.insert({admin_, "admin@sample.org", "Admin", "Ada", "admin@sample.org", "aadmin"});
     users.commit();
-    auto accounts = store_->writer(
-        "Account", {"Name", "Industry", "AnnualRevenue", "BillingCity", "BillingLatitude",
-                    "CreatedDate", "Description"});
+    auto accounts = store_->writer("Account", {"Name", "Industry", "AnnualRevenue", "BillingCity",
+                                               "BillingLatitude", "CreatedDate", "Description"});
     acme_ = accounts.insert({"Acme", "Banking", "1000000", "Berlin", "52.52",
                              "2024-01-05T10:00:00.000Z", "Line one\nline \"two\", three"});
     globex_ = accounts.insert({"Globex", "Energy", "250.5", FieldValue(), FieldValue(),
@@ -74,9 +74,9 @@ class QueryEngineTest : public ::testing::Test {
 };
 
 TEST_F(QueryEngineTest, RecordsCarryAttributesRelationshipObjectsAndTypedValues) {
-  auto records = run(
-      "SELECT Id, Name, AnnualRevenue, CreatedDate, Owner.Name, Owner.Email, IsDeleted "
-      "FROM Account WHERE Name = 'Acme'");
+  auto records =
+      run("SELECT Id, Name, AnnualRevenue, CreatedDate, Owner.Name, Owner.Email, IsDeleted "
+          "FROM Account WHERE Name = 'Acme'");
   ASSERT_EQ(records.size(), 1u);
   const auto& acme = records[0];
   EXPECT_EQ(acme["attributes"]["type"], "Account");
@@ -108,7 +108,8 @@ TEST_F(QueryEngineTest, MissingParentIsNullAndCompoundAddressIsAnObject) {
 }
 
 TEST_F(QueryEngineTest, FiltersCompareByTypeAndTextWithoutCase) {
-  EXPECT_EQ(names("SELECT Name FROM Account WHERE Name = 'ACME'"), std::vector<std::string>{"Acme"});
+  EXPECT_EQ(names("SELECT Name FROM Account WHERE Name = 'ACME'"),
+            std::vector<std::string>{"Acme"});
   EXPECT_EQ(names("SELECT Name FROM Account WHERE AnnualRevenue > 300 ORDER BY Name"),
             std::vector<std::string>{"Acme"});
   EXPECT_EQ(names("SELECT Name FROM Account WHERE AnnualRevenue < 1e3"),
@@ -199,10 +200,11 @@ TEST_F(QueryEngineTest, FilesAreFoundThroughTheLinkSemiJoin) {
   links.insert({document, acme_});
   links.commit();
 
-  json found = run(
-      "SELECT Title, Checksum, ContentSize, VersionData FROM ContentVersion WHERE "
-      "ContentDocumentId IN (SELECT ContentDocumentId FROM ContentDocumentLink WHERE "
-      "LinkedEntityId = '" + acme_ + "')");
+  json found =
+      run("SELECT Title, Checksum, ContentSize, VersionData FROM ContentVersion WHERE "
+          "ContentDocumentId IN (SELECT ContentDocumentId FROM ContentDocumentLink WHERE "
+          "LinkedEntityId = '" +
+          acme_ + "')");
   ASSERT_EQ(found.size(), 1u);
   EXPECT_EQ(found[0]["Checksum"], "5d41402abc4b2a76b9719d911017c592");  // MD5 of "hello"
   EXPECT_EQ(found[0]["ContentSize"].dump(), "5");
@@ -213,8 +215,8 @@ TEST_F(QueryEngineTest, FilesAreFoundThroughTheLinkSemiJoin) {
                   globex_ + "')")
                   .empty());
   EXPECT_EQ(run("SELECT Id, LinkedEntity.Name, LinkedEntity.Type FROM ContentDocumentLink "
-                "WHERE ContentDocumentId IN (SELECT ContentDocumentId FROM ContentVersion)")[0]
-                ["LinkedEntity"]["Type"],
+                "WHERE ContentDocumentId IN (SELECT ContentDocumentId FROM ContentVersion)")
+                [0]["LinkedEntity"]["Type"],
             "Account");
 }
 
@@ -260,8 +262,7 @@ TEST_F(QueryEngineTest, RefusesWhatSalesforceRefusesWithItsCodesAndWords) {
 
 TEST_F(QueryEngineTest, BulkRefusalsNameWhatIsNotSupported) {
   auto refusal = [&](const std::string& soql) {
-    auto compiled =
-        QueryEngine::compile(soql, QueryScope::Live, QueryApi::Bulk, store_->now());
+    auto compiled = QueryEngine::compile(soql, QueryScope::Live, QueryApi::Bulk, store_->now());
     return QueryEngine::bulkRefusal(*compiled).value_or("");
   };
   EXPECT_EQ(refusal("SELECT Id, Name FROM Account"), "");
@@ -286,8 +287,10 @@ TEST_F(QueryEngineTest, BulkCsvQuotesEveryValueAndKeepsLineBreaks) {
   });
   EXPECT_EQ(csv,
             "\"Id\",\"Name\",\"Description\",\"AnnualRevenue\",\"CreatedDate\",\"Owner.Name\"\n"
-            "\"" + acme_ + "\",\"Acme\",\"Line one\nline \"\"two\"\", three\",\"1000000\","
-            "\"2024-01-05T10:00:00.000Z\",\"Ada Admin\"\n");
+            "\"" +
+                acme_ +
+                "\",\"Acme\",\"Line one\nline \"\"two\"\", three\",\"1000000\","
+                "\"2024-01-05T10:00:00.000Z\",\"Ada Admin\"\n");
 }
 
 TEST_F(QueryEngineTest, AggregatesGroupAndNameTheirColumns) {

@@ -35,9 +35,9 @@ class OrgServerTest : public ServerFixture {
   }
 
   std::string createJob(const std::string& soql, const std::string& version = "62.0") {
-    auto result = client().Post(("/services/data/v" + version + "/jobs/query").c_str(), auth(),
-                                json{{"operation", "query"}, {"query", soql}}.dump(),
-                                "application/json");
+    auto result =
+        client().Post(("/services/data/v" + version + "/jobs/query").c_str(), auth(),
+                      json{{"operation", "query"}, {"query", soql}}.dump(), "application/json");
     EXPECT_TRUE(result && result->status == 200) << (result ? result->body : "no answer");
     return result ? json::parse(result->body)["id"].get<std::string>() : "";
   }
@@ -57,19 +57,22 @@ class OrgServerTest : public ServerFixture {
     std::string envelope =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?><soapenv:Envelope "
         "xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
-        "xmlns:urn=\"urn:partner.soap.sforce.com\" xmlns:sf=\"urn:sobject.partner.soap.sforce.com\">"
-        "<soapenv:Header><urn:SessionHeader><urn:sessionId>" + session +
-        "</urn:sessionId></urn:SessionHeader></soapenv:Header><soapenv:Body>" + body +
+        "xmlns:urn=\"urn:partner.soap.sforce.com\" "
+        "xmlns:sf=\"urn:sobject.partner.soap.sforce.com\">"
+        "<soapenv:Header><urn:SessionHeader><urn:sessionId>" +
+        session + "</urn:sessionId></urn:SessionHeader></soapenv:Header><soapenv:Body>" + body +
         "</soapenv:Body></soapenv:Envelope>";
     return client().Post("/services/Soap/u/62.0", {{"SOAPAction", "\"\""}}, envelope,
                          "text/xml; charset=UTF-8");
   }
 
   static std::string mergeRequest(const std::string& type, const std::string& master,
-                                  const std::string& fields, const std::vector<std::string>& losers) {
+                                  const std::string& fields,
+                                  const std::vector<std::string>& losers) {
     std::string out = "<urn:request><urn:masterRecord><sf:type>" + type + "</sf:type><sf:Id>" +
                       master + "</sf:Id>" + fields + "</urn:masterRecord>";
-    for (const auto& loser : losers) out += "<urn:recordToMergeIds>" + loser + "</urn:recordToMergeIds>";
+    for (const auto& loser : losers)
+      out += "<urn:recordToMergeIds>" + loser + "</urn:recordToMergeIds>";
     return out + "</urn:request>";
   }
 
@@ -108,8 +111,8 @@ TEST_F(OrgServerTest, AnswersTheRequestsTheSalesforceCliMakesWhileLoggingIn) {
 
 TEST_F(OrgServerTest, QueryPagesFollowBatchSizeAndAddUpToTheTotal) {
   testing::addAccounts(store(), 2345);
-  auto [records, sizes] = pageThrough("SELECT Id, Name FROM Account",
-                                      {{"Sforce-Query-Options", "batchSize=1000"}});
+  auto [records, sizes] =
+      pageThrough("SELECT Id, Name FROM Account", {{"Sforce-Query-Options", "batchSize=1000"}});
   EXPECT_EQ(sizes, (std::vector<std::size_t>{1000, 1000, 345}));
   std::set<std::string> ids;
   for (const auto& r : records) ids.insert(r["Id"].get<std::string>());
@@ -173,7 +176,9 @@ TEST_F(OrgServerTest, BulkResultsStreamInPagesUntilTheLocatorIsNull) {
     EXPECT_EQ(body.substr(0, body.find('\n')), "\"Id\",\"Name\",\"Owner.Name\"");
     std::int64_t lines = std::count(body.begin(), body.end(), '\n') - 1;
     EXPECT_EQ(std::to_string(lines), result->get_header_value("Sforce-NumberOfRecords"));
-    if (page == 0) firstRow = body.substr(body.find('\n') + 1, body.find('\n', body.find('\n') + 1) - body.find('\n') - 1);
+    if (page == 0)
+      firstRow = body.substr(body.find('\n') + 1,
+                             body.find('\n', body.find('\n') + 1) - body.find('\n') - 1);
     rows += lines;
     locator = result->get_header_value("Sforce-Locator");
     locators.push_back(locator);
@@ -223,7 +228,8 @@ TEST_F(OrgServerTest, MergeAppliesValuesMovesChildrenAndBinsTheLosers) {
   auto contacts = store().writer("Contact", {"LastName", "AccountId"});
   std::string child = contacts.insert({"Child", loser});
   contacts.commit();
-  auto opportunities = store().writer("Opportunity", {"Name", "StageName", "CloseDate", "AccountId"});
+  auto opportunities =
+      store().writer("Opportunity", {"Name", "StageName", "CloseDate", "AccountId"});
   std::string deal = opportunities.insert({"Deal", "Prospecting", "2024-06-01", loser});
   opportunities.commit();
 
@@ -245,21 +251,21 @@ TEST_F(OrgServerTest, MergeAppliesValuesMovesChildrenAndBinsTheLosers) {
   EXPECT_EQ(query("SELECT Name FROM Account WHERE Id = '" + master + "'")["records"][0]["Name"],
             "Acme & Sons <HQ>");
   EXPECT_EQ(query("SELECT Id FROM Account WHERE Id = '" + loser + "'")["totalSize"], 0);
-  json binned = query("SELECT IsDeleted, MasterRecordId FROM Account WHERE MasterRecordId = '" +
-                          master + "'",
-                      200, "queryAll");
+  json binned =
+      query("SELECT IsDeleted, MasterRecordId FROM Account WHERE MasterRecordId = '" + master + "'",
+            200, "queryAll");
   ASSERT_EQ(binned["totalSize"], 1);
   EXPECT_EQ(binned["records"][0]["IsDeleted"], true);
-  EXPECT_EQ(query("SELECT AccountId FROM Contact WHERE Id = '" + child + "'")["records"][0]
-                ["AccountId"],
-            master);
+  EXPECT_EQ(
+      query("SELECT AccountId FROM Contact WHERE Id = '" + child + "'")["records"][0]["AccountId"],
+      master);
   EXPECT_EQ(query("SELECT AccountId FROM Opportunity")["records"][0]["AccountId"], master);
 
   // Three records to merge into one master is more than a request may hold.
-  auto tooMany = soap("<urn:merge>" +
-                          mergeRequest("Account", master, "", {accounts[1], accounts[2], accounts[3]}) +
-                          "</urn:merge>",
-                      token_);
+  auto tooMany = soap(
+      "<urn:merge>" + mergeRequest("Account", master, "", {accounts[1], accounts[2], accounts[3]}) +
+          "</urn:merge>",
+      token_);
   ASSERT_TRUE(tooMany);
   EXPECT_NE(tooMany->body.find("<success>false</success>"), std::string::npos);
   EXPECT_EQ(query("SELECT COUNT() FROM Account")["totalSize"], 3);
@@ -269,16 +275,16 @@ TEST_F(OrgServerTest, MergeAppliesValuesMovesChildrenAndBinsTheLosers) {
   ASSERT_TRUE(undeleted);
   EXPECT_NE(undeleted->body.find("<success>true</success>"), std::string::npos) << undeleted->body;
   EXPECT_EQ(query("SELECT COUNT() FROM Account")["totalSize"], 4);
-  EXPECT_EQ(query("SELECT AccountId FROM Contact WHERE Id = '" + child + "'")["records"][0]
-                ["AccountId"],
-            master);
+  EXPECT_EQ(
+      query("SELECT AccountId FROM Contact WHERE Id = '" + child + "'")["records"][0]["AccountId"],
+      master);
 }
 
 TEST_F(OrgServerTest, SoapAnswersABadSessionWithAFault) {
   auto accounts = testing::addAccounts(store(), 2);
-  auto result = soap("<urn:merge>" + mergeRequest("Account", accounts[0], "", {accounts[1]}) +
-                         "</urn:merge>",
-                     "00D000000000001!nope");
+  auto result =
+      soap("<urn:merge>" + mergeRequest("Account", accounts[0], "", {accounts[1]}) + "</urn:merge>",
+           "00D000000000001!nope");
   ASSERT_TRUE(result);
   EXPECT_EQ(result->status, 500);
   EXPECT_NE(result->body.find("<faultcode>sf:INVALID_SESSION_ID</faultcode>"), std::string::npos);
@@ -295,7 +301,8 @@ TEST_F(OrgServerTest, GetDeletedCoversItsWindowAndMovesEarliestDateAfterPurges) 
   store().advanceClock(std::chrono::minutes(2));
   auto window = [&](SystemTime start, SystemTime end, int status = 200) {
     return getJson("/services/data/v62.0/sobjects/Account/deleted/?start=" +
-                       encode(WireTime::dateTime(start)) + "&end=" + encode(WireTime::dateTime(end)),
+                       encode(WireTime::dateTime(start)) +
+                       "&end=" + encode(WireTime::dateTime(end)),
                    status);
   };
   json answer = window(before, store().now());
@@ -376,8 +383,8 @@ TEST_F(OrgServerTest, InjectedBulkAndMergeFaults) {
   EXPECT_EQ(get(results)->status, 200);
 
   admin("faults", {{"path", "/services/Soap/*"}, {"fault", "UNABLE_TO_LOCK_ROW"}});
-  std::string request = "<urn:merge>" + mergeRequest("Account", accounts[0], "", {accounts[1]}) +
-                        "</urn:merge>";
+  std::string request =
+      "<urn:merge>" + mergeRequest("Account", accounts[0], "", {accounts[1]}) + "</urn:merge>";
   auto locked = soap(request, token_);
   ASSERT_TRUE(locked);
   EXPECT_NE(locked->body.find("<statusCode>UNABLE_TO_LOCK_ROW</statusCode>"), std::string::npos);
@@ -432,14 +439,14 @@ TEST_F(OrgServerTest, EveryRequestCountsAgainstTheDailyAllowance) {
 }
 
 TEST_F(OrgServerTest, RecordsAreCreatedChangedDeletedAndReadBack) {
-  auto created = client().Post("/services/data/v62.0/sobjects/Contact", auth(),
-                               R"({"FirstName":"Grace","LastName":"Hopper","Birthdate":"1906-12-09"})",
-                               "application/json");
+  auto created = client().Post(
+      "/services/data/v62.0/sobjects/Contact", auth(),
+      R"({"FirstName":"Grace","LastName":"Hopper","Birthdate":"1906-12-09"})", "application/json");
   ASSERT_EQ(created->status, 201) << created->body;
   std::string id = json::parse(created->body)["id"];
   std::string path = "/services/data/v62.0/sobjects/Contact/" + id;
-  auto patched = client().Patch(path.c_str(), auth(), R"({"Title":"Rear Admiral"})",
-                                "application/json");
+  auto patched =
+      client().Patch(path.c_str(), auth(), R"({"Title":"Rear Admiral"})", "application/json");
   EXPECT_EQ(patched->status, 204);
   json record = getJson(path + "?fields=Name,Title,Birthdate");
   EXPECT_EQ(record["Name"], "Grace Hopper");
