@@ -7,6 +7,7 @@
 
 #include "app/command_error.hpp"
 #include "app/orgs_command.hpp"
+#include "app/query_command.hpp"
 #include "connections/salesforce_cli.hpp"
 
 int main(int argc, char** argv) {
@@ -18,6 +19,7 @@ int main(int argc, char** argv) {
   corvane::CommandContext context{cli, std::cout};
   std::function<void()> chosen;
   corvane::OrgsCommand::add(app, context, chosen);
+  corvane::QueryCommand::add(app, context, chosen);
 
   CLI11_PARSE(app, argc, argv);
   if (!chosen) return 0;
