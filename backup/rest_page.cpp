@@ -3,42 +3,14 @@
 #include <charconv>
 #include <cstring>
 
+#include <nlohmann/json.hpp>
+
 namespace corvane {
 
 PageError::PageError(const std::string& reason)
     : std::runtime_error("Salesforce's reply is not a page of records: " + reason) {}
 
 namespace RestPage {
-namespace {
-
-// The value at a dotted path; null when a step is missing or not an object.
-// hint is where the first step was found in the previous record: the records of
-// one page share their field order, so the first look usually hits.
-const JSONLiteral* valueAt(const JSONLiteral& record, std::string_view path, std::size_t& hint) {
-  std::size_t dot = path.find('.');
-  std::string_view first = path.substr(0, dot);
-  const JSONLiteral::Object& members = *record.asObject();
-  const JSONLiteral* current = nullptr;
-  if (hint < members.size() && members[hint].first == first) {
-    current = &members[hint].second;
-  } else {
-    for (std::size_t i = 0; i < members.size(); ++i) {
-      if (members[i].first == first) {
-        hint = i;
-        current = &members[i].second;
-        break;
-      }
-    }
-  }
-  while (current && dot != std::string_view::npos) {
-    path.remove_prefix(dot + 1);
-    dot = path.find('.');
-    current = current->find(path.substr(0, dot));
-  }
-  return current;
-}
-
-}  // namespace
 
 void appendQuoted(std::string& out, std::string_view field) {
   out += '"';
@@ -124,49 +96,203 @@ std::string text(const JSONLiteral& value, std::string_view type) {
   return {};
 }
 
+namespace {
+
+// Writes a page's CSV rows straight from the parser's events, without building
+// the page as a tree: the hot path of a REST backup.
+class PageWriter {
+ public:
+  using json = nlohmann::json;
+
+  PageWriter(const std::vector<std::string>& columns, const std::vector<std::string>& types)
+      : columns_(columns), cells_(columns.size()), set_(columns.size(), false) {
+    isDateTime_.reserve(columns.size());
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+      isDateTime_.push_back(i < types.size() && types[i] == "datetime");
+    }
+  }
+
+  bool null() { return scalar(Scalar::null, {}); }
+  bool boolean(bool value) { return scalar(Scalar::boolean, value ? "true" : "false"); }
+  bool number_integer(json::number_integer_t value) {
+    return scalar(Scalar::number, std::to_string(value));
+  }
+  bool number_unsigned(json::number_unsigned_t value) {
+    return scalar(Scalar::number, std::to_string(value));
+  }
+  bool number_float(json::number_float_t, const json::string_t& text) {
+    return scalar(Scalar::number, text);
+  }
+  bool string(json::string_t& value) { return scalar(Scalar::string, value); }
+  bool binary(json::binary_t&) { return fail("it holds binary data."); }
+  bool key(json::string_t& name) {
+    if (keys_.size() < open_.size()) keys_.resize(open_.size());
+    keys_[open_.size() - 1] = name;
+    return true;
+  }
+  bool start_object(std::size_t) {
+    std::size_t depth = open_.size();
+    if (depth == 0) {
+      open_.push_back(true);
+      return true;
+    }
+    if (depth == 1 && key0() == "records") return fail("its records are not a list.");
+    if (depth == 2 && inRecords_) {
+      std::fill(set_.begin(), set_.end(), false);
+    }
+    open_.push_back(true);
+    return true;
+  }
+  bool end_object() {
+    open_.pop_back();
+    if (open_.size() == 2 && inRecords_) writeRow();
+    return true;
+  }
+  bool start_array(std::size_t) {
+    std::size_t depth = open_.size();
+    if (depth == 0) return fail("it is not a JSON object.");
+    if (depth == 1 && key0() == "records") {
+      inRecords_ = true;
+      sawRecords_ = true;
+    } else if (depth == 2 && inRecords_) {
+      return fail("a record is not a JSON object.");
+    }
+    open_.push_back(false);
+    return true;
+  }
+  bool end_array() {
+    open_.pop_back();
+    if (open_.size() == 1) inRecords_ = false;
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) {
+    if (reason_.empty()) reason_ = error.what();
+    return false;
+  }
+
+  Result finish() {
+    if (!sawRecords_) throw PageError("it has no list of records.");
+    return std::move(result_);
+  }
+  const std::string& reason() const { return reason_; }
+
+ private:
+  enum class Scalar { null, boolean, number, string };
+
+  const std::string& key0() const { return keys_[0]; }
+
+  bool fail(std::string reason) {
+    reason_ = std::move(reason);
+    return false;
+  }
+
+  bool scalar(Scalar kind, std::string_view text) {
+    std::size_t depth = open_.size();
+    if (depth == 0) return fail("it is not a JSON object.");
+    if (depth == 1) {
+      if (key0() == "records") return fail("its records are not a list.");
+      if (key0() == "nextRecordsUrl") {
+        if (kind == Scalar::string) {
+          result_.next = text;
+        } else if (kind != Scalar::null) {
+          return fail("its nextRecordsUrl is not text.");
+        }
+      }
+      return true;
+    }
+    if (!inRecords_) return true;
+    if (depth == 2) return fail("a record is not a JSON object.");
+    // Values inside arrays belong to no column.
+    for (std::size_t level = 3; level < depth; ++level) {
+      if (!open_[level]) return true;
+    }
+    std::size_t column = findColumn(depth);
+    if (column == columns_.size()) return true;
+    std::string& cell = cells_[column];
+    set_[column] = true;
+    switch (kind) {
+      case Scalar::null:
+        cell.clear();
+        break;
+      case Scalar::boolean:
+        cell.assign(text);
+        break;
+      case Scalar::number:
+        cell = text.find_first_of("Ee") == std::string_view::npos ? std::string(text)
+                                                                  : bulkNumber(text);
+        break;
+      case Scalar::string:
+        if (isDateTime_[column] && text.size() >= 5 && text.substr(text.size() - 5) == "+0000") {
+          cell.assign(text.substr(0, text.size() - 5));
+          cell += 'Z';
+        } else {
+          cell.assign(text);
+        }
+        break;
+    }
+    return true;
+  }
+
+  // The column of the value at the current key path below the record; none
+  // (columns_.size()) when no column asks for it.
+  std::size_t findColumn(std::size_t depth) {
+    // keys_[2] is the record's field; deeper keys walk into relationships.
+    if (depth == 3) {
+      const std::string& name = keys_[2];
+      std::size_t hinted = next_ < columns_.size() ? next_ : 0;
+      for (std::size_t n = 0; n < columns_.size(); ++n) {
+        std::size_t i = (hinted + n) % columns_.size();
+        if (columns_[i] == name) {
+          next_ = i + 1;
+          return i;
+        }
+      }
+      return columns_.size();
+    }
+    path_.clear();
+    for (std::size_t level = 2; level < depth; ++level) {
+      if (level > 2) path_ += '.';
+      path_ += keys_[level];
+    }
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+      if (columns_[i] == path_) return i;
+    }
+    return columns_.size();
+  }
+
+  void writeRow() {
+    std::string& out = result_.csv;
+    for (std::size_t i = 0; i < columns_.size(); ++i) {
+      if (i) out += ',';
+      appendQuoted(out, set_[i] ? std::string_view(cells_[i]) : std::string_view());
+    }
+    out += '\n';
+    ++result_.records;
+  }
+
+  const std::vector<std::string>& columns_;
+  std::vector<bool> isDateTime_;
+  std::vector<std::string> cells_;  // this record's texts, by column
+  std::vector<bool> set_;           // which cells this record has set
+  std::size_t next_ = 0;            // where the next field's column is likely to be
+  std::vector<bool> open_;          // open containers: true for an object
+  std::vector<std::string> keys_;   // the current key of each open object, by depth
+  std::string path_;
+  bool inRecords_ = false;
+  bool sawRecords_ = false;
+  std::string reason_;
+  Result result_;
+};
+
+}  // namespace
+
 Result read(std::string_view data, const std::vector<std::string>& columns,
             const std::vector<std::string>& types) {
-  JSONLiteral page;
-  try {
-    page = JSONLiteral::parse(data);
-  } catch (const JSONLiteral::Malformed& error) {
-    throw PageError(error.what());
+  PageWriter writer(columns, types);
+  if (!nlohmann::json::sax_parse(data, &writer)) {
+    throw PageError(writer.reason().empty() ? std::string("it is not JSON.") : writer.reason());
   }
-  if (!page.asObject()) throw PageError("it is not a JSON object.");
-  const JSONLiteral* records = page.find("records");
-  if (!records || !records->asArray()) throw PageError("it has no list of records.");
-
-  Result result;
-  if (const JSONLiteral* next = page.find("nextRecordsUrl")) {
-    if (const std::string* url = next->asString()) {
-      result.next = *url;
-    } else if (!next->isNull()) {
-      throw PageError("its nextRecordsUrl is not text.");
-    }
-  }
-  static const std::string noType;
-  std::vector<std::size_t> hints(columns.size(), 0);
-  for (const JSONLiteral& record : *records->asArray()) {
-    if (!record.asObject()) throw PageError("a record is not a JSON object.");
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-      if (i) result.csv += ',';
-      const JSONLiteral* value = valueAt(record, columns[i], hints[i]);
-      if (!value) {
-        result.csv += "\"\"";
-        continue;
-      }
-      const std::string& type = i < types.size() ? types[i] : noType;
-      // Texts other than date-times go straight in, without a copy.
-      if (const std::string* string = value->asString(); string && type != "datetime") {
-        appendQuoted(result.csv, *string);
-      } else {
-        appendQuoted(result.csv, text(*value, type));
-      }
-    }
-    result.csv += '\n';
-    ++result.records;
-  }
-  return result;
+  return writer.finish();
 }
 
 }  // namespace RestPage

@@ -50,6 +50,21 @@ TEST(RestPage, LastPageHasNoNextAndAnEmptyPageNoRows) {
   EXPECT_EQ(page, RestPage::Result{});
 }
 
+TEST(RestPage, RowsHoldOnlyTheirOwnRecordsAskedForValues) {
+  // Values inside lists, fields nobody asked for and an earlier record's values
+  // never reach a row; field order may differ from record to record.
+  const std::string body =
+      R"({"records":[{"Id":"1","Tags":[{"Id":"x"},"y"],"Owner":{"Name":"Ann","Tags":["z"]}},)"
+      R"({"Owner":null,"Extra":{"Id":"no"},"Id":"2"}],)"
+      R"("nextRecordsUrl":"/services/data/v62.0/query/01g-2","done":false})";
+  RestPage::Result page =
+      RestPage::read(body, {"Id", "Tags", "Owner.Name", "Owner.Tags", "Owner"}, {});
+  EXPECT_EQ(page.csv,
+            "\"1\",\"\",\"Ann\",\"\",\"\"\n"
+            "\"2\",\"\",\"\",\"\",\"\"\n");
+  EXPECT_EQ(page.next, "/services/data/v62.0/query/01g-2");
+}
+
 TEST(RestPage, RefusesWhatIsNotAPageOfRecords) {
   for (const char* bad : {"", "not json", "[]", R"({"records":{}})", R"({"done":true})",
                           R"({"records":[1]})", R"({"records":[],"nextRecordsUrl":5})",
