@@ -51,7 +51,8 @@ class ServedOrg {
     return org;
   }
 
-  std::int64_t accounts() const { return accounts_; }
+  // Rows in the job's result (the Accounts not in the Recycle Bin).
+  std::int64_t resultRows() const { return resultRows_; }
   const std::string& jobId() const { return jobId_; }
   // The locator of every page (empty for the first one).
   const std::vector<std::string>& locators() const { return locators_; }
@@ -96,8 +97,12 @@ class ServedOrg {
     for (int poll = 0;; ++poll) {
       auto info = c.Get((std::string(kApi) + "/jobs/query/" + jobId_).c_str());
       if (!info || info->status != 200) throw std::runtime_error("the job could not be read");
-      auto state = nlohmann::json::parse(info->body).at("state").get<std::string>();
-      if (state == "JobComplete") break;
+      auto reply = nlohmann::json::parse(info->body);
+      auto state = reply.at("state").get<std::string>();
+      if (state == "JobComplete") {
+        resultRows_ = reply.value("numberRecordsProcessed", std::int64_t{0});
+        break;
+      }
       if (state == "Failed" || state == "Aborted" || poll > 6000) {
         throw std::runtime_error("the job did not complete: " + state);
       }
@@ -122,6 +127,7 @@ class ServedOrg {
   }
 
   std::int64_t accounts_;
+  std::int64_t resultRows_ = 0;
   std::unique_ptr<OrgServer> server_;
   int port_ = 0;
   std::string token_;
@@ -148,7 +154,7 @@ void BulkResultsPage(benchmark::State& state) {
   for (auto _ : state) {
     // Full pages only, so every iteration measures the same amount of work.
     std::size_t fullPages =
-        std::max<std::size_t>(1, static_cast<std::size_t>(org.accounts() / kPageRows));
+        std::max<std::size_t>(1, static_cast<std::size_t>(org.resultRows() / kPageRows));
     rows += fetchPage(client, org.resultsPath(org.locators()[next % fullPages]), bytes);
     ++next;
   }

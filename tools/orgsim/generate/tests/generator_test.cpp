@@ -408,6 +408,48 @@ TEST_F(GeneratedOrgTest, FileBodiesMatchTheirChecksumsAndSizes) {
   }
 }
 
+// What a describe promises about a field holds for every generated value: text
+// within its length (in characters), picklist values from its list, numbers
+// within their digits.
+TEST_F(GeneratedOrgTest, ValuesFitTheirFields) {
+  auto characters = [](const std::string& text) {
+    std::size_t n = 0;
+    for (unsigned char c : text) n += (c & 0xC0) != 0x80 ? 1 : 0;
+    return n;
+  };
+  for (const auto& object : Schema::objects()) {
+    for (const auto& field : object.fields) {
+      if (!field.stored() || !field.sqlExpression.empty()) continue;
+      auto values = rows(*store_, "SELECT DISTINCT " + quoteIdentifier(field.name) + " AS v FROM " +
+                                      quoteIdentifier(object.name) + " WHERE " +
+                                      quoteIdentifier(field.name) + " IS NOT NULL");
+      std::string where = object.name + "." + field.name;
+      for (const auto& row : values) {
+        const std::string& value = row.at("v");
+        ASSERT_FALSE(value.empty()) << where;
+        if (field.length > 0 && field.type != FieldType::Id && field.type != FieldType::Reference) {
+          ASSERT_LE(characters(value), static_cast<std::size_t>(field.length))
+              << where << ": " << value;
+        }
+        if (field.type == FieldType::Picklist) {
+          ASSERT_THAT(field.picklistValues, ::testing::Contains(value)) << where;
+        }
+        if (isNumeric(field.type)) {
+          ASSERT_EQ(value.find_first_not_of("-0123456789."), std::string::npos)
+              << where << ": " << value;
+          auto point = value.find('.');
+          std::size_t whole =
+              (point == std::string::npos ? value.size() : point) - (value[0] == '-' ? 1 : 0);
+          std::size_t fraction = point == std::string::npos ? 0 : value.size() - point - 1;
+          ASSERT_LE(whole, static_cast<std::size_t>(std::max(field.precision - field.scale, 1)))
+              << where << ": " << value;
+          ASSERT_LE(fraction, static_cast<std::size_t>(field.scale)) << where << ": " << value;
+        }
+      }
+    }
+  }
+}
+
 // The kinds of difference a duplicate finder must see through, found in the
 // clusters themselves rather than taken on trust.
 TEST_F(GeneratedOrgTest, GroundTruthClustersHoldRealVariations) {
