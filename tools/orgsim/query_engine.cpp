@@ -561,17 +561,21 @@ class QueryCompiler {
       case FieldType::DateTime: {
         bool dateOnly = field.type == FieldType::Date;
         if (value.kind == Literal::Kind::Relative) {
+          // Placeholders are bound in the order they are made: make each where it is used.
           Range range = relativeRange(value, dateOnly);
-          std::string low = param(range.low);
-          std::string high = param(range.high);
-          if (op == "=") return expr + " >= " + low + " AND " + expr + " < " + high;
-          if (op == "!=") {
-            return expr + " IS NULL OR " + expr + " < " + low + " OR " + expr + " >= " + high;
+          if (op == "=") {
+            std::string low = param(range.low);
+            return expr + " >= " + low + " AND " + expr + " < " + param(range.high);
           }
-          if (op == "<") return expr + " < " + low;
-          if (op == "<=") return expr + " < " + high;
-          if (op == ">") return expr + " >= " + high;
-          return expr + " >= " + low;
+          if (op == "!=") {
+            std::string low = param(range.low);
+            return expr + " IS NULL OR " + expr + " < " + low + " OR " + expr +
+                   " >= " + param(range.high);
+          }
+          if (op == "<") return expr + " < " + param(range.low);
+          if (op == "<=") return expr + " < " + param(range.high);
+          if (op == ">") return expr + " >= " + param(range.high);
+          return expr + " >= " + param(range.low);
         }
         if (dateOnly) {
           if (value.kind != Literal::Kind::Date || !WireTime::parseDate(value.text)) {

@@ -21,7 +21,7 @@ namespace corvane::orgsim {
 struct ServerOptions {
   std::string host = "127.0.0.1";
   int port = 0;  // 0: any free port
-  int threads = 8;
+  int threads = 16;
 };
 
 class OrgServer {

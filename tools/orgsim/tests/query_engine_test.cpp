@@ -317,5 +317,73 @@ TEST_F(QueryEngineTest, AggregatesGroupAndNameTheirColumns) {
   EXPECT_EQ(count->count(lease.db()), 2);
 }
 
+TEST_F(QueryEngineTest, RelativeDatesFollowTheOrgClockInUtc) {
+  store_->setClock(*WireTime::parseDateTime("2024-03-15T12:00:00Z"));
+  auto opportunities = store_->writer("Opportunity", {"Name", "StageName", "CloseDate"});
+  for (const char* date : {"2024-02-29", "2024-03-01", "2024-03-14", "2024-03-15", "2024-03-16",
+                           "2024-04-01", "2023-12-31"}) {
+    opportunities.insert({date, "Prospecting", date});
+  }
+  opportunities.commit();
+  auto closing = [&](const std::string& condition) {
+    return names("SELECT Name FROM Opportunity WHERE CloseDate " + condition + " ORDER BY Name");
+  };
+  EXPECT_EQ(closing("= TODAY"), std::vector<std::string>{"2024-03-15"});
+  EXPECT_EQ(closing("= YESTERDAY"), std::vector<std::string>{"2024-03-14"});
+  EXPECT_EQ(closing("> TODAY"), (std::vector<std::string>{"2024-03-16", "2024-04-01"}));
+  EXPECT_EQ(closing("= THIS_MONTH"),
+            (std::vector<std::string>{"2024-03-01", "2024-03-14", "2024-03-15", "2024-03-16"}));
+  EXPECT_EQ(closing("= LAST_MONTH"), std::vector<std::string>{"2024-02-29"});
+  EXPECT_EQ(closing("< THIS_YEAR"), std::vector<std::string>{"2023-12-31"});
+  EXPECT_EQ(closing("= LAST_N_DAYS:15"),
+            (std::vector<std::string>{"2024-02-29", "2024-03-01", "2024-03-14", "2024-03-15"}));
+  EXPECT_EQ(closing("= NEXT_N_DAYS:1"), std::vector<std::string>{"2024-03-16"});
+}
+
+TEST_F(QueryEngineTest, LikeTreatsEscapedWildcardsAsText) {
+  auto accounts = store_->writer("Account", {"Name"});
+  accounts.insert({"100% Cotton"});
+  accounts.insert({"1000 Cotton"});
+  accounts.insert({"snake_case"});
+  accounts.insert({"snakeXcase"});
+  accounts.commit();
+  EXPECT_EQ(names("SELECT Name FROM Account WHERE Name LIKE '100\\% %'"),
+            std::vector<std::string>{"100% Cotton"});
+  EXPECT_EQ(names("SELECT Name FROM Account WHERE Name LIKE 'snake\\_case'"),
+            std::vector<std::string>{"snake_case"});
+  EXPECT_EQ(names("SELECT Name FROM Account WHERE Name LIKE 'snake_case' ORDER BY Name"),
+            (std::vector<std::string>{"snake_case", "snakeXcase"}));
+  EXPECT_EQ(names("SELECT Name FROM Account WHERE NOT Name LIKE '%o%' ORDER BY Name"),
+            (std::vector<std::string>{"Acme", "initech", "snake_case", "snakeXcase"}));
+  EXPECT_EQ(names("SELECT Name FROM Account WHERE Industry IN ('Energy', null) ORDER BY Name"),
+            (std::vector<std::string>{"100% Cotton", "1000 Cotton", "Globex", "initech",
+                                      "snake_case", "snakeXcase"}));
+}
+
+TEST_F(QueryEngineTest, SumsAveragesAndDistinctCounts) {
+  auto compiled = QueryEngine::compile(
+      "SELECT SUM(AnnualRevenue) total, AVG(AnnualRevenue) average, COUNT_DISTINCT(Industry) "
+      "kinds, MIN(CreatedDate) first, COUNT(Industry) FROM Account",
+      QueryScope::Live, QueryApi::Rest, store_->now());
+  auto lease = store_->read();
+  std::string out;
+  EXPECT_EQ(compiled->appendAggregateJson(lease.db(), out), 1);
+  json row = json::parse(out);
+  EXPECT_EQ(row["total"].dump(), "1000250.5");
+  EXPECT_EQ(row["average"].dump(), "500125.25");
+  EXPECT_EQ(row["kinds"], 2);
+  EXPECT_EQ(row["first"], "2023-12-31T23:59:59.000+0000");
+  EXPECT_EQ(row["expr0"], 2);
+  json grouped = json::parse("[" + [&] {
+    auto byAccount =
+        QueryEngine::compile("SELECT Account.Name, COUNT(Id) FROM Contact GROUP BY Account.Name",
+                             QueryScope::Live, QueryApi::Rest, store_->now());
+    std::string text;
+    byAccount->appendAggregateJson(lease.db(), text);
+    return text;
+  }() + "]");
+  EXPECT_EQ(grouped.size(), 2u);
+}
+
 }  // namespace
 }  // namespace corvane::orgsim

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <map>
 #include <set>
 #include <thread>
 
@@ -509,6 +511,134 @@ TEST_F(OrgServerTest, StateSurvivesARestart) {
   auto results = get("/services/data/v62.0/jobs/query/" + id + "/results");
   ASSERT_TRUE(results);
   EXPECT_EQ(results->get_header_value("Sforce-NumberOfRecords"), "4");
+}
+
+TEST_F(OrgServerTest, DescribeGivesWhatBackupPlanningReads) {
+  json global = getJson("/services/data/v62.0/sobjects/");
+  std::map<std::string, json> byName;
+  for (const auto& entry : global["sobjects"]) byName[entry["name"]] = entry;
+  EXPECT_EQ(byName["Account"]["keyPrefix"], "001");
+  EXPECT_EQ(byName["Account"]["replicateable"], true);
+  EXPECT_EQ(byName["Account"]["deprecatedAndHidden"], false);
+  EXPECT_EQ(byName["Account"]["customSetting"], false);
+  EXPECT_EQ(byName["Invoice__c"]["custom"], true);
+  EXPECT_TRUE(byName["RecentlyViewed"]["keyPrefix"].is_null());
+  EXPECT_EQ(byName["Account"]["urls"]["describe"],
+            "/services/data/v62.0/sobjects/Account/describe");
+
+  json account = getJson("/services/data/v62.0/sobjects/Account/describe");
+  EXPECT_EQ(account["mergeable"], true);
+  std::map<std::string, json> fields;
+  for (const auto& field : account["fields"]) fields[field["name"]] = field;
+  EXPECT_EQ(fields["BillingAddress"]["type"], "address");
+  EXPECT_EQ(fields["BillingCity"]["compoundFieldName"], "BillingAddress");
+  EXPECT_EQ(fields["OwnerId"]["referenceTo"], json::array({"User"}));
+  EXPECT_EQ(fields["OwnerId"]["relationshipName"], "Owner");
+  EXPECT_EQ(fields["Industry"]["picklistValues"][0]["value"], "Agriculture");
+  EXPECT_EQ(fields["SystemModstamp"]["type"], "datetime");
+  bool contactsListed = false;
+  for (const auto& child : account["childRelationships"]) {
+    contactsListed =
+        contactsListed || (child["childSObject"] == "Contact" && child["field"] == "AccountId" &&
+                           child["relationshipName"] == "Contacts");
+  }
+  EXPECT_TRUE(contactsListed);
+  json invoice = getJson("/services/data/v62.0/sobjects/Invoice__c/describe");
+  for (const auto& field : invoice["fields"]) {
+    if (field["name"] == "Total__c") {
+      EXPECT_EQ(field["calculated"], true);
+      EXPECT_FALSE(field["calculatedFormula"].is_null());
+    }
+  }
+  EXPECT_EQ(getJson("/services/data/v62.0/sobjects/Nothing__c/describe", 404)[0]["errorCode"],
+            "NOT_FOUND");
+}
+
+TEST_F(OrgServerTest, QueryAllPagesOverDeletedRecordsAndBulkQueryAllIncludesThem) {
+  auto accounts = testing::addAccounts(store(), 450);
+  for (int i = 0; i < 50; ++i)
+    ASSERT_TRUE(OrgRecords::remove(store(), accounts[i], adminId()).success);
+  json first =
+      getJson("/services/data/v62.0/queryAll?q=" + encode("SELECT Id, IsDeleted FROM Account"), 200,
+              {{"Sforce-Query-Options", "batchSize=200"}});
+  EXPECT_EQ(first["totalSize"], 450);
+  EXPECT_EQ(first["nextRecordsUrl"].get<std::string>().rfind("/services/data/v62.0/queryAll/", 0),
+            0u);
+  EXPECT_EQ(first["records"][0]["IsDeleted"], true);
+
+  auto created =
+      client().Post("/services/data/v62.0/jobs/query", auth(),
+                    json{{"operation", "queryAll"}, {"query", "SELECT Id FROM Account"}}.dump(),
+                    "application/json");
+  ASSERT_TRUE(created);
+  std::string id = json::parse(created->body)["id"];
+  EXPECT_EQ(json::parse(created->body)["state"], "UploadComplete");
+  ASSERT_EQ(waitForJob(id)["numberRecordsProcessed"], 450);
+  json list = getJson("/services/data/v62.0/jobs/query");
+  ASSERT_EQ(list["records"].size(), 1u);
+  EXPECT_EQ(list["records"][0]["operation"], "queryAll");
+  EXPECT_EQ(list["records"][0]["apiVersion"].dump(), "62.0");
+  EXPECT_EQ(list["done"], true);
+}
+
+TEST_F(OrgServerTest, CompositeUpdatesAndDeletesReportEachRecord) {
+  auto accounts = testing::addAccounts(store(), 2);
+  auto updated = client().Patch(
+      "/services/data/v62.0/composite/sobjects", auth(),
+      json{{"allOrNone", false},
+           {"records",
+            {{{"attributes", {{"type", "Account"}}}, {"id", accounts[0]}, {"Site", "HQ"}},
+             {{"attributes", {{"type", "Account"}}}, {"id", accounts[1]}, {"Name", nullptr}}}}}
+          .dump(),
+      "application/json");
+  ASSERT_TRUE(updated);
+  json results = json::parse(updated->body);
+  EXPECT_EQ(results[0]["success"], true);
+  EXPECT_EQ(results[1]["errors"][0]["statusCode"], "REQUIRED_FIELD_MISSING");
+  EXPECT_EQ(
+      getJson("/services/data/v62.0/sobjects/Account/" + accounts[0] + "?fields=Site")["Site"],
+      "HQ");
+
+  std::string missing = RecordIds::make("001", 99999);
+  auto removed = client().Delete(
+      ("/services/data/v62.0/composite/sobjects?allOrNone=true&ids=" + accounts[0] + "," + missing)
+          .c_str(),
+      auth());
+  results = json::parse(removed->body);
+  EXPECT_EQ(results[0]["errors"][0]["statusCode"], "ALL_OR_NONE_OPERATION_ROLLED_BACK");
+  EXPECT_EQ(store().count("Account"), 2);
+  removed = client().Delete(
+      ("/services/data/v62.0/composite/sobjects?ids=" + accounts[0] + "," + accounts[1]).c_str(),
+      auth());
+  EXPECT_EQ(json::parse(removed->body)[1]["success"], true);
+  EXPECT_EQ(store().count("Account"), 0);
+  EXPECT_EQ(getJson("/services/data/v62.0/limits/recordCount?sObjects=Account,Contact")["sObjects"]
+                .size(),
+            2u);
+}
+
+TEST_F(OrgServerTest, ServesManyClientsAtOnceWhileRecordsChange) {
+  testing::addAccounts(store(), 500);
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 6; ++t) {
+    threads.emplace_back([&, t] {
+      httplib::Client mine("127.0.0.1", server_->port());
+      for (int i = 0; i < 15; ++i) {
+        httplib::Result result = t % 2 == 0
+                                     ? mine.Get(("/services/data/v62.0/query?q=" +
+                                                 encode("SELECT Id, Name FROM Account"))
+                                                    .c_str(),
+                                                auth())
+                                     : mine.Post("/services/data/v62.0/sobjects/Account", auth(),
+                                                 R"({"Name":"Concurrent"})", "application/json");
+        if (!result || (result->status != 200 && result->status != 201)) ++failures;
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_EQ(store().count("Account"), 500 + 3 * 15);
 }
 
 }  // namespace
