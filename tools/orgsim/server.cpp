@@ -123,7 +123,8 @@ struct Cursor {
   std::shared_ptr<const CompiledQuery> query;
   std::int64_t total = 0;
   std::map<std::int64_t, std::int64_t> afterRowId;  // offset -> last rowid before it
-  std::vector<std::int64_t> rowIds;                 // ordered queries: every row in order
+  // Ordered queries: every row in order, shared by the pages being served.
+  std::shared_ptr<const std::vector<std::int64_t>> rowIds;
   std::list<std::string>::iterator age;
 };
 
@@ -737,8 +738,9 @@ struct OrgServer::Impl {
       cursor.total = compiled->count(lease.db());
       cursor.afterRowId[0] = 0;
     } else {
-      cursor.rowIds = compiled->rowIds(lease.db());
-      cursor.total = static_cast<std::int64_t>(cursor.rowIds.size());
+      cursor.rowIds =
+          std::make_shared<const std::vector<std::int64_t>>(compiled->rowIds(lease.db()));
+      cursor.total = static_cast<std::int64_t>(cursor.rowIds->size());
     }
     std::string id;
     int batch = batchSize(ex);
@@ -867,7 +869,7 @@ struct OrgServer::Impl {
       std::lock_guard lock(cursorMutex);
       auto found = cursors.find(id);
       if (found == cursors.end() || offset <= 0 || offset >= found->second.total ||
-          (found->second.rowIds.empty() && !found->second.afterRowId.count(offset))) {
+          (!found->second.rowIds && !found->second.afterRowId.count(offset))) {
         return sendError(ex, 400, "INVALID_QUERY_LOCATOR", "invalid query locator");
       }
       cursorAge.splice(cursorAge.begin(), cursorAge, found->second.age);
@@ -896,11 +898,11 @@ struct OrgServer::Impl {
       cursor.query->appendJson(records, row, version);
       ++n;
     };
-    if (cursor.rowIds.empty() && cursor.total > 0) {
+    if (!cursor.rowIds && cursor.total > 0) {
       std::int64_t last = cursor.query->scanAfter(db, cursor.afterRowId[offset], want, add);
       cursor.afterRowId[offset + n] = last;
     } else if (want > 0) {
-      cursor.query->fetch(db, cursor.rowIds, static_cast<std::size_t>(offset),
+      cursor.query->fetch(db, *cursor.rowIds, static_cast<std::size_t>(offset),
                           static_cast<std::size_t>(want), add);
     }
     std::int64_t next = offset + n;
