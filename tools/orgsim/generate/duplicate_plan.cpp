@@ -28,7 +28,11 @@ ClusterMembership DuplicatePlan::membership(std::uint64_t index) const {
   int size = 0;
   bool shared = sharedBlock(block);
   if (shared) {
-    size = std::min(length, static_cast<int>(random.between(1, 3)));
+    // Both partners draw the same split from the shared stream.
+    auto split = RandomSource::forRecord(seed_, options_.sharedStream ^ 0x73706c6974ULL, block);
+    int total = static_cast<int>(split.between(2, 5));
+    int first = static_cast<int>(split.between(1, total - 1));
+    size = std::min(length, options_.sharedSide == 0 ? first : total - first);
   } else if (random.chance(options_.clusterChance)) {
     size = std::min(length, static_cast<int>(random.between(2, 5)));
     if (size < 2) size = 0;

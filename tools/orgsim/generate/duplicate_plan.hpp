@@ -44,6 +44,9 @@ class DuplicatePlan {
     std::uint64_t sharedBlocks = 0;
     double sharedChance = 0;
     std::string sharedPrefix;
+    // Which partner this plan is (0 or 1): a shared cluster of two to five
+    // records is split between the two, at least one on each side.
+    int sharedSide = 0;
   };
 
   static constexpr std::uint64_t kBlockSize = 8;

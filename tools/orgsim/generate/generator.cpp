@@ -224,7 +224,12 @@ void generateOrg(const GenerateOptions& options) {
           RecordSets::setupAuditTrail,
           RecordSets::recentlyViewed,
       };
-      for (Writer write : kWriters) write(context);
+      for (Writer write : kWriters) {
+        if (options.shouldStop && options.shouldStop()) {
+          throw GenerateError(GenerateError::Kind::Stopped, "");
+        }
+        write(context);
+      }
       truth.finish();
     }
     if (std::filesystem::exists(target, error)) std::filesystem::remove(target);

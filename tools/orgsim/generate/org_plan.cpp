@@ -58,6 +58,7 @@ OrgPlan::OrgPlan(std::uint64_t seed, Clock::time_point now,
   contacts_ = std::make_unique<DuplicatePlan>(seed, "Contact",
                                               static_cast<std::uint64_t>(count("Contact")), people);
   people.entityPrefix = "lead-";
+  people.sharedSide = 1;
   leads_ = std::make_unique<DuplicatePlan>(seed, "Lead", static_cast<std::uint64_t>(count("Lead")),
                                            people);
 }

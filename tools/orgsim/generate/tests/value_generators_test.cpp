@@ -228,6 +228,7 @@ TEST(DuplicatePlan, PartnerPlansAgreeOnSharedClusters) {
   options.entityPrefix = "contact-";
   DuplicatePlan contacts(4, "Contact", 5000, options);
   options.entityPrefix = "lead-";
+  options.sharedSide = 1;
   DuplicatePlan leads(4, "Lead", 3000, options);
   std::map<std::string, int> contactSide, leadSide;
   for (std::uint64_t i = 0; i < 5000; ++i) {
@@ -243,6 +244,10 @@ TEST(DuplicatePlan, PartnerPlansAgreeOnSharedClusters) {
   for (const auto& [entity, n] : contactSide) a.insert(entity);
   for (const auto& [entity, n] : leadSide) b.insert(entity);
   EXPECT_EQ(a, b);
+  for (const auto& [entity, n] : contactSide) {
+    EXPECT_GE(n + leadSide[entity], 2) << entity;
+    EXPECT_LE(n + leadSide[entity], 5) << entity;
+  }
 }
 
 TEST(People, VariantsDifferInTheWaysRealDuplicatesDo) {
