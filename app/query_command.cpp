@@ -11,7 +11,8 @@ JSONLiteral withoutAttributes(JSONLiteral record) {
     JSONLiteral::Object kept;
     kept.reserve(members->size());
     for (auto& [name, value] : *members) {
-      if (name != "attributes") kept.emplace_back(std::move(name), withoutAttributes(std::move(value)));
+      if (name != "attributes")
+        kept.emplace_back(std::move(name), withoutAttributes(std::move(value)));
     }
     return JSONLiteral::object(std::move(kept));
   }
@@ -48,7 +49,8 @@ std::int64_t run(CommandContext& context, SalesforceAPI::Client& api, const std:
 }
 
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) {
-  CLI::App* query = app.add_subcommand("query", "Run a SOQL query and print its rows as JSON lines");
+  CLI::App* query =
+      app.add_subcommand("query", "Run a SOQL query and print its rows as JSON lines");
   auto login = std::make_shared<std::string>();
   auto soql = std::make_shared<std::string>();
   query->add_option("LOGIN", *login, "A username or alias")->required();

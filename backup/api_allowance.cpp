@@ -10,7 +10,8 @@
 namespace corvane {
 
 AllowanceError::AllowanceError(const std::string& reason)
-    : std::runtime_error("Salesforce's reply about the org's limits could not be read: " + reason) {}
+    : std::runtime_error("Salesforce's reply about the org's limits could not be read: " + reason) {
+}
 
 ApiAllowance ApiAllowance::ready(DedupeTransport& transport) {
   auto [body, headers] = transport.getRaw("/limits", {}, "application/json");

@@ -54,9 +54,8 @@ class RestQueryRunner {
   // does not stop the run. Throws PageUnreadable for a page that is not a page of
   // records; transport failures and commit's own exceptions pass through.
   Outcome fetchPages(const std::string& soql, Operation operation,
-                     const std::vector<std::string>& columns,
-                     const std::vector<std::string>& types, const std::string& from,
-                     const std::filesystem::path& diskAt,
+                     const std::vector<std::string>& columns, const std::vector<std::string>& types,
+                     const std::string& from, const std::filesystem::path& diskAt,
                      const std::function<void(const RestPage::Result&)>& commit);
 
  private:

@@ -106,12 +106,10 @@ bool Client::isAllowedInstanceURL(std::string_view instanceUrl) {
   std::string host = hostOf(lowered, 7);
   if (host == "localhost" || host == "[::1]") return true;
   in_addr address{};
-  return inet_pton(AF_INET, host.c_str(), &address) == 1 &&
-         (ntohl(address.s_addr) >> 24) == 127;
+  return inet_pton(AF_INET, host.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
 }
 
-std::string Client::url(const Session& session, const std::string& path,
-                        const QueryItems& query) {
+std::string Client::url(const Session& session, const std::string& path, const QueryItems& query) {
   std::string out = session.instanceUrl;
   while (!out.empty() && out.back() == '/') out.pop_back();
   if (path.rfind("/services/", 0) == 0) {
@@ -191,8 +189,10 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* cont
     transfer->response.headers.clear();  // a new reply (after 100 Continue, say)
   } else if (auto colon = line.find(':'); colon != std::string_view::npos) {
     std::string_view value = line.substr(colon + 1);
-    while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
-    while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) {
+    while (!value.empty() && (value.front() == ' ' || value.front() == '\t'))
+      value.remove_prefix(1);
+    while (!value.empty() &&
+           (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) {
       value.remove_suffix(1);
     }
     transfer->response.headers[std::string(line.substr(0, colon))] = std::string(value);
@@ -267,8 +267,8 @@ Client::Response perform(const Session& session, const RequestSpec& spec) {
     double seconds = 0;
     curl_easy_getinfo(handle, CURLINFO_TOTAL_TIME, &seconds);
     bool total = seconds + 0.5 >= static_cast<double>(spec.limit.totalSeconds);
-    throw APIError::timedOut(static_cast<int>(total ? spec.limit.totalSeconds
-                                                    : spec.limit.idleSeconds));
+    throw APIError::timedOut(
+        static_cast<int>(total ? spec.limit.totalSeconds : spec.limit.idleSeconds));
   }
   if (code == CURLE_WRITE_ERROR && transfer.fileFailed) {
     throw APIError::connection("the downloaded data could not be written to disk");
@@ -324,9 +324,22 @@ std::optional<Session> Client::cachedSession(const std::string& username) const 
 
 // ---- Raw calls ----
 
+namespace {
+
+RequestSpec getSpec(const Session& session, const std::string& path, const QueryItems& query,
+                    const std::string& accept, Client::Limit limit) {
+  RequestSpec spec;
+  spec.url = Client::url(session, path, query);
+  spec.headers = {"Accept: " + accept};
+  spec.limit = limit;
+  return spec;
+}
+
+}  // namespace
+
 Client::Response Client::rawGet(const std::string& path, const QueryItems& query,
                                 const Session& session) {
-  return rawGetWithHeaders(path, query, "application/json", session);
+  return perform(session, getSpec(session, path, query, "application/json", limits_.get));
 }
 
 Client::Response Client::rawSend(const std::string& method, const std::string& path,
@@ -346,17 +359,15 @@ Client::Response Client::rawSend(const std::string& method, const std::string& p
 
 Client::Response Client::rawGetWithHeaders(const std::string& path, const QueryItems& query,
                                            const std::string& accept, const Session& session) {
-  RequestSpec spec;
-  spec.url = url(session, path, query);
-  spec.headers = {"Accept: " + accept};
-  spec.limit = accept == "application/json" ? limits_.get : limits_.getWithHeaders;
-  return perform(session, spec);
+  return perform(session, getSpec(session, path, query, accept, limits_.getWithHeaders));
 }
 
 Client::Response Client::rawDownload(const std::string& path, const std::filesystem::path& file,
                                      const Session& session) {
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> out(std::fopen(file.c_str(), "wb"), std::fclose);
-  if (!out) throw APIError::connection("the file " + file.filename().string() + " could not be opened for writing");
+  if (!out)
+    throw APIError::connection("the file " + file.filename().string() +
+                               " could not be opened for writing");
   RequestSpec spec;
   spec.url = url(session, path, {});
   spec.headers = {"Accept: */*"};
@@ -423,15 +434,16 @@ std::pair<std::string, ResponseHeaders> Client::getWithHeaders(const std::string
                                                                const QueryItems& query,
                                                                const std::string& accept,
                                                                const Org& org) {
-  Response response = withRetry(
-      org, [&](const Session& s) { return rawGetWithHeaders(path, query, accept, s); });
+  Response response =
+      withRetry(org, [&](const Session& s) { return rawGetWithHeaders(path, query, accept, s); });
   return {std::move(response.body), std::move(response.headers)};
 }
 
 std::string Client::soap(const std::string& action, const std::string& envelope, const Org& org) {
-  return withRetry(org, [&](const Session& s) {
-           return rawSOAP(action, envelope, sessionPlaceholder, s);
-         }).body;
+  return withRetry(
+             org,
+             [&](const Session& s) { return rawSOAP(action, envelope, sessionPlaceholder, s); })
+      .body;
 }
 
 std::int64_t Client::download(const std::string& path, const std::filesystem::path& file,

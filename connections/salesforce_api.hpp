@@ -57,8 +57,8 @@ class APIError : public std::runtime_error {
   static APIError insecure(std::string instanceUrl);
 
   Kind kind() const { return kind_; }
-  int status() const { return status_; }                     // http only
-  const std::string& message() const { return message_; }    // noSession, http, connection
+  int status() const { return status_; }                   // http only
+  const std::string& message() const { return message_; }  // noSession, http, connection
   std::string description() const { return what(); }
 
   // The message of a failed reply: the "message" of the first element of a JSON
@@ -136,12 +136,10 @@ class Client {
                    const std::optional<std::string>& body, const Org& org);
   std::pair<std::string, ResponseHeaders> getWithHeaders(const std::string& path,
                                                          const QueryItems& query,
-                                                         const std::string& accept,
-                                                         const Org& org);
+                                                         const std::string& accept, const Org& org);
   std::string soap(const std::string& action, const std::string& envelope, const Org& org);
   // Removes a partly written file when the transfer fails.
-  std::int64_t download(const std::string& path, const std::filesystem::path& file,
-                        const Org& org);
+  std::int64_t download(const std::string& path, const std::filesystem::path& file, const Org& org);
 
   // GET with a JSON Accept; the body.
   std::string get(const std::string& path, const QueryItems& query, const Org& org);
@@ -160,8 +158,7 @@ class Client {
 
   // The URL of a path: "/services/..." appended to the instance URL as it
   // stands, anything else after "/services/data/v" + the API version.
-  static std::string url(const Session& session, const std::string& path,
-                         const QueryItems& query);
+  static std::string url(const Session& session, const std::string& path, const QueryItems& query);
   // Whether a URL may carry a session: https, or http on a loopback host.
   static bool isAllowedInstanceURL(std::string_view instanceUrl);
 

@@ -17,13 +17,12 @@ TEST(RestPage, WritesRowsInColumnOrderWithTheBulkApisTexts) {
       {"Id":"001000000000002AAA","Name":"","CreatedDate":"2024-01-05T10:00:00.000-0500",
        "AnnualRevenue":-2.5e-3,"NumberOfEmployees":12.30,"IsDeleted":true,"Owner":null,
        "Description":{"nested":1},"Parent":{"Name":"Top"}}]})";
-  const std::vector<std::string> columns = {"Id",         "Name",          "CreatedDate",
-                                            "AnnualRevenue", "NumberOfEmployees", "IsDeleted",
-                                            "Owner.Name", "Owner.Manager.Name", "Description",
-                                            "Parent.Name", "Missing.Field"};
-  const std::vector<std::string> types = {"id",       "string",  "datetime", "currency",
-                                          "int",      "boolean", "string",   "string",
-                                          "textarea", "string"};
+  const std::vector<std::string> columns = {
+      "Id",           "Name",       "CreatedDate",        "AnnualRevenue", "NumberOfEmployees",
+      "IsDeleted",    "Owner.Name", "Owner.Manager.Name", "Description",   "Parent.Name",
+      "Missing.Field"};
+  const std::vector<std::string> types = {"id",      "string", "datetime", "currency", "int",
+                                          "boolean", "string", "string",   "textarea", "string"};
   RestPage::Result page = RestPage::read(body, columns, types);
   EXPECT_EQ(page.records, 2);
   EXPECT_EQ(page.next, "/services/data/v62.0/query/01gXX-2000");
@@ -44,9 +43,8 @@ TEST(RestPage, OnlyDateTimeFieldsLoseTheirZeroOffset) {
 }
 
 TEST(RestPage, LastPageHasNoNextAndAnEmptyPageNoRows) {
-  RestPage::Result page =
-      RestPage::read(R"({"totalSize":0,"done":true,"records":[],"nextRecordsUrl":null})", {"Id"},
-                     {});
+  RestPage::Result page = RestPage::read(
+      R"({"totalSize":0,"done":true,"records":[],"nextRecordsUrl":null})", {"Id"}, {});
   EXPECT_EQ(page, RestPage::Result{});
 }
 
@@ -66,9 +64,9 @@ TEST(RestPage, RowsHoldOnlyTheirOwnRecordsAskedForValues) {
 }
 
 TEST(RestPage, RefusesWhatIsNotAPageOfRecords) {
-  for (const char* bad : {"", "not json", "[]", R"({"records":{}})", R"({"done":true})",
-                          R"({"records":[1]})", R"({"records":[],"nextRecordsUrl":5})",
-                          R"({"records":[{"Id":"1"})"}) {
+  for (const char* bad :
+       {"", "not json", "[]", R"({"records":{}})", R"({"done":true})", R"({"records":[1]})",
+        R"({"records":[],"nextRecordsUrl":5})", R"({"records":[{"Id":"1"})"}) {
     try {
       RestPage::read(bad, {"Id"}, {});
       ADD_FAILURE() << "accepted " << bad;

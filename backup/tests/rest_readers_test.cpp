@@ -48,10 +48,10 @@ TEST(ServerTime, ParsesOnlyTheHTTPDateForm) {
   ASSERT_TRUE(date);
   EXPECT_EQ(*date, sys_days{2024y / March / 5} + 10h + 11min + 12s);
   EXPECT_EQ(ServerTime::soqlLiteral(*date + 999ms), "2024-03-05T10:11:12Z");
-  for (const char* bad :
-       {"Tue, 5 Mar 2024 10:11:12 GMT", "Tue, 05 Mar 2024 10:11:12 UTC", "Tue, 05 Xyz 2024 10:11:12 GMT",
-        "Tue, 31 Feb 2024 10:11:12 GMT", "Tue, 05 Mar 2024 25:11:12 GMT", "2024-03-05T10:11:12Z",
-        "Tue, 05 Mar 2024 10:11:12 GMT ", "T1e, 05 Mar 2024 10:11:12 GMT", ""}) {
+  for (const char* bad : {"Tue, 5 Mar 2024 10:11:12 GMT", "Tue, 05 Mar 2024 10:11:12 UTC",
+                          "Tue, 05 Xyz 2024 10:11:12 GMT", "Tue, 31 Feb 2024 10:11:12 GMT",
+                          "Tue, 05 Mar 2024 25:11:12 GMT", "2024-03-05T10:11:12Z",
+                          "Tue, 05 Mar 2024 10:11:12 GMT ", "T1e, 05 Mar 2024 10:11:12 GMT", ""}) {
     EXPECT_FALSE(ServerTime::parseHTTPDate(bad)) << bad;
   }
 }
@@ -88,8 +88,8 @@ TEST(ApiAllowance, ReadsLimitsAndTheServersClock) {
 }
 
 TEST(ApiAllowance, AnUnreadableReplyNamesTheOrgsLimits) {
-  for (const char* body : {"<html>", "[]", R"({"DailyApiRequests":{"Max":"x","Remaining":1}})",
-                           R"({"Other":{}})"}) {
+  for (const char* body :
+       {"<html>", "[]", R"({"DailyApiRequests":{"Max":"x","Remaining":1}})", R"({"Other":{}})"}) {
     ScriptedTransport transport;
     transport.replies.push_back({body, {}});
     try {

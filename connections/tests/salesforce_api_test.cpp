@@ -32,14 +32,15 @@ class SalesforceAPITest : public orgsim::testing::ServerFixture {
       int call = sessionsIssued_++;
       Session session;
       session.instanceUrl = server_->baseUrl();
-      session.accessToken =
-          call < stale ? "00Dstale!token" + std::to_string(call)
-                       : orgsim::Sessions::issue(store(), "").token;
+      session.accessToken = call < stale ? "00Dstale!token" + std::to_string(call)
+                                         : orgsim::Sessions::issue(store(), "").token;
       return session;
     };
   }
 
-  void fault(const nlohmann::json& rule) { orgsim::Faults::add(store(), orgsim::FaultRule::fromJson(rule)); }
+  void fault(const nlohmann::json& rule) {
+    orgsim::Faults::add(store(), orgsim::FaultRule::fromJson(rule));
+  }
 
   Org org_;
   std::atomic<int> sessionsIssued_{0};
@@ -55,13 +56,15 @@ TEST_F(SalesforceAPITest, QueryStreamFollowsEveryPageInOrder) {
                     EXPECT_EQ(page.totalSize, 4500);
                     EXPECT_EQ(page.done, page.nextRecordsUrl.empty());
                     if (!page.nextRecordsUrl.empty()) nextUrls.push_back(page.nextRecordsUrl);
-                    for (const auto& record : page.records) seen.push_back(*record.find("Id")->asString());
+                    for (const auto& record : page.records)
+                      seen.push_back(*record.find("Id")->asString());
                     return true;
                   });
   ASSERT_EQ(seen.size(), 4500u);
   EXPECT_EQ(seen, ids);
   ASSERT_GE(nextUrls.size(), 2u);
-  for (const auto& url : nextUrls) EXPECT_EQ(url.rfind("/services/data/v62.0/query/", 0), 0u) << url;
+  for (const auto& url : nextUrls)
+    EXPECT_EQ(url.rfind("/services/data/v62.0/query/", 0), 0u) << url;
 }
 
 TEST_F(SalesforceAPITest, RetriesOnceWithAFreshSessionAfter401AndCachesIt) {

@@ -46,11 +46,20 @@ TEST(CountingTransport, CountsEveryCallFromManyThreadsExactly) {
     threads.emplace_back([&counting] {
       for (int i = 0; i < 250; ++i) {
         switch (i % 5) {
-          case 0: counting.send("GET", "/x", {}, std::nullopt); break;
-          case 1: counting.getRaw("/x", {}, "text/csv"); break;
-          case 2: counting.postSOAP("merge", "<e/>"); break;
-          case 3: counting.download("/x", "/dev/null"); break;
-          case 4: EXPECT_THROW(counting.send("GET", "/fail", {}, std::nullopt), std::runtime_error);
+          case 0:
+            counting.send("GET", "/x", {}, std::nullopt);
+            break;
+          case 1:
+            counting.getRaw("/x", {}, "text/csv");
+            break;
+          case 2:
+            counting.postSOAP("merge", "<e/>");
+            break;
+          case 3:
+            counting.download("/x", "/dev/null");
+            break;
+          case 4:
+            EXPECT_THROW(counting.send("GET", "/fail", {}, std::nullopt), std::runtime_error);
         }
       }
     });
@@ -65,8 +74,8 @@ class APITransportTest : public orgsim::testing::ServerFixture {};
 TEST_F(APITransportTest, RestQueryRunnerCopiesEveryRecordThroughTheAdapter) {
   orgsim::testing::addAccounts(store(), 2500, "2024-01-05T10:00:00.000Z");
   SalesforceAPI::Client api([this](const std::string&) {
-    return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token, server_->baseUrl(),
-                                  "62.0", {}};
+    return SalesforceAPI::Session{
+        orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
   });
   Org org;
   org.username = store().identity().adminUsername;
