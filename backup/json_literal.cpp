@@ -65,8 +65,8 @@ class JSONLiteralBuilder {
     if (auto* object = parent.asObject()) {
       object->emplace_back(std::move(keys_.back()), std::move(value));
       keys_.pop_back();
-    } else {
-      parent.asArray()->push_back(std::move(value));
+    } else if (auto* items = parent.asArray()) {
+      items->push_back(std::move(value));
     }
     return true;
   }
