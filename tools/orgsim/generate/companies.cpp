@@ -57,6 +57,8 @@ enum class Change {
   Website,
   PhoneFormat,
   AddressForm,
+  AddressTypo,
+  AddressMissing,
 };
 
 }  // namespace
@@ -183,6 +185,14 @@ CompanyRecord variant(const CompanyIdentity& company, RandomSource& random) {
         record.billing = Addresses::write(company.address, style);
         break;
       }
+      case Change::AddressTypo:
+        record.billing = Addresses::withTypo(record.billing, random);
+        break;
+      case Change::AddressMissing:
+        record.billing = AddressText{};
+        record.latitude.clear();
+        record.longitude.clear();
+        break;
     }
   }
   if (typo) stem = TextForms::withTypo(stem, random);

@@ -254,6 +254,13 @@ AddressText write(const PostalAddress& address, const AddressStyle& style) {
   return out;
 }
 
+AddressText withTypo(AddressText address, RandomSource& random) {
+  std::string& target =
+      address.postalCode.size() > 2 && random.chance(0.4) ? address.postalCode : address.street;
+  target = TextForms::withTypo(target, random);
+  return address;
+}
+
 std::string coordinate(double value) {
   char buffer[64];
   auto written = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 15);

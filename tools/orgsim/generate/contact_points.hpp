@@ -88,6 +88,10 @@ PostalAddress inCity(const WordLists::City& city, RandomSource& random);
 
 AddressText write(const PostalAddress& address, const AddressStyle& style);
 
+// The address with one typing mistake in its street (often the house number) or
+// its postal code.
+AddressText withTypo(AddressText address, RandomSource& random);
+
 // Coordinates as Salesforce writes them: plain decimals, up to 15 digits after
 // the point, never an exponent.
 std::string coordinate(double value);

@@ -51,6 +51,8 @@ enum class Change {
   PhoneFormat,
   PhoneMissing,
   AddressForm,
+  AddressTypo,
+  AddressMissing,
   FirstInitial,
   TitleInFirstName,
 };
@@ -159,6 +161,14 @@ void apply(Change change, const PersonIdentity& person, PersonRecord& record,
       record.address = Addresses::write(person.address, style);
       break;
     }
+    case Change::AddressTypo:
+      record.address = Addresses::withTypo(record.address, random);
+      break;
+    case Change::AddressMissing:
+      record.address = AddressText{};
+      record.latitude.clear();
+      record.longitude.clear();
+      break;
     case Change::FirstInitial:
       record.firstName = TextForms::asciiFolded(record.firstName).substr(0, 1);
       if (!record.firstName.empty() && random.chance(0.6)) record.firstName += ".";

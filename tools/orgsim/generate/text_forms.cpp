@@ -60,13 +60,20 @@ std::size_t sequenceLength(unsigned char lead) {
   return 1;
 }
 
-bool isAsciiLetter(char c) { return std::isalpha(static_cast<unsigned char>(c)) != 0; }
+// Typing mistakes land on ASCII letters and digits (names, house numbers, postcodes).
+bool isAsciiLetter(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }
 
 constexpr std::array<std::string_view, 3> kKeyboardRows = {"qwertyuiop", "asdfghjkl", "zxcvbnm"};
 
 }  // namespace
 
 char keyboardNeighbour(char letter, RandomSource& random) {
+  static constexpr std::string_view kDigits = "1234567890";
+  if (auto at = kDigits.find(letter); at != std::string_view::npos) {
+    if (at == 0) return kDigits[1];
+    if (at + 1 == kDigits.size()) return kDigits[at - 1];
+    return kDigits[random.chance(0.5) ? at - 1 : at + 1];
+  }
   bool isUpper = std::isupper(static_cast<unsigned char>(letter)) != 0;
   char lowerLetter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
   for (std::size_t row = 0; row < kKeyboardRows.size(); ++row) {

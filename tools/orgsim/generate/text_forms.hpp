@@ -2,7 +2,7 @@
 // or spelled out, accents stored decomposed, letter case.
 //
 // Everything works on UTF-8 and never cuts a multi-byte character in two: typing
-// mistakes touch only ASCII letters, the rest of the text passes through.
+// mistakes touch only ASCII letters and digits, the rest of the text passes through.
 #pragma once
 
 #include <string>
@@ -20,13 +20,13 @@ enum class Typo {
 };
 
 // One typing mistake of that kind, never on the first character. The text comes
-// back unchanged when it has no place for one (too few ASCII letters).
+// back unchanged when it has no place for one (too few ASCII letters or digits).
 std::string withTypo(std::string_view text, Typo kind, RandomSource& random);
 // One typing mistake of a kind chosen at random.
 std::string withTypo(std::string_view text, RandomSource& random);
 
-// A letter next to `letter` on a US keyboard, in the same case; other characters
-// come back as they are.
+// A key next to `letter` on a US keyboard, in the same case (a digit: the
+// digit beside it); other characters come back as they are.
 char keyboardNeighbour(char letter, RandomSource& random);
 
 // The text in ASCII: accented Latin letters lose their accents ("José" ->

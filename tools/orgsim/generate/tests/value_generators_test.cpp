@@ -107,7 +107,8 @@ TEST(TextForms, TyposAreOneEditAwayAndLeaveTheFirstLetterAndUnicodeAlone) {
   RandomSource random(3);
   for (auto kind : {TextForms::Typo::KeyboardNeighbour, TextForms::Typo::Transposition,
                     TextForms::Typo::Deletion, TextForms::Typo::Doubling}) {
-    for (std::string_view text : {"Thompson", "Müller-Lüdenscheidt", "O'Connor", "Zoë Ångström"}) {
+    for (std::string_view text :
+         {"Thompson", "Müller-Lüdenscheidt", "O'Connor", "Zoë Ångström", "12 Main St", "02139"}) {
       for (int i = 0; i < 20; ++i) {
         std::string typed = TextForms::withTypo(text, kind, random);
         EXPECT_EQ(editDistance(text, typed), 1) << text << " -> " << typed;
@@ -258,7 +259,10 @@ TEST(People, VariantsDifferInTheWaysRealDuplicatesDo) {
     PersonRecord base = People::write(person);
     PersonRecord other = People::variant(person, random);
     if (other.firstName != base.firstName || other.lastName != base.lastName ||
-        other.email != base.email || other.phone != base.phone) {
+        other.email != base.email || other.phone != base.phone || other.mobile != base.mobile ||
+        other.address.street != base.address.street ||
+        other.address.postalCode != base.address.postalCode ||
+        other.address.country != base.address.country) {
       ++different;
     }
     if (!person.nicknames.empty() && other.firstName != base.firstName &&
