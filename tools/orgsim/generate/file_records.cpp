@@ -6,6 +6,7 @@
 // and a scattered few get one more. Version bodies are made again wherever
 // they are needed (the document's size is its latest version's), never kept.
 #include <algorithm>
+#include <set>
 
 #include "tools/orgsim/generate/file_bodies.hpp"
 #include "tools/orgsim/generate/free_text.hpp"
@@ -79,11 +80,13 @@ class DocumentLayout {
     return FileBodies::make(kind(document), r);
   }
 
-  // The record (or, without any records, the owner) link `index` points at.
-  std::string linkTarget(std::uint64_t document, int index) const {
-    auto r =
-        RandomSource::forRecord(plan_.seed(), streamTag("document link") ^ mix64(index), document);
-    return pickParent(plan_, r).value_or(userId(owner(document)));
+  // The record link `index` points at (without any records: a user); `attempt`
+  // draws another one.
+  std::string linkTarget(std::uint64_t document, int index, int attempt = 0) const {
+    auto r = RandomSource::forRecord(
+        plan_.seed(), streamTag("document link") ^ mix64(index) ^ mix64(mix64(attempt)), document);
+    if (auto parent = pickParent(plan_, r)) return *parent;
+    return userId(plan_.pickUser(r));
   }
 
   static std::optional<std::string> pickParent(const OrgPlan& plan, RandomSource& random) {
@@ -198,12 +201,19 @@ void contentDocumentLinks(GenerationContext& context) {
     int links = layout.links(d);
     auto owner = layout.owner(d);
     std::string stamp = WireTime::dateTime(layout.versionTime(d, 0, 1));
+    // A document is linked to a record at most once (as far as is cheap to check).
+    std::set<std::string> linked;
     for (int j = 0; j < links; ++j, ++serial) {
       // The place it was first shared, its owner (who always sees it), then others.
       bool ownerLink = j == 1;
       auto r = plan.random("content document link", serial);
+      std::string target = ownerLink ? userId(owner) : layout.linkTarget(d, j);
+      for (int attempt = 1; attempt < 8 && linked.contains(target); ++attempt) {
+        target = layout.linkTarget(d, j, attempt);
+      }
+      if (linked.size() < 64) linked.insert(target);
       row.put("Id", plan.id("ContentDocumentLink", serial));
-      row.put("LinkedEntityId", ownerLink ? userId(owner) : layout.linkTarget(d, j));
+      row.put("LinkedEntityId", target);
       row.put("ContentDocumentId", plan.id("ContentDocument", d));
       row.put("ShareType", ownerLink ? "I" : r.chance(0.8) ? "V" : "C");
       row.put("Visibility", r.chance(0.9) ? "AllUsers" : "InternalUsers");

@@ -430,6 +430,16 @@ TEST_F(GeneratedOrgTest, FileBodiesMatchTheirChecksumsAndSizes) {
     EXPECT_EQ(document.at("l"), own.back().at("Id"));
     EXPECT_EQ(document.at("ContentSize"), own.back().at("ContentSize"));
   }
+  // Every document is seen by its owner, and linked to any record only once.
+  EXPECT_TRUE(rows(*store_,
+                   "SELECT l.\"ContentDocumentId\" FROM \"ContentDocumentLink\" l GROUP BY "
+                   "l.\"ContentDocumentId\", l.\"LinkedEntityId\" HAVING COUNT(*) > 1")
+                  .empty());
+  EXPECT_TRUE(rows(*store_,
+                   "SELECT d.\"Id\" FROM \"ContentDocument\" d WHERE NOT EXISTS (SELECT 1 FROM "
+                   "\"ContentDocumentLink\" l WHERE l.\"ContentDocumentId\" = d.\"Id\" AND "
+                   "l.\"LinkedEntityId\" = d.\"OwnerId\")")
+                  .empty());
   for (const auto& attachment :
        rows(*store_, "SELECT \"Id\", \"BodyLength\" FROM \"Attachment\"")) {
     auto body = store_->body("Attachment", attachment.at("Id"));
