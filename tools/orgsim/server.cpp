@@ -298,6 +298,14 @@ struct OrgServer::Impl {
                 "support: 0000000-0000 (0)");
     }
     res.set_header("Date", WireTime::httpDate(store.now()));
+    if (ex.countsAgainstAllowance && startsWith(ex.path, "/services/data/")) {
+      try {
+        res.set_header("Sforce-Limit-Info", "api-usage=" + std::to_string(apiRequestsUsed() + 1) +
+                                                "/" + std::to_string(dailyApiMax()));
+      } catch (const std::exception&) {
+        // The header is a courtesy; the answer goes out without it.
+      }
+    }
     applyDrop(ex);
     auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(
                       std::chrono::steady_clock::now() - started)

@@ -434,7 +434,9 @@ TEST_F(OrgServerTest, EveryRequestCountsAgainstTheDailyAllowance) {
     return getJson("/services/data/v62.0/limits")["DailyApiRequests"]["Remaining"].get<int>();
   };
   int first = remaining();
-  get("/services/data/v62.0/sobjects/");
+  auto described = get("/services/data/v62.0/sobjects/");
+  EXPECT_EQ(described->get_header_value("Sforce-Limit-Info"),
+            "api-usage=" + std::to_string(15000 - first + 1) + "/15000");
   EXPECT_EQ(remaining(), first - 2);
   admin("settings", {{"dailyApiMax", 100}, {"dailyApiUsedOffset", 100}});
   EXPECT_EQ(getJson("/services/data/v62.0/limits", 403)[0]["errorCode"], "REQUEST_LIMIT_EXCEEDED");
