@@ -270,6 +270,7 @@ struct OrgServer::Impl {
       std::int64_t last = db.lastInsertRowId();
       if (last % 1000 == 0) {
         db.prepare("DELETE FROM _requests WHERE seq <= ?").bind(1, last - 20000).run();
+        db.prepare("DELETE FROM _api_calls WHERE minute < ?").bind(1, minute - 2 * 24 * 60).run();
       }
       if (ex.countsAgainstAllowance) {
         db.prepare(
