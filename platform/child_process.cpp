@@ -332,8 +332,10 @@ ProcessResult run(const ProcessRequest& request) {
   error.writeEnd.close();
 
   const auto started = Clock::now();
-  const std::optional<Clock::time_point> deadline =
-      request.timeout ? std::optional(started + *request.timeout) : std::nullopt;
+  // Without a time limit the deadline lies past any run's end.
+  const bool limited = request.timeout.has_value();
+  const Clock::time_point deadline =
+      limited ? started + *request.timeout : Clock::time_point::max();
 
   Descriptor& stdinFd = input.writeEnd;
   Descriptor& stdoutFd = output.readEnd;
@@ -357,7 +359,7 @@ ProcessResult run(const ProcessRequest& request) {
     if (exitStatus && !stdoutFd.isOpen() && !stderrFd.isOpen()) break;
 
     const auto now = Clock::now();
-    if (!exitStatus && deadline && now >= *deadline) {
+    if (!exitStatus && limited && now >= deadline) {
       stdinFd.close();
       stdoutFd.close();
       stderrFd.close();
@@ -378,8 +380,8 @@ ProcessResult run(const ProcessRequest& request) {
 
     auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(kLongestPollWait);
     if (exitStatus) wait = std::chrono::duration_cast<std::chrono::milliseconds>(kDrainAfterExit);
-    if (deadline && !exitStatus) {
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - now);
+    if (limited && !exitStatus) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
       wait = std::clamp(left, std::chrono::milliseconds(0), wait);
     }
     if (count == 0) {
@@ -408,8 +410,8 @@ ProcessResult run(const ProcessRequest& request) {
 
   if (!exitStatus) {
     // Every pipe reached end of file before the child was seen to end.
-    if (deadline) {
-      if (!waitUntil(pid, *deadline)) {
+    if (limited) {
+      if (!waitUntil(pid, deadline)) {
         terminateAndReap(pid);
         throw ProcessTimedOut();
       }
