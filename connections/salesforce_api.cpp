@@ -209,13 +209,13 @@ struct RequestSpec {
   Client::Limit limit;
 };
 
-Client::Response perform(const Session& session, const RequestSpec& spec) {
+Client::Response perform(const Session& session, const RequestSpec& planned) {
   if (!Client::isAllowedInstanceURL(session.instanceUrl)) {
     throw APIError::insecure(session.instanceUrl);
   }
   Transfer transfer;
   transfer.handle = threadHandle();
-  transfer.file = spec.file;
+  transfer.file = planned.file;
   CURL* handle = transfer.handle;
 
   std::unique_ptr<curl_slist, SlistDeleter> headers;
@@ -226,11 +226,11 @@ Client::Response perform(const Session& session, const RequestSpec& spec) {
     headers.reset(grown);
   };
   addHeader("Authorization: Bearer " + session.accessToken);
-  for (const std::string& header : spec.headers) addHeader(header);
+  for (const std::string& header : planned.headers) addHeader(header);
   addHeader("Expect:");  // no 100-continue round trip
 
   char errorText[CURL_ERROR_SIZE] = {};
-  curl_easy_setopt(handle, CURLOPT_URL, spec.url.c_str());
+  curl_easy_setopt(handle, CURLOPT_URL, planned.url.c_str());
   curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -243,19 +243,19 @@ Client::Response perform(const Session& session, const RequestSpec& spec) {
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
   curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, onHeader);
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &transfer);
-  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, static_cast<long>(spec.limit.idleSeconds));
+  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, static_cast<long>(planned.limit.idleSeconds));
   curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, static_cast<long>(spec.limit.idleSeconds));
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT, static_cast<long>(spec.limit.totalSeconds));
-  if (spec.method == "GET") {
+  curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, static_cast<long>(planned.limit.idleSeconds));
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT, static_cast<long>(planned.limit.totalSeconds));
+  if (planned.method == "GET") {
     curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
   } else {
-    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, spec.method.c_str());
+    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, planned.method.c_str());
   }
-  if (spec.body) {
-    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, spec.body->data());
+  if (planned.body) {
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, planned.body->data());
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
-                     static_cast<curl_off_t>(spec.body->size()));
+                     static_cast<curl_off_t>(planned.body->size()));
   }
 
   CURLcode code = curl_easy_perform(handle);
@@ -266,9 +266,9 @@ Client::Response perform(const Session& session, const RequestSpec& spec) {
     // The idle limit or the total limit, whichever struck.
     double seconds = 0;
     curl_easy_getinfo(handle, CURLINFO_TOTAL_TIME, &seconds);
-    bool total = seconds + 0.5 >= static_cast<double>(spec.limit.totalSeconds);
+    bool total = seconds + 0.5 >= static_cast<double>(planned.limit.totalSeconds);
     throw APIError::timedOut(
-        static_cast<int>(total ? spec.limit.totalSeconds : spec.limit.idleSeconds));
+        static_cast<int>(total ? planned.limit.totalSeconds : planned.limit.idleSeconds));
   }
   if (code == CURLE_WRITE_ERROR && transfer.fileFailed) {
     throw APIError::connection("the downloaded data could not be written to disk");
@@ -328,11 +328,11 @@ namespace {
 
 RequestSpec getSpec(const Session& session, const std::string& path, const QueryItems& query,
                     const std::string& accept, Client::Limit limit) {
-  RequestSpec spec;
-  spec.url = Client::url(session, path, query);
-  spec.headers = {"Accept: " + accept};
-  spec.limit = limit;
-  return spec;
+  RequestSpec planned;
+  planned.url = Client::url(session, path, query);
+  planned.headers = {"Accept: " + accept};
+  planned.limit = limit;
+  return planned;
 }
 
 }  // namespace
@@ -345,16 +345,16 @@ Client::Response Client::rawGet(const std::string& path, const QueryItems& query
 Client::Response Client::rawSend(const std::string& method, const std::string& path,
                                  const QueryItems& query, const std::optional<std::string>& body,
                                  const Session& session) {
-  RequestSpec spec;
-  spec.method = method;
-  spec.url = url(session, path, query);
-  spec.headers = {"Accept: application/json"};
+  RequestSpec planned;
+  planned.method = method;
+  planned.url = url(session, path, query);
+  planned.headers = {"Accept: application/json"};
   if (body) {
-    spec.headers.push_back("Content-Type: application/json");
-    spec.body = &*body;
+    planned.headers.push_back("Content-Type: application/json");
+    planned.body = &*body;
   }
-  spec.limit = limits_.send;
-  return perform(session, spec);
+  planned.limit = limits_.send;
+  return perform(session, planned);
 }
 
 Client::Response Client::rawGetWithHeaders(const std::string& path, const QueryItems& query,
@@ -368,12 +368,12 @@ Client::Response Client::rawDownload(const std::string& path, const std::filesys
   if (!out)
     throw APIError::connection("the file " + file.filename().string() +
                                " could not be opened for writing");
-  RequestSpec spec;
-  spec.url = url(session, path, {});
-  spec.headers = {"Accept: */*"};
-  spec.file = out.get();
-  spec.limit = limits_.download;
-  Response response = perform(session, spec);
+  RequestSpec planned;
+  planned.url = url(session, path, {});
+  planned.headers = {"Accept: */*"};
+  planned.file = out.get();
+  planned.limit = limits_.download;
+  Response response = perform(session, planned);
   if (std::fflush(out.get()) != 0) {
     throw APIError::connection("the downloaded data could not be written to disk");
   }
@@ -389,13 +389,13 @@ Client::Response Client::rawSOAP(const std::string& action, const std::string& e
       body.replace(at, tokenPlaceholder.size(), session.accessToken);
     }
   }
-  RequestSpec spec;
-  spec.method = "POST";
-  spec.url = url(session, "/services/Soap/u/" + session.apiVersion, {});
-  spec.headers = {"Content-Type: text/xml; charset=UTF-8", "SOAPAction: " + action};
-  spec.body = &body;
-  spec.limit = limits_.soap;
-  return perform(session, spec);
+  RequestSpec planned;
+  planned.method = "POST";
+  planned.url = url(session, "/services/Soap/u/" + session.apiVersion, {});
+  planned.headers = {"Content-Type: text/xml; charset=UTF-8", "SOAPAction: " + action};
+  planned.body = &body;
+  planned.limit = limits_.soap;
+  return perform(session, planned);
 }
 
 // ---- Calls with a login ----

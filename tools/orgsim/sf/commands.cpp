@@ -95,7 +95,7 @@ const std::map<std::string, std::string>& shortFlags() {
 }
 
 struct CommandLine {
-  const CommandSpec* spec = nullptr;
+  const CommandSpec* shape = nullptr;
   bool json = false;
   std::map<std::string, std::string> values;
   std::set<std::string> switches;
@@ -113,18 +113,18 @@ struct CommandLine {
 // failure while reading its flags is reported in that command's name.
 CommandLine parseCommandLine(const std::vector<std::string>& arguments, std::string& className) {
   CommandLine line;
-  for (const auto& spec : commandSpecs()) {
+  for (const auto& shape : commandSpecs()) {
     // "org list metadata-types" is not "org list": after the words comes a flag or nothing.
-    bool followedByWord = arguments.size() > spec.words.size() &&
-                          !arguments[spec.words.size()].starts_with("-") && !spec.positionals;
-    if (arguments.size() >= spec.words.size() && !followedByWord &&
-        std::equal(spec.words.begin(), spec.words.end(), arguments.begin())) {
-      line.spec = &spec;
+    bool followedByWord = arguments.size() > shape.words.size() &&
+                          !arguments[shape.words.size()].starts_with("-") && !shape.positionals;
+    if (arguments.size() >= shape.words.size() && !followedByWord &&
+        std::equal(shape.words.begin(), shape.words.end(), arguments.begin())) {
+      line.shape = &shape;
       break;
     }
   }
   line.json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
-  if (!line.spec) {
+  if (!line.shape) {
     std::string words;
     for (const auto& argument : arguments) {
       if (argument.starts_with("-")) break;
@@ -132,13 +132,13 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments, std::str
     }
     throw CliFailure::unsupportedCommand(words);
   }
-  className = line.spec->className;
+  className = line.shape->className;
 
-  for (std::size_t i = line.spec->words.size(); i < arguments.size(); ++i) {
+  for (std::size_t i = line.shape->words.size(); i < arguments.size(); ++i) {
     std::string argument = arguments[i];
     if (argument == "--json") continue;
     if (!argument.starts_with("-")) {
-      if (!line.spec->positionals)
+      if (!line.shape->positionals)
         throw CliFailure::badArgument("Unexpected argument: " + argument);
       line.positionals.push_back(argument);
       continue;
@@ -156,9 +156,9 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments, std::str
     } else {
       throw CliFailure::badArgument("Nonexistent flag: " + argument);
     }
-    if (line.spec->switchFlags.count(name)) {
+    if (line.shape->switchFlags.count(name)) {
       line.switches.insert(name);
-    } else if (line.spec->valueFlags.count(name)) {
+    } else if (line.shape->valueFlags.count(name)) {
       if (!inlineValue) {
         if (i + 1 >= arguments.size()) {
           throw CliFailure::badArgument("Flag --" + name + " expects a value");
@@ -597,9 +597,9 @@ Json aliasSet(const CommandLine& line, const Environment& environment) {
 }
 
 // What a person sees without --json: short sentences rather than the JSON frame.
-std::string humanText(const CommandSpec& spec, const Json& reply) {
+std::string humanText(const CommandSpec& shape, const Json& reply) {
   const Json& result = reply["result"];
-  if (spec.className == "AliasSet") {
+  if (shape.className == "AliasSet") {
     std::string out = "Alias Set\n";
     for (const auto& entry : result) {
       out += "  " + entry["alias"].get<std::string>() + " = " + entry["value"].get<std::string>() +
@@ -607,11 +607,11 @@ std::string humanText(const CommandSpec& spec, const Json& reply) {
     }
     return out;
   }
-  if (spec.className == "LoginAccessToken") {
+  if (shape.className == "LoginAccessToken") {
     return "Successfully authorized " + text(result, "username") + " with org ID " +
            text(result, "orgId") + "\n";
   }
-  if (spec.className == "Logout") {
+  if (shape.className == "Logout") {
     std::string out;
     for (const auto& username : result) {
       out += "Successfully logged out of " + username.get<std::string>() + "\n";
@@ -628,7 +628,7 @@ Outcome runCommand(const std::vector<std::string>& arguments, const Environment&
   bool json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
   try {
     CommandLine line = parseCommandLine(arguments, className);
-    const std::string& name = line.spec->className;
+    const std::string& name = line.shape->className;
     Json reply;
     if (name == "OrgListCommand") {
       reply = orgList(line, environment);
@@ -652,7 +652,7 @@ Outcome runCommand(const std::vector<std::string>& arguments, const Environment&
       reply = aliasSet(line, environment);
     }
     std::string out = json ? reply.dump(2, ' ', false, Json::error_handler_t::replace) + "\n"
-                           : humanText(*line.spec, reply);
+                           : humanText(*line.shape, reply);
     return {0, out, ""};
   } catch (const CliFailure& failure) {
     if (json) {
