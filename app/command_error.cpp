@@ -1,6 +1,7 @@
 #include "app/command_error.hpp"
 
 #include "connections/cli_error.hpp"
+#include "connections/salesforce_api.hpp"
 #include "platform/file_error.hpp"
 
 namespace corvane {
@@ -29,6 +30,8 @@ int runReportingFailures(const std::function<void()>& command, std::ostream& err
     command();
     return 0;
   } catch (const CLIError& error) {
+    err << error.description() << '\n';
+  } catch (const SalesforceAPI::APIError& error) {
     err << error.description() << '\n';
   } catch (const CommandError& error) {
     err << error.description() << '\n';

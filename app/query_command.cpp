@@ -28,23 +28,17 @@ std::int64_t run(CommandContext& context, SalesforceAPI::Client& api, const std:
   const Org& org = OrgsCommand::findLogin(orgs, login);
   std::int64_t rows = 0;
   std::string line;
-  try {
-    api.queryStream(soql, org, [&](SalesforceAPI::QueryPage page) {
-      for (auto& record : page.records) {
-        line.clear();
-        withoutAttributes(std::move(record)).dump(line);
-        line += '\n';
-        context.out << line;
-        ++rows;
-      }
-      context.out.flush();
-      return static_cast<bool>(context.out);
-    });
-  } catch (const SalesforceAPI::APIError& error) {
-    // The command line reports the failures of the Salesforce side through the
-    // CLI bridge's error type: its sentence is printed as it stands.
-    throw CLIError::failed(error.description());
-  }
+  api.queryStream(soql, org, [&](SalesforceAPI::QueryPage page) {
+    for (auto& record : page.records) {
+      line.clear();
+      withoutAttributes(std::move(record)).dump(line);
+      line += '\n';
+      context.out << line;
+      ++rows;
+    }
+    context.out.flush();
+    return static_cast<bool>(context.out);
+  });
   return rows;
 }
 

@@ -1,5 +1,7 @@
 #include "app/query_command.hpp"
 
+#include "app/command_error.hpp"
+
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -42,12 +44,12 @@ TEST_F(QueryCommandTest, PrintsEveryRowAsAJSONLineWithoutAttributes) {
 }
 
 TEST_F(QueryCommandTest, ASalesforceRefusalIsReportedInItsOwnWords) {
-  try {
-    runQuery("SELECT NoSuchField__c FROM Account");
-    ADD_FAILURE() << "no failure";
-  } catch (const CLIError& error) {
-    EXPECT_NE(error.description().find("NoSuchField__c"), std::string::npos) << error.description();
-  }
+  std::ostringstream err;
+  const int status =
+      runReportingFailures([&] { runQuery("SELECT NoSuchField__c FROM Account"); }, err);
+  EXPECT_EQ(status, 1);
+  EXPECT_NE(err.str().find("NoSuchField__c"), std::string::npos) << err.str();
+  EXPECT_EQ(err.str().find("unexpected"), std::string::npos) << err.str();
 }
 
 TEST(QueryCommand, DropsAttributesAtEveryLevelAndKeepsNumberText) {
