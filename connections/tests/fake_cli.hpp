@@ -14,8 +14,11 @@
 #include <nlohmann/json.hpp>
 
 #include "connections/salesforce_cli.hpp"
+#include "platform/tests/temporary_folder.hpp"
 
 namespace corvane::testing {
+
+using corvane::TemporaryFolder;
 
 inline std::string readFile(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -39,25 +42,6 @@ inline std::string fixtureText(const std::string& name) { return readFile(fixtur
 inline nlohmann::json fixture(const std::string& name) {
   return nlohmann::json::parse(fixtureText(name));
 }
-
-class TemporaryFolder {
- public:
-  TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "corvane-conn-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-  }
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
 
 inline void makeExecutable(const std::filesystem::path& path) {
   std::filesystem::permissions(path, std::filesystem::perms::owner_all,
