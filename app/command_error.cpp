@@ -3,6 +3,7 @@
 #include "connections/cli_error.hpp"
 #include "connections/salesforce_api.hpp"
 #include "platform/file_error.hpp"
+#include "platform/user_facing_error.hpp"
 
 namespace corvane {
 
@@ -36,6 +37,8 @@ int runReportingFailures(const std::function<void()>& command, std::ostream& err
   } catch (const CommandError& error) {
     err << error.description() << '\n';
   } catch (const FileError& error) {
+    err << error.description() << '\n';
+  } catch (const UserFacingError& error) {
     err << error.description() << '\n';
   } catch (const std::exception& error) {
     err << "Corvane stopped on an unexpected failure: " << error.what() << '\n';

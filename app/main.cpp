@@ -5,7 +5,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include "app/backup_command.hpp"
 #include "app/command_error.hpp"
+#include "app/complete_command.hpp"
+#include "app/dedupe_command.hpp"
+#include "app/health_command.hpp"
+#include "app/import_command.hpp"
 #include "app/orgs_command.hpp"
 #include "app/query_command.hpp"
 #include "connections/salesforce_cli.hpp"
@@ -20,6 +25,11 @@ int main(int argc, char** argv) {
   std::function<void()> chosen;
   corvane::OrgsCommand::add(app, context, chosen);
   corvane::QueryCommand::add(app, context, chosen);
+  corvane::CompleteCommand::add(app, context, chosen);
+  corvane::BackupCommand::add(app, context, chosen);
+  corvane::DedupeCommand::add(app, context, chosen);
+  corvane::ImportCommand::add(app, context, chosen);
+  corvane::HealthCommand::add(app, context, chosen);
 
   CLI11_PARSE(app, argc, argv);
   if (!chosen) return 0;
