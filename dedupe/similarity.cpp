@@ -1,0 +1,199 @@
+#include "dedupe/similarity.hpp"
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace corvane::Similarity {
+
+namespace {
+
+constexpr std::size_t stackBytes = 64;
+
+// A scratch array on the stack for short inputs, on the heap for long ones.
+template <typename T>
+class Scratch {
+ public:
+  explicit Scratch(std::size_t size, T fill = T{}) {
+    if (size > stackBytes) {
+      heap_ = std::make_unique<T[]>(size);
+      data_ = heap_.get();
+    } else {
+      data_ = local_;
+    }
+    std::fill(data_, data_ + size, fill);
+  }
+  T& operator[](std::size_t index) { return data_[index]; }
+  T* data() { return data_; }
+
+ private:
+  T local_[stackBytes + 1];
+  std::unique_ptr<T[]> heap_;
+  T* data_;
+};
+
+std::size_t commonPrefix(std::string_view a, std::string_view b, std::size_t limit) {
+  std::size_t n = std::min({a.size(), b.size(), limit});
+  std::size_t l = 0;
+  while (l < n && a[l] == b[l]) ++l;
+  return l;
+}
+
+}  // namespace
+
+double jaro(std::string_view a, std::string_view b) {
+  if (a.empty() && b.empty()) return 1.0;
+  if (a.empty() || b.empty()) return 0.0;
+  if (a == b) return 1.0;
+  const std::size_t la = a.size();
+  const std::size_t lb = b.size();
+  const std::size_t longer = std::max(la, lb);
+  const std::size_t range = longer / 2 >= 1 ? longer / 2 - 1 : 0;
+
+  Scratch<bool> matchedA(la + 1, false);
+  Scratch<bool> matchedB(lb + 1, false);
+  std::size_t matches = 0;
+  for (std::size_t i = 0; i < la; ++i) {
+    std::size_t from = i > range ? i - range : 0;
+    std::size_t to = std::min(i + range + 1, lb);
+    for (std::size_t j = from; j < to; ++j) {
+      if (!matchedB[j] && a[i] == b[j]) {
+        matchedA[i] = true;
+        matchedB[j] = true;
+        ++matches;
+        break;
+      }
+    }
+  }
+  if (matches == 0) return 0.0;
+
+  std::size_t outOfOrder = 0;
+  std::size_t j = 0;
+  for (std::size_t i = 0; i < la; ++i) {
+    if (!matchedA[i]) continue;
+    while (!matchedB[j]) ++j;
+    if (a[i] != b[j]) ++outOfOrder;
+    ++j;
+  }
+  const double m = static_cast<double>(matches);
+  const double t = static_cast<double>(outOfOrder) / 2.0;
+  return (m / static_cast<double>(la) + m / static_cast<double>(lb) + (m - t) / m) / 3.0;
+}
+
+double jaroWinkler(std::string_view a, std::string_view b) {
+  double j = jaro(a, b);
+  if (!(j > 0.0)) return 0.0;
+  double l = static_cast<double>(commonPrefix(a, b, 4));
+  return j + l * 0.1 * (1.0 - j);
+}
+
+double bigramDice(std::string_view a, std::string_view b) {
+  if (a == b) return 1.0;
+  if (a.size() < 2 || b.size() < 2) return 0.0;
+  const std::size_t na = a.size() - 1;
+  const std::size_t nb = b.size() - 1;
+  Scratch<std::uint16_t> pairsA(na);
+  Scratch<std::uint16_t> pairsB(nb);
+  auto pair = [](std::string_view s, std::size_t i) {
+    return static_cast<std::uint16_t>(static_cast<unsigned char>(s[i]) << 8 |
+                                      static_cast<unsigned char>(s[i + 1]));
+  };
+  for (std::size_t i = 0; i < na; ++i) pairsA[i] = pair(a, i);
+  for (std::size_t i = 0; i < nb; ++i) pairsB[i] = pair(b, i);
+  std::sort(pairsA.data(), pairsA.data() + na);
+  std::sort(pairsB.data(), pairsB.data() + nb);
+  std::size_t common = 0;
+  for (std::size_t i = 0, j = 0; i < na && j < nb;) {
+    if (pairsA[i] < pairsB[j]) {
+      ++i;
+    } else if (pairsB[j] < pairsA[i]) {
+      ++j;
+    } else {
+      ++common;
+      ++i;
+      ++j;
+    }
+  }
+  return 2.0 * static_cast<double>(common) / static_cast<double>(na + nb);
+}
+
+namespace {
+
+std::string sortedWords(std::string_view text) {
+  std::vector<std::string_view> words;
+  for (std::size_t start = 0; start < text.size();) {
+    std::size_t blank = text.find(' ', start);
+    if (blank == std::string_view::npos) blank = text.size();
+    if (blank > start) words.push_back(text.substr(start, blank - start));
+    start = blank + 1;
+  }
+  std::sort(words.begin(), words.end());
+  std::string joined;
+  joined.reserve(text.size());
+  for (std::string_view word : words) {
+    if (!joined.empty()) joined.push_back(' ');
+    joined.append(word);
+  }
+  return joined;
+}
+
+}  // namespace
+
+double tokenSortRatio(std::string_view a, std::string_view b) {
+  return jaroWinkler(sortedWords(a), sortedWords(b));
+}
+
+bool withinEdits(std::string_view a, std::string_view b, int k) {
+  if (k < 0) return false;
+  const std::size_t n = a.size();
+  const std::size_t m = b.size();
+  const std::size_t limit = static_cast<std::size_t>(k);
+  if (n == 0) return m <= limit;
+  if (m == 0) return n <= limit;
+  if ((n > m ? n - m : m - n) > limit) return false;
+
+  const int over = k + 1;  // any cost above k; values are capped here
+  Scratch<int> row0(m + 1, over);
+  Scratch<int> row1(m + 1, over);
+  Scratch<int> row2(m + 1, over);
+  int* twoBack = row0.data();
+  int* previous = row1.data();
+  int* current = row2.data();
+  for (std::size_t j = 0; j <= std::min(m, limit); ++j) previous[j] = static_cast<int>(j);
+
+  for (std::size_t i = 1; i <= n; ++i) {
+    const std::size_t low = i > limit ? i - limit : 1;
+    const std::size_t high = std::min(m, i + limit);
+    current[0] = i <= limit ? static_cast<int>(i) : over;
+    if (low > 1) current[low - 1] = over;
+    int best = current[0];
+    for (std::size_t j = low; j <= high; ++j) {
+      int cost = a[i - 1] == b[j - 1] ? 0 : 1;
+      int value = std::min({previous[j] + 1, current[j - 1] + 1, previous[j - 1] + cost});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+        value = std::min(value, twoBack[j - 2] + 1);
+      }
+      value = std::min(value, over);
+      current[j] = value;
+      best = std::min(best, value);
+    }
+    if (high < m) current[high + 1] = over;
+    if (best > k) return false;
+    int* recycled = twoBack;
+    twoBack = previous;
+    previous = current;
+    current = recycled;
+  }
+  return previous[m] <= k;
+}
+
+bool suffixMatch(std::string_view a, std::string_view b, int minDigits) {
+  std::string_view shorter = a.size() <= b.size() ? a : b;
+  std::string_view longer = a.size() <= b.size() ? b : a;
+  if (minDigits < 0) minDigits = 0;
+  return shorter.size() >= static_cast<std::size_t>(minDigits) && longer.ends_with(shorter);
+}
+
+}  // namespace corvane::Similarity

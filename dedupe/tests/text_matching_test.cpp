@@ -1,0 +1,246 @@
+// Normalisation, the phonetic code, string scores, filler values and
+// plus-addressing: the examples users rely on, plus Unicode input.
+#include <gtest/gtest.h>
+
+#include "dedupe/email_tag.hpp"
+#include "dedupe/filler_values.hpp"
+#include "dedupe/normalizer.hpp"
+#include "dedupe/phonetic.hpp"
+#include "dedupe/similarity.hpp"
+
+namespace corvane {
+namespace {
+
+using Normalizer::normalize;
+
+TEST(Normalizer, EmptyStaysEmptyForEveryKind) {
+  for (MatchKind kind : {MatchKind::text, MatchKind::personName, MatchKind::companyName,
+                         MatchKind::email, MatchKind::phone}) {
+    EXPECT_EQ(normalize("", kind), "") << rawValue(kind);
+    EXPECT_EQ(matchKindFromRaw(rawValue(kind)), kind);
+  }
+  EXPECT_EQ(matchKindFromRaw("Text"), std::nullopt);
+}
+
+TEST(Normalizer, TextKeepsLettersAndDigitsWithSingleBlanks) {
+  EXPECT_EQ(normalize("  O'Brien-Smith, Jr. ", MatchKind::text), "o brien smith jr");
+  EXPECT_EQ(normalize("---", MatchKind::text), "");
+  EXPECT_EQ(normalize("A\r\nB\t\tC42", MatchKind::text), "a b c42");
+}
+
+TEST(Normalizer, FoldsCaseDiacriticsAndWidthOutsideASCII) {
+  EXPECT_EQ(normalize("José Müller", MatchKind::text), "jose muller");
+  EXPECT_EQ(normalize("ＡＢＣ１２", MatchKind::text), "abc12");  // full width
+  EXPECT_EQ(normalize("Straße", MatchKind::text), "strasse");
+  EXPECT_EQ(normalize("ÉCOLE—Δέλτα", MatchKind::text), "ecole δελτα");
+  EXPECT_EQ(normalize("山田 太郎", MatchKind::personName), "山田 太郎");
+  // A decomposed accent folds like the composed one.
+  EXPECT_EQ(normalize("Jose\xCC\x81", MatchKind::text), normalize("José", MatchKind::text));
+  // Bytes that are not UTF-8 do not stop normalisation.
+  EXPECT_EQ(normalize("ab\xFF" "cd", MatchKind::text), "ab cd");
+}
+
+TEST(Normalizer, PersonNameDropsTitlesAndPostNominalsButKeepsGenerations) {
+  EXPECT_EQ(normalize("Mr", MatchKind::personName), "");
+  EXPECT_EQ(normalize("Dr. Prof. Ann Lee, PhD MD", MatchKind::personName), "ann lee");
+  EXPECT_EQ(normalize("John Smith Jr.", MatchKind::personName), "john smith jr");
+  EXPECT_EQ(normalize("Mrs", MatchKind::text), "mrs");
+  EXPECT_EQ(Normalizer::generationSuffix({"john", "smith", "iii"}), "iii");
+  EXPECT_EQ(Normalizer::generationSuffix({"john", "smith"}), std::nullopt);
+  EXPECT_EQ(Normalizer::generationSuffix({}), std::nullopt);
+}
+
+TEST(Normalizer, CompanyNameDropsArticleAndLegalFormsButNeverTheLastWord) {
+  EXPECT_EQ(normalize("The Company", MatchKind::companyName), "company");
+  EXPECT_EQ(normalize("Company", MatchKind::companyName), "company");
+  EXPECT_EQ(normalize("The", MatchKind::companyName), "the");
+  EXPECT_EQ(normalize("Acme Holdings Co. Ltd.", MatchKind::companyName), "acme holdings");
+  EXPECT_EQ(normalize("Acme Inc LLC", MatchKind::companyName), "acme");
+  EXPECT_EQ(normalize("Müller GmbH", MatchKind::companyName), "muller");
+  EXPECT_EQ(normalize("Theory Inc", MatchKind::companyName), "theory");
+}
+
+TEST(Normalizer, EmailIsTrimmedAndLowerCasedOnly) {
+  EXPECT_EQ(normalize(" \tJo.Doe+News@Example.COM\r\n", MatchKind::email),
+            "jo.doe+news@example.com");
+  EXPECT_EQ(normalize("ÅSA@EXAMPLE.SE", MatchKind::email), "åsa@example.se");
+}
+
+TEST(Normalizer, PhoneKeepsDigitsWithoutExtensionOrNorthAmericanPrefix) {
+  EXPECT_EQ(normalize("+1 (415) 555-0100 ext. 12", MatchKind::phone), "4155550100");
+  EXPECT_EQ(normalize("1-800-555-0100", MatchKind::phone), "8005550100");
+  EXPECT_EQ(normalize("415.555.0100", MatchKind::phone), "4155550100");
+  EXPECT_EQ(normalize("1 415 555 0100 1", MatchKind::phone), "141555501001");
+  EXPECT_EQ(normalize("21 555 0100", MatchKind::phone), "215550100");
+  EXPECT_EQ(normalize("415 555 0100 x 7", MatchKind::phone), "4155550100");
+  EXPECT_EQ(normalize("415 555 0100 #7", MatchKind::phone), "4155550100");
+  EXPECT_EQ(normalize("415 555 0100 Extension: 7", MatchKind::phone), "4155550100");
+  // Arabic-Indic digits count as digits.
+  EXPECT_EQ(normalize("\xD9\xA4\xD9\xA1\xD9\xA5", MatchKind::phone), "415");
+}
+
+TEST(Normalizer, StripExtensionNeedsDigitsAfterTheMarker) {
+  EXPECT_EQ(Normalizer::stripExtension("555-0100 Ext. 12"), "555-0100 ");
+  EXPECT_EQ(Normalizer::stripExtension("555 XYZ 12"), "555 xyz 12");
+  EXPECT_EQ(Normalizer::stripExtension("555 ext"), "555 ext");
+  EXPECT_EQ(Normalizer::stripExtension("555 x12b"), "555 x12b");
+}
+
+TEST(Normalizer, GuessKindFromTypeNameAndObject) {
+  using Normalizer::guessKind;
+  EXPECT_EQ(guessKind("Work_Address__c", "email", "Account"), MatchKind::email);
+  EXPECT_EQ(guessKind("Other", "phone", "Account"), MatchKind::phone);
+  EXPECT_EQ(guessKind("MobilePhone", "string", "Contact"), MatchKind::phone);
+  EXPECT_EQ(guessKind("Fax", "string", "Account"), MatchKind::phone);
+  EXPECT_EQ(guessKind("Personal_Email__c", "string", "Account"), MatchKind::email);
+  EXPECT_EQ(guessKind("Industry", "picklist", "Account"), MatchKind::text);
+  EXPECT_EQ(guessKind("Name", "string", "Account"), MatchKind::companyName);
+  EXPECT_EQ(guessKind("Name", "string", "Lead"), MatchKind::personName);
+  EXPECT_EQ(guessKind("Account.Name", "string", "Contact"), MatchKind::personName);
+  EXPECT_EQ(guessKind("LastName", "string", "Account"), MatchKind::personName);
+  EXPECT_EQ(guessKind("Contact_Name__c", "string", "Case"), MatchKind::text);
+  EXPECT_EQ(guessKind("ContactName", "string", "Case"), MatchKind::personName);
+  EXPECT_EQ(guessKind("Owner.Name", "string", "Opportunity"), MatchKind::companyName);
+}
+
+TEST(Phonetic, EncodesTheDocumentedExamples) {
+  EXPECT_EQ(Phonetic::encode("thompson"), "0MPSN");
+  EXPECT_EQ(Phonetic::encode("knight"), "NKT");
+  EXPECT_EQ(Phonetic::encode("catherine"), "K0RN");
+  EXPECT_EQ(Phonetic::encode("schmidt"), "SXMT");
+  EXPECT_EQ(Phonetic::encode("x"), "KS");
+  EXPECT_EQ(Phonetic::encode("xavier"), "SFR");
+  EXPECT_EQ(Phonetic::encode(""), "");
+}
+
+TEST(Phonetic, InitialRulesAndCollapsedRepeats) {
+  EXPECT_EQ(Phonetic::encode("white"), "WT");
+  EXPECT_EQ(Phonetic::encode("wright"), "RKT");
+  EXPECT_EQ(Phonetic::encode("psmith"), "SM0");
+  EXPECT_EQ(Phonetic::encode("gnome"), "NM");
+  EXPECT_EQ(Phonetic::encode("Matt"), "MT");
+  EXPECT_EQ(Phonetic::encode("cecily"), "SL");  // s, (e), s collapse
+  EXPECT_EQ(Phonetic::encode("george"), "JRJ");
+  EXPECT_EQ(Phonetic::encode("philip"), "FLP");
+  EXPECT_EQ(Phonetic::encode("alex"), "ALKS");
+  EXPECT_EQ(Phonetic::encode("k"), "K");
+  EXPECT_EQ(Phonetic::encode("Thompson"), Phonetic::encode("thompson"));
+}
+
+TEST(Phonetic, KeyEncodesLetterWordsAndKeepsOthers) {
+  EXPECT_EQ(Phonetic::key("john smith"), "JN SM0");
+  EXPECT_EQ(Phonetic::key("apt 4b main"), "APT 4b MN");
+  EXPECT_EQ(Phonetic::key(""), "");
+  EXPECT_EQ(Phonetic::key("  ann  "), "AN");
+  // Letters outside ASCII are coded as themselves, upper-cased.
+  EXPECT_EQ(Phonetic::key("δελτα"), "ΔΕΛΤΑ");
+}
+
+TEST(Similarity, JaroAndJaroWinkler) {
+  using namespace Similarity;
+  EXPECT_NEAR(jaroWinkler("martha", "marhta"), 0.961, 0.001);
+  EXPECT_NEAR(jaro("martha", "marhta"), 0.944, 0.001);
+  EXPECT_NEAR(jaroWinkler("dixon", "dicksonx"), 0.813, 0.001);
+  EXPECT_EQ(jaroWinkler("", ""), 1.0);
+  EXPECT_EQ(jaroWinkler("a", ""), 0.0);
+  EXPECT_EQ(jaroWinkler("abc", "xyz"), 0.0);
+  EXPECT_EQ(jaro("same", "same"), 1.0);
+  EXPECT_EQ(jaro("a", "b"), 0.0);
+  // Symmetric, and long inputs take the heap path with the same result.
+  std::string longA(300, 'a');
+  std::string longB = longA;
+  longB[150] = 'b';
+  EXPECT_DOUBLE_EQ(jaro(longA, longB), jaro(longB, longA));
+  EXPECT_NEAR(jaro(longA, longB), (299.0 / 300 * 2 + 1) / 3, 1e-12);
+}
+
+TEST(Similarity, BigramDiceCountsPairsAsMultisets) {
+  using Similarity::bigramDice;
+  EXPECT_EQ(bigramDice("a", "a"), 1.0);
+  EXPECT_EQ(bigramDice("a", "b"), 0.0);
+  EXPECT_EQ(bigramDice("", "ab"), 0.0);
+  EXPECT_NEAR(bigramDice("night", "nacht"), 0.25, 1e-12);
+  // "aaaa" has three "aa" pairs, "aa" one: intersection 1.
+  EXPECT_NEAR(bigramDice("aaaa", "aa"), 2.0 / 4.0, 1e-12);
+}
+
+TEST(Similarity, TokenSortIgnoresWordOrder) {
+  using Similarity::tokenSortRatio;
+  EXPECT_EQ(tokenSortRatio("smith john", "john smith"), 1.0);
+  EXPECT_EQ(tokenSortRatio("  smith   john ", "john smith"), 1.0);
+  EXPECT_LT(tokenSortRatio("smith jon", "john smith"), 1.0);
+}
+
+TEST(Similarity, WithinEditsCountsSwapsAsOneEdit) {
+  using Similarity::withinEdits;
+  EXPECT_TRUE(withinEdits("", "ab", 2));
+  EXPECT_FALSE(withinEdits("", "abc", 2));
+  EXPECT_TRUE(withinEdits("abc", "", 3));
+  EXPECT_TRUE(withinEdits("kitten", "sitting", 3));
+  EXPECT_FALSE(withinEdits("kitten", "sitting", 2));
+  EXPECT_TRUE(withinEdits("ab", "ba", 1));
+  EXPECT_TRUE(withinEdits("martha", "marhta", 1));
+  EXPECT_FALSE(withinEdits("ca", "abc", 2) && !withinEdits("ca", "abc", 3));
+  EXPECT_TRUE(withinEdits("same", "same", 0));
+  EXPECT_FALSE(withinEdits("same", "sane", 0));
+  EXPECT_FALSE(withinEdits("abcdef", "ab", 3));
+  // A long pair far apart stops early and agrees with the short cases.
+  std::string a(200, 'x');
+  std::string b = a;
+  b[10] = 'y';
+  b[100] = 'y';
+  EXPECT_TRUE(withinEdits(a, b, 2));
+  EXPECT_FALSE(withinEdits(a, b, 1));
+  EXPECT_FALSE(withinEdits(a, std::string(200, 'z'), 5));
+}
+
+TEST(Similarity, SuffixMatchForPhonesWithAndWithoutAreaCode) {
+  EXPECT_TRUE(Similarity::suffixMatch("4155550100", "5550100", 7));
+  EXPECT_TRUE(Similarity::suffixMatch("5550100", "4155550100", 7));
+  EXPECT_FALSE(Similarity::suffixMatch("550100", "4155550100", 7));
+  EXPECT_FALSE(Similarity::suffixMatch("5550101", "4155550100", 7));
+}
+
+TEST(FillerValues, ExactValuesAndPrefixesFollowedByAWord) {
+  using FillerValues::isFiller;
+  EXPECT_TRUE(isFiller("unknown"));
+  EXPECT_TRUE(isFiller("to be determined"));
+  EXPECT_FALSE(isFiller("unknownsoldier"));
+  EXPECT_TRUE(isFiller("unknown caller"));
+  EXPECT_TRUE(isFiller("test lead 4"));
+  EXPECT_FALSE(isFiller("test leader"));
+  EXPECT_FALSE(isFiller("test lead"));
+  EXPECT_FALSE(isFiller("test lead é"));
+  EXPECT_FALSE(isFiller("ann lee"));
+  std::set<std::string, std::less<>> real{"anonymous"};
+  std::set<std::string, std::less<>> blank{"n a"};
+  EXPECT_FALSE(FillerValues::shouldIgnore("anonymous", real, blank));
+  EXPECT_TRUE(FillerValues::shouldIgnore("n a", real, blank));
+  EXPECT_TRUE(FillerValues::shouldIgnore("tbd", real, blank));
+  EXPECT_FALSE(FillerValues::shouldIgnore("", real, {"" }));
+}
+
+TEST(EmailTag, PlusTagsAndTheLocalPartsLeftAlone) {
+  using namespace EmailTag;
+  EXPECT_TRUE(hasTag("jo+news@example.com"));
+  EXPECT_FALSE(hasTag("+news@example.com"));
+  EXPECT_FALSE(hasTag("jo,x+news@example.com"));
+  EXPECT_FALSE(hasTag("jo+news"));
+  EXPECT_TRUE(sameInbox("jo+news@example.com", "jo@example.com"));
+  EXPECT_TRUE(sameInbox("jo+a@example.com", "jo+b@example.com"));
+  EXPECT_FALSE(sameInbox("jo@example.com", "jo@example.com"));
+  EXPECT_FALSE(sameInbox("jo+news@example.com", "jo@example.org"));
+  EXPECT_FALSE(sameInbox("\"jo+news\"@example.com", "\"jo@example.com"));
+  EXPECT_EQ(canonical("jo+news+more@example.com"), "jo@example.com");
+  EXPECT_EQ(canonical("+news@example.com"), "+news@example.com");
+  EXPECT_EQ(strippedLocal("jo\"+x"), std::nullopt);
+  FlatColumn column;
+  column.append("ann@example.com");
+  column.append("");
+  EXPECT_FALSE(columnHasTags(column));
+  column.append("bo+x@example.com");
+  EXPECT_TRUE(columnHasTags(column));
+}
+
+}  // namespace
+}  // namespace corvane
