@@ -18,6 +18,20 @@ std::string DedupeAPITransport::postSOAP(const std::string& action, const std::s
   return api_.soap(action, envelope, org_);
 }
 
+TransportFailure DedupeAPITransport::classify(const std::exception& error) const {
+  const auto* failure = dynamic_cast<const SalesforceAPI::APIError*>(&error);
+  if (!failure) return {};
+  using Kind = SalesforceAPI::APIError::Kind;
+  TransportFailure result;
+  result.signedOut = failure->kind() == Kind::noSession ||
+                     (failure->kind() == Kind::http && failure->status() == 401);
+  if (failure->kind() == Kind::http) {
+    result.httpStatus = failure->status();
+    result.message = failure->message();
+  }
+  return result;
+}
+
 std::int64_t APITransport::download(const std::string& path, const std::filesystem::path& file) {
   return api_.download(path, file, org_);
 }

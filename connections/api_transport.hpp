@@ -20,6 +20,8 @@ class DedupeAPITransport : public DedupeTransport {
   std::pair<std::string, ResponseHeaders> getRaw(const std::string& path, const QueryItems& query,
                                                  const std::string& accept) override;
   std::string postSOAP(const std::string& action, const std::string& envelope) override;
+  // A 401 or a missing session is signedOut; other replies give their status.
+  TransportFailure classify(const std::exception& error) const override;
 
  private:
   SalesforceAPI::Client& api_;
@@ -43,6 +45,9 @@ class APITransport : public BackupTransport {
     return inner_.postSOAP(action, envelope);
   }
   std::int64_t download(const std::string& path, const std::filesystem::path& file) override;
+  TransportFailure classify(const std::exception& error) const override {
+    return inner_.classify(error);
+  }
 
  private:
   DedupeAPITransport inner_;

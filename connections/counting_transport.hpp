@@ -19,6 +19,9 @@ class CountingTransport : public BackupTransport {
                                                  const std::string& accept) override;
   std::string postSOAP(const std::string& action, const std::string& envelope) override;
   std::int64_t download(const std::string& path, const std::filesystem::path& file) override;
+  TransportFailure classify(const std::exception& error) const override {
+    return inner_.classify(error);
+  }
 
   std::int64_t count() const;
 

@@ -7,6 +7,7 @@
 // Implementations must be safe to call from several threads at once.
 #pragma once
 
+#include <exception>
 #include <map>
 #include <optional>
 #include <string>
@@ -18,6 +19,13 @@ namespace corvane {
 using QueryItems = std::vector<std::pair<std::string, std::string>>;
 // Response headers, names as the server wrote them.
 using ResponseHeaders = std::map<std::string, std::string>;
+
+// What an engine needs to know about a failed call, to choose its own words.
+struct TransportFailure {
+  bool signedOut = false;  // the login's session is gone: the user must log in again
+  int httpStatus = 0;      // the reply's status; 0 when there was no reply
+  std::string message;     // Salesforce's own message, when it sent one
+};
 
 class DedupeTransport {
  public:
@@ -37,6 +45,9 @@ class DedupeTransport {
   // A call to the SOAP endpoint. The envelope holds the session placeholder the
   // implementation documents; it is replaced with the session just before sending.
   virtual std::string postSOAP(const std::string& action, const std::string& envelope) = 0;
+
+  // Reads a failure thrown by one of the calls above. The default knows nothing.
+  virtual TransportFailure classify(const std::exception& /*error*/) const { return {}; }
 };
 
 }  // namespace corvane
