@@ -14,6 +14,7 @@
 #include "tools/orgsim/database.hpp"
 #include "tools/orgsim/describe.hpp"
 #include "tools/orgsim/faults.hpp"
+#include "tools/orgsim/health_answers.hpp"
 #include "tools/orgsim/org_records.hpp"
 #include "tools/orgsim/query_engine.hpp"
 #include "tools/orgsim/sessions.hpp"
@@ -325,6 +326,7 @@ struct OrgServer::Impl {
       ex.res.set_content("<!DOCTYPE html><html><body>Sample org home</body></html>", "text/html");
       return;
     }
+    if (startsWith(path, "/v1/instances/")) return instanceStatus(ex);
     if (!startsWith(path, "/services/")) return notFound(ex);
     bool soap = startsWith(path, "/services/Soap/");
     if (auto fault = Faults::take(store, ex.req.method, path,
@@ -551,6 +553,8 @@ struct OrgServer::Impl {
     }
     if (head == "tooling" && parts.size() >= 2) {
       if (parts[1] == "query" && parts.size() == 2 && method == "GET") {
+        auto answer = HealthAnswers::releaseUpdatesQuery(ex.req.get_param_value("q"), store.now());
+        if (answer) return sendJson(ex, 200, *answer);
         return query(ex, version, false, ex.req.get_param_value("q"));
       }
       if (parts[1] == "sobjects" && method == "GET") {
@@ -1216,6 +1220,16 @@ struct OrgServer::Impl {
 
   // ------------------------------------------------------------------ SOAP
 
+  // Salesforce's instance status service, answered here so tests need no internet.
+  void instanceStatus(Exchange& ex) {
+    auto parts = splitPath(ex.path);  // "v1", "instances", KEY, "status"
+    if (ex.req.method != "GET" || parts.size() != 4 || parts[3] != "status") return notFound(ex);
+    auto answer =
+        HealthAnswers::instanceStatus(store, parts[2], ex.req.get_header_value("Authorization"));
+    ex.res.status = answer.status;
+    ex.res.set_content(answer.body, answer.contentType);
+  }
+
   void soapCall(Exchange& ex) {
     if (ex.req.method != "POST") return notFound(ex);
     auto call = Soap::parse(ex.req.body);
@@ -1230,6 +1244,10 @@ struct OrgServer::Impl {
     }
     ex.username = session->username;
     ex.userId = session->userId;
+    if (startsWith(ex.path, "/services/Soap/m/")) {
+      auto answer = HealthAnswers::metadataCall(store, call->operation, ex.req.body);
+      if (answer) return sendSoap(ex, 200, *answer);
+    }
     if (call->operation == "merge") {
       if (call->merges.size() > 200) {
         return sendSoap(
@@ -1287,6 +1305,9 @@ void OrgServer::Impl::admin(Exchange& ex) {
   std::string what = parts.size() > 1 ? parts[1] : "";
   std::string sub = parts.size() > 2 ? parts[2] : "";
   try {
+    if (what == "status" && method == "POST") {
+      return sendJson(ex, 200, HealthAnswers::adminStatus(store, body).dump());
+    }
     if (what == "health") {
       OrgIdentity identity = store.identity();
       return sendJson(ex, 200,
