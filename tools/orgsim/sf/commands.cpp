@@ -6,6 +6,7 @@
 #include <array>
 #include <cctype>
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <set>
 #include <stdexcept>
@@ -15,6 +16,7 @@
 #include "platform/iso_time.hpp"
 #include "tools/orgsim/sf/auth_store.hpp"
 #include "tools/orgsim/sf/cli_failure.hpp"
+#include "tools/orgsim/sf/metadata_commands.hpp"
 #include "tools/orgsim/sf/org_http.hpp"
 
 namespace corvane::sfstandin {
@@ -79,6 +81,18 @@ const std::vector<CommandSpec>& commandSpecs() {
        "DataSoqlQueryCommand",
        {"target-org", "query", "api-version", "result-format"},
        {"all-rows"}},
+      {{"org", "list", "metadata-types"},
+       "ListMetadataTypes",
+       {"target-org", "api-version", "output-file"},
+       {}},
+      {{"org", "list", "metadata"},
+       "ListMetadata",
+       {"metadata-type", "target-org", "api-version", "folder", "output-file"},
+       {}},
+      {{"project", "retrieve", "start"},
+       "RetrieveStart",
+       {"target-org", "metadata", "api-version", "wait"},
+       {"ignore-conflicts"}},
       {{"alias", "list"}, "AliasList", {}, {}},
       {{"alias", "set"}, "AliasSet", {}, {}, true},
   };
@@ -90,14 +104,16 @@ const std::map<std::string, std::string>& shortFlags() {
                                                            {"-q", "query"},
                                                            {"-a", "alias"},
                                                            {"-r", "instance-url"},
-                                                           {"-p", "path"}};
+                                                           {"-p", "path"},
+                                                           {"-m", "metadata"}};
   return flags;
 }
 
 struct CommandLine {
   const CommandSpec* shape = nullptr;
   bool json = false;
-  std::map<std::string, std::string> values;
+  std::map<std::string, std::string> values;                // the last value of each flag
+  std::map<std::string, std::vector<std::string>> repeated;  // every value, in order
   std::set<std::string> switches;
   std::vector<std::string> positionals;
 
@@ -166,6 +182,7 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments, std::str
         inlineValue = arguments[++i];
       }
       line.values[name] = *inlineValue;
+      line.repeated[name].push_back(*inlineValue);
     } else {
       throw CliFailure::badArgument("Nonexistent flag: " + argument);
     }
@@ -527,6 +544,30 @@ Json orgListLimits(const CommandLine& line, const Environment& environment) {
   return success(result, {});
 }
 
+// The metadata commands: the login's connection, then the Metadata API.
+Json metadataCommand(const CommandLine& line, const Environment& environment) {
+  AuthStore store(environment.home);
+  Login login = targetLogin(store, line);
+  const std::string token = store.accessToken(login);
+  OrgHttp http(text(login.fields, "instanceUrl"), token, environment.requestTimeout);
+  MetadataCommands::Connection connection{
+      http, token, line.value("api-version").value_or(apiVersionOf(login))};
+  const std::string& name = line.shape->className;
+  if (name == "ListMetadataTypes") return success(MetadataCommands::listTypes(connection), {});
+  if (name == "ListMetadata") {
+    auto type = line.value("metadata-type");
+    if (!type) throw CliFailure::badArgument("Missing required flag metadata-type");
+    return success(MetadataCommands::listComponents(connection, *type), {});
+  }
+  auto found = line.repeated.find("metadata");
+  std::vector<std::string> components =
+      found == line.repeated.end() ? std::vector<std::string>{} : found->second;
+  Json result = MetadataCommands::retrieve(connection, components, std::filesystem::current_path());
+  std::vector<std::string> warnings;
+  for (const auto& message : result["messages"]) warnings.push_back(message.value("problem", ""));
+  return success(result, warnings);
+}
+
 Json dataQuery(const CommandLine& line, const Environment& environment) {
   auto soql = line.value("query");
   if (!soql) throw CliFailure::badArgument("Missing required flag query");
@@ -646,6 +687,8 @@ Outcome runCommand(const std::vector<std::string>& arguments, const Environment&
       reply = orgListLimits(line, environment);
     } else if (name == "DataSoqlQueryCommand") {
       reply = dataQuery(line, environment);
+    } else if (name == "ListMetadataTypes" || name == "ListMetadata" || name == "RetrieveStart") {
+      reply = metadataCommand(line, environment);
     } else if (name == "AliasList") {
       reply = aliasList(environment);
     } else {

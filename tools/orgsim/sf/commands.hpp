@@ -9,6 +9,10 @@
 //   org login access-token --instance-url URL [--alias A] --no-prompt --json
 //        (the token comes from the environment variable SF_ACCESS_TOKEN, never argv)
 //   org list limits [--target-org T] --json
+//   org list metadata-types [--target-org T] --json
+//   org list metadata --metadata-type TYPE [--target-org T] --json
+//   project retrieve start [--target-org T] --metadata TYPE[:NAME] ... --json
+//        (run in a project folder holding sfdx-project.json)
 //   data query [--target-org T] --query SOQL [--all-rows] --json
 //   alias list --json
 //   alias set NAME=USERNAME ... [--json]

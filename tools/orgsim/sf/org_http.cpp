@@ -40,16 +40,27 @@ OrgHttp::OrgHttp(std::string instanceUrl, std::string accessToken,
       timeout_(timeout) {}
 
 HttpReply OrgHttp::get(const std::string& pathAndQuery) const {
+  return send(pathAndQuery, std::nullopt, "application/json");
+}
+
+HttpReply OrgHttp::postSOAP(const std::string& path, const std::string& envelope) const {
+  return send(path, envelope, "text/xml; charset=UTF-8");
+}
+
+HttpReply OrgHttp::send(const std::string& pathAndQuery, const std::optional<std::string>& body,
+                        const std::string& contentType) const {
   std::string url = base_ + pathAndQuery;
   std::string authorization = "Authorization: Bearer " + accessToken_;
+  std::string contentTypeHeader = "Content-Type: " + contentType;
   HttpReply reply;
   for (int attempt = 1; attempt <= kAttempts; ++attempt) {
     std::unique_ptr<CURL, EasyDeleter> curl(curl_easy_init());
     if (!curl) throw CliFailure::fetchFailed();
     std::unique_ptr<curl_slist, ListDeleter> headers(
         curl_slist_append(nullptr, authorization.c_str()));
-    curl_slist_append(headers.get(), "Accept: application/json");
-    curl_slist_append(headers.get(), "Content-Type: application/json");
+    curl_slist_append(headers.get(), body ? "Accept: text/xml" : "Accept: application/json");
+    curl_slist_append(headers.get(), contentTypeHeader.c_str());
+    if (body) curl_slist_append(headers.get(), "SOAPAction: \"\"");
 
     reply = {};
     curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
@@ -62,10 +73,16 @@ HttpReply OrgHttp::get(const std::string& pathAndQuery) const {
     curl_easy_setopt(curl.get(), CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(curl.get(), CURLOPT_USERAGENT, "corvane-sf-standin");
     curl_easy_setopt(curl.get(), CURLOPT_ACCEPT_ENCODING, "");
+    if (body) {
+      curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, body->data());
+      curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE_LARGE,
+                       static_cast<curl_off_t>(body->size()));
+    }
 
     if (curl_easy_perform(curl.get()) != CURLE_OK) throw CliFailure::fetchFailed();
     curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &reply.status);
-    if (!isRetriedStatus(reply.status) || attempt == kAttempts) break;
+    // SOAP faults come as 500 answers: those are final.
+    if (body || !isRetriedStatus(reply.status) || attempt == kAttempts) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(100 * attempt));
   }
   return reply;

@@ -32,11 +32,16 @@ class OrgHttp {
 
   // GET instanceUrl + pathAndQuery (which begins with "/").
   HttpReply get(const std::string& pathAndQuery) const;
+  // POST of a SOAP envelope (the Metadata API). Never retried: a SOAP fault is a 500.
+  HttpReply postSOAP(const std::string& path, const std::string& envelope) const;
 
   // Percent-encodes a query parameter value (space as %20).
   static std::string escape(const std::string& text);
 
  private:
+  HttpReply send(const std::string& pathAndQuery, const std::optional<std::string>& body,
+                 const std::string& contentType) const;
+
   std::string base_;
   std::string accessToken_;
   std::chrono::milliseconds timeout_;
