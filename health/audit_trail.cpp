@@ -49,6 +49,11 @@ std::string literal(std::string_view value, bool forLike) {
 }
 
 SystemTime parseSince(std::string_view text) {
+  // The clock's range ends in 2262; a year outside 1970-2199 is a typing slip.
+  if (text.size() < 4 || text.substr(0, 2) < "19" || text.substr(0, 4) < "1970" ||
+      text.substr(0, 2) > "21") {
+    throw HealthError::badDate(std::string(text));
+  }
   if (auto day = IsoTime::parseDay(text)) return *day;
   if (auto time = IsoTime::parsePlain(text)) return *time;
   if (auto time = IsoTime::parseFractional(text)) return *time;
