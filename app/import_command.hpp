@@ -1,9 +1,19 @@
-// `corvane import`: reading spreadsheets and importing records.
+// `corvane import read FILE [--sheet NAME] [--json]`: a .csv, .tsv, .txt or
+// .xlsx file read into its grid (sheet name, headers, rows) as a person reads
+// it in a spreadsheet program; `corvane import paste [--json]`: pasted text
+// from standard input read the same way.
+//
+// Failures are typed (ImportError, FileError); the command runner prints them.
 #pragma once
 
+#include <filesystem>
 #include <functional>
+#include <istream>
+#include <optional>
+#include <string>
 
 #include "app/orgs_command.hpp"
+#include "import/import_grid.hpp"
 
 namespace CLI {
 class App;
@@ -13,5 +23,19 @@ namespace corvane::ImportCommand {
 
 // Adds the command to app; when chosen, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
+
+// The grid of a file: an .xlsx or .xlsm workbook's sheet (the first one when
+// sheet is absent), else delimited text. Throws ImportError::badFile when the
+// sheet does not exist or is blank, or when a sheet is named for a text file.
+ImportGrid readFile(const std::filesystem::path& path, const std::optional<std::string>& sheet);
+
+// The grid of pasted text; throws ImportError::badFile when it holds no row.
+ImportGrid readPasted(std::istream& in);
+
+// Writes a grid: as one JSON object {"sheetName", "headers", "rows"}, or as
+// lines of tab-separated cells (tabs, line breaks and backslashes in cells
+// escaped as \t, \n, \r and \\) after a "Sheet: NAME" line for workbooks and
+// before a count of the rows.
+void print(const ImportGrid& grid, bool json, std::ostream& out);
 
 }  // namespace corvane::ImportCommand
