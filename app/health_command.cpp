@@ -31,8 +31,7 @@ Login resolve(CommandContext& context, const std::string& login) {
 }
 
 bool wantsCSV(const Output& output) {
-  return output.format == Format::csv ||
-         (output.file && output.file->extension() == ".csv");
+  return output.format == Format::csv || (output.file && output.file->extension() == ".csv");
 }
 
 // Writes the text where the output goes: the file (replaced atomically) or standard output.
@@ -69,8 +68,7 @@ std::string metadataCSV(const std::vector<json>& items) {
 
 std::string metadataTable(const std::vector<json>& items, const std::string& type) {
   if (items.empty()) {
-    return "The org has no " + type +
-           " components, or the Salesforce CLI could not list them.\n";
+    return "The org has no " + type + " components, or the Salesforce CLI could not list them.\n";
   }
   std::vector<std::vector<std::string>> rows;
   for (const auto& item : items) {
@@ -78,7 +76,8 @@ std::string metadataTable(const std::vector<json>& items, const std::string& typ
                     item.value("lastModifiedDate", ""), item.value("fileName", "")});
   }
   return TextTable::render({"Name", "Last modified by", "Last modified", "File"}, rows) +
-         std::to_string(items.size()) + " " + type + (items.size() == 1 ? " component.\n" : " components.\n");
+         std::to_string(items.size()) + " " + type +
+         (items.size() == 1 ? " component.\n" : " components.\n");
 }
 
 std::string statusURL() {
@@ -144,8 +143,8 @@ void retrieve(CommandContext& context, const std::string& login,
   Login resolved = resolve(context, login);
   const std::filesystem::path root = std::filesystem::absolute(to);
   json result = context.cli.retrieve(resolved.target, components, root);
-  const json files = result.contains("files") && result["files"].is_array() ? result["files"]
-                                                                            : json::array();
+  const json files =
+      result.contains("files") && result["files"].is_array() ? result["files"] : json::array();
   emitAs(
       context, output, [&] { return result; },
       [&] {
@@ -207,8 +206,9 @@ void emailDomains(CommandContext& context, const std::vector<std::string>& domai
       [&] {
         std::string out = EmailDomains::table(checks);
         if (selectors.empty()) {
-          out += "\nNo DKIM selector given: add --selector with the selectors shown in Setup, "
-                 "DKIM Keys, to check the keys too.\n";
+          out +=
+              "\nNo DKIM selector given: add --selector with the selectors shown in Setup, "
+              "DKIM Keys, to check the keys too.\n";
         }
         return out;
       });
@@ -373,8 +373,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   }
   {
     auto options = std::make_shared<Options>();
-    CLI::App* command = health->add_subcommand(
-        "release-updates", "The org's release updates and their due dates");
+    CLI::App* command =
+        health->add_subcommand("release-updates", "The org's release updates and their due dates");
     common(command, *options, true, false);
     command->callback([&context, &chosen, options] {
       chosen = [&context, options] {

@@ -55,8 +55,9 @@ void retrieve(CommandContext& context, const std::string& login,
               const std::vector<std::string>& components, const std::filesystem::path& to,
               const Output& output);
 // key: the instance to ask about; none: the login's own, as the CLI records it.
-void instance(CommandContext& context, const std::string& login, const std::optional<std::string>& key,
-              const StatusService::Options& options, const Output& output);
+void instance(CommandContext& context, const std::string& login,
+              const std::optional<std::string>& key, const StatusService::Options& options,
+              const Output& output);
 // Reads the token from `in`; with `clear`, removes the saved one.
 void statusToken(CommandContext& context, std::istream& in, bool clear);
 void emailDomains(CommandContext& context, const std::vector<std::string>& domains,

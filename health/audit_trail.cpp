@@ -28,20 +28,37 @@ std::string literal(std::string_view value, bool forLike) {
   std::string out = "'";
   for (char c : value) {
     switch (c) {
-      case '\\': out += "\\\\"; break;
-      case '\'': out += "\\'"; break;
-      case '"': out += "\\\""; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\'':
+        out += "\\'";
+        break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
+        break;
       case '%':
       case '_':
         if (forLike) out += '\\';
         out += c;
         break;
-      default: out += c;
+      default:
+        out += c;
     }
   }
   out += '\'';
@@ -90,7 +107,8 @@ std::vector<AuditEntry> entries(const json& records) {
     AuditEntry entry;
     entry.createdDate = textAt(record, "CreatedDate");
     auto createdBy = record.find("CreatedBy");
-    if (createdBy != record.end() && createdBy->is_object()) entry.user = textAt(*createdBy, "Name");
+    if (createdBy != record.end() && createdBy->is_object())
+      entry.user = textAt(*createdBy, "Name");
     entry.section = textAt(record, "Section");
     entry.action = textAt(record, "Action");
     entry.display = textAt(record, "Display");
@@ -111,7 +129,8 @@ std::string table(const std::vector<AuditEntry>& entries) {
 }
 
 std::string csv(const std::vector<AuditEntry>& entries) {
-  std::string out = TextTable::csvRow({"CreatedDate", "CreatedBy.Name", "Section", "Action", "Display"});
+  std::string out =
+      TextTable::csvRow({"CreatedDate", "CreatedBy.Name", "Section", "Action", "Display"});
   for (const auto& e : entries) {
     out += TextTable::csvRow({e.createdDate, e.user, e.section, e.action, e.display});
   }

@@ -73,11 +73,16 @@ std::optional<std::string> dkimKey(const std::string& record) {
 
 std::string verdictName(Verdict verdict) {
   switch (verdict) {
-    case Verdict::pass: return "pass";
-    case Verdict::missing: return "missing";
-    case Verdict::invalid: return "invalid";
-    case Verdict::incomplete: return "incomplete";
-    case Verdict::unknown: return "unknown";
+    case Verdict::pass:
+      return "pass";
+    case Verdict::missing:
+      return "missing";
+    case Verdict::invalid:
+      return "invalid";
+    case Verdict::incomplete:
+      return "incomplete";
+    case Verdict::unknown:
+      return "unknown";
   }
   return "unknown";
 }
@@ -104,8 +109,9 @@ DomainCheck spf(const std::string& domain, const TXTAnswer& answer) {
                    kSalesforceSPF + ".";
   } else if (!includesSalesforce(check.records.front())) {
     check.verdict = Verdict::incomplete;
-    check.advice = "The SPF record of " + domain + " does not include Salesforce. Add include:" +
-                   kSalesforceSPF + " to it, before its \"all\" term.";
+    check.advice = "The SPF record of " + domain +
+                   " does not include Salesforce. Add include:" + kSalesforceSPF +
+                   " to it, before its \"all\" term.";
   } else {
     check.verdict = Verdict::pass;
     check.advice = "The SPF record of " + domain + " includes Salesforce; nothing to do.";

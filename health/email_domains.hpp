@@ -24,11 +24,11 @@ struct DomainCheck {
     unknown,     // the DNS server gave no usable answer
   };
   std::string domain;
-  std::string kind;     // "SPF" or "DKIM"
-  std::string name;     // the DNS name asked
+  std::string kind;  // "SPF" or "DKIM"
+  std::string name;  // the DNS name asked
   Verdict verdict = Verdict::unknown;
   std::vector<std::string> records;  // the relevant TXT records found
-  std::string advice;   // what to publish, or why nothing needs doing
+  std::string advice;                // what to publish, or why nothing needs doing
 
   bool operator==(const DomainCheck&) const = default;
 };

@@ -10,13 +10,13 @@ namespace corvane {
 class HealthError : public UserFacingError {
  public:
   enum class Kind {
-    badDate,              // a --since value that is not a date
-    statusUnreachable,    // the status service did not answer in time or at all
-    statusNeedsToken,     // the status service asks for a personal access token
-    statusTokenRefused,   // the saved token was refused (expired or revoked)
+    badDate,             // a --since value that is not a date
+    statusUnreachable,   // the status service did not answer in time or at all
+    statusNeedsToken,    // the status service asks for a personal access token
+    statusTokenRefused,  // the saved token was refused (expired or revoked)
     statusUnknownInstance,
     statusBadReply,
-    noInstance,           // the login does not say which instance the org is on
+    noInstance,            // the login does not say which instance the org is on
     releaseUpdatesHidden,  // the org's API does not expose release updates
   };
 

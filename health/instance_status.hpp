@@ -18,18 +18,18 @@
 namespace corvane {
 
 struct StatusEvent {
-  std::string kind;    // "incident" or "maintenance"
+  std::string kind;  // "incident" or "maintenance"
   std::string id;
-  std::string title;   // the latest update, or the maintenance's name
-  std::string state;   // severity of an incident, event status of a maintenance
-  std::string start;   // as the service gave it
-  std::string end;     // empty while open
+  std::string title;  // the latest update, or the maintenance's name
+  std::string state;  // severity of an incident, event status of a maintenance
+  std::string start;  // as the service gave it
+  std::string end;    // empty while open
 
   bool operator==(const StatusEvent&) const = default;
 };
 
 struct InstanceStatus {
-  std::string key;  // "NA45"
+  std::string key;     // "NA45"
   std::string status;  // "OK", "MAJOR_INCIDENT_CORE", ...
   std::string releaseVersion;
   std::string environment;

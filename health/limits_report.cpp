@@ -49,8 +49,8 @@ std::vector<LimitUsage> read(const json& limits) {
       if (!item.is_object()) continue;
       auto name = item.find("name");
       if (name == item.end() || !name->is_string()) continue;
-      if (auto u = usage(name->get<std::string>(), integer(item, "max"),
-                         integer(item, "remaining"))) {
+      if (auto u =
+              usage(name->get<std::string>(), integer(item, "max"), integer(item, "remaining"))) {
         usages.push_back(std::move(*u));
       }
     }

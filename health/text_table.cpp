@@ -37,7 +37,8 @@ std::string render(const std::vector<std::string>& header,
   std::string out;
   appendRow(out, header, widths);
   std::size_t rule = 0;
-  for (std::size_t i = 0; i < widths.size(); ++i) rule += widths[i] + (i + 1 < widths.size() ? 2 : 0);
+  for (std::size_t i = 0; i < widths.size(); ++i)
+    rule += widths[i] + (i + 1 < widths.size() ? 2 : 0);
   out.append(rule, '-');
   out += '\n';
   for (const auto& row : rows) appendRow(out, row, widths);

@@ -89,7 +89,8 @@ TXTAnswer TXTResolver::lookup(const std::string& name) const {
   if (!options_.server.empty()) {
     status = ares_set_servers_ports_csv(channel.get(), options_.server.c_str());
     if (status != ARES_SUCCESS) {
-      return {TXTAnswer::Status::failed, {}, "the DNS server \"" + options_.server + "\" is not valid"};
+      return {
+          TXTAnswer::Status::failed, {}, "the DNS server \"" + options_.server + "\" is not valid"};
     }
   }
 

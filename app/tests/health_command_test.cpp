@@ -45,8 +45,8 @@ class HealthCommandTest : public orgsim::testing::ServerFixture {
     ::setenv("CORVANE_HOME", (temporary_.path() / "corvane").c_str(), 1);
     ProcessRequest request;
     request.executable = standInPath();
-    request.arguments = {"org",     "login",    "access-token", "--instance-url", server_->baseUrl(),
-                         "--alias", "sample",   "--no-prompt",  "--json"};
+    request.arguments = {"org",     "login",  "access-token", "--instance-url", server_->baseUrl(),
+                         "--alias", "sample", "--no-prompt",  "--json"};
     request.environment = ChildProcess::currentEnvironment();
     request.environment["SF_ACCESS_TOKEN"] = token_;
     request.timeout = std::chrono::seconds(60);
@@ -112,8 +112,10 @@ TEST_F(HealthCommandTest, LimitsAreSortedBySharedUsedWithThoseOverEightyPercentC
 
 TEST_F(HealthCommandTest, AuditTrailIsNewestFirstAndQuotesInAFilterCannotChangeTheQuery) {
   auto writer = store().writer("SetupAuditTrail", {"Action", "Section", "Display", "CreatedDate"});
-  writer.insert({"changedProfile", "Manage Users", "Changed profile of Bob", "2024-01-05T10:00:00.000Z"});
-  writer.insert({"createdCF", "Customize Accounts", "Created field Tier", "2024-03-01T09:00:00.000Z"});
+  writer.insert(
+      {"changedProfile", "Manage Users", "Changed profile of Bob", "2024-01-05T10:00:00.000Z"});
+  writer.insert(
+      {"createdCF", "Customize Accounts", "Created field Tier", "2024-03-01T09:00:00.000Z"});
   writer.insert({"loginAs", "Manage Users", "Logged in as Bob", "2024-02-01T09:00:00.000Z"});
   writer.commit();
   HealthCommand::audit(*context_, "sample", {}, {HealthCommand::Format::json, std::nullopt});
@@ -122,7 +124,8 @@ TEST_F(HealthCommandTest, AuditTrailIsNewestFirstAndQuotesInAFilterCannotChangeT
   EXPECT_EQ(all[0]["display"], "Created field Tier");
   EXPECT_EQ(all[0]["user"], "Sample Admin");
   for (std::size_t i = 1; i < all.size(); ++i) {
-    EXPECT_GE(all[i - 1]["createdDate"].get<std::string>(), all[i]["createdDate"].get<std::string>());
+    EXPECT_GE(all[i - 1]["createdDate"].get<std::string>(),
+              all[i]["createdDate"].get<std::string>());
   }
   // A value that would close its literal and add "OR Id != ''" matches nothing instead.
   for (const char* hostile : {"x' OR Id != '", "x\\' OR Id != \\'", "%", "_"}) {
@@ -148,7 +151,8 @@ TEST_F(HealthCommandTest, AuditTrailIsNewestFirstAndQuotesInAFilterCannotChangeT
 }
 
 TEST_F(HealthCommandTest, ListsMetadataAndRetrievesComponentsIntoAProject) {
-  HealthCommand::metadata(*context_, "sample", std::nullopt, {HealthCommand::Format::json, std::nullopt});
+  HealthCommand::metadata(*context_, "sample", std::nullopt,
+                          {HealthCommand::Format::json, std::nullopt});
   json types = json::parse(take());
   EXPECT_NE(std::find(types.begin(), types.end(), "ApexClass"), types.end()) << types;
 
@@ -250,10 +254,11 @@ TEST_F(HealthCommandTest, AnUnreachableStatusServiceIsASentenceWithinItsTimeLimi
 
 TEST_F(HealthCommandTest, ReleaseUpdatesWithTheirDueDatesOrAPlainSayingSoWhenHidden) {
   SalesforceAPI::Client api([this](const std::string&) {
-    return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token, server_->baseUrl(),
-                                  "62.0", {}};
+    return SalesforceAPI::Session{
+        orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
   });
-  HealthCommand::releaseUpdates(*context_, api, "sample", {HealthCommand::Format::json, std::nullopt});
+  HealthCommand::releaseUpdates(*context_, api, "sample",
+                                {HealthCommand::Format::json, std::nullopt});
   json updates = json::parse(take());
   ASSERT_EQ(updates.size(), 3u);
   EXPECT_EQ(updates[0]["developerName"], "EnforceRichTextSanitisation");

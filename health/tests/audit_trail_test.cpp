@@ -30,7 +30,8 @@ TEST(AuditTrail, PredicateJoinsTheGivenFiltersWithDatesAsLiterals) {
 }
 
 TEST(AuditTrail, ABadDateIsRefusedWithASentence) {
-  for (const char* text : {"yesterday", "2024-13-01", "2024-01-05' OR Id != '", "", "2999-01-01", "0024-01-01"}) {
+  for (const char* text :
+       {"yesterday", "2024-13-01", "2024-01-05' OR Id != '", "", "2999-01-01", "0024-01-01"}) {
     try {
       AuditTrail::parseSince(text);
       ADD_FAILURE() << text;

@@ -12,7 +12,8 @@ TXTAnswer found(std::vector<std::string> texts) { return {Status::found, std::mo
 
 TEST(EmailDomains, SPFVerdicts) {
   auto pass = EmailDomains::spf(
-      "acme.test", found({"google-site-verification=x", "v=spf1 mx +include:_spf.salesforce.com -all"}));
+      "acme.test",
+      found({"google-site-verification=x", "v=spf1 mx +include:_spf.salesforce.com -all"}));
   EXPECT_EQ(pass.verdict, Verdict::pass);
   EXPECT_EQ(pass.records, std::vector<std::string>{"v=spf1 mx +include:_spf.salesforce.com -all"});
 
@@ -33,7 +34,8 @@ TEST(EmailDomains, SPFVerdicts) {
         << record;
   }
 
-  auto unknown = EmailDomains::spf("acme.test", {Status::failed, {}, "Timeout while contacting DNS servers"});
+  auto unknown =
+      EmailDomains::spf("acme.test", {Status::failed, {}, "Timeout while contacting DNS servers"});
   EXPECT_EQ(unknown.verdict, Verdict::unknown);
   EXPECT_NE(unknown.advice.find("Timeout"), std::string::npos);
 }

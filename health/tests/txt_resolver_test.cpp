@@ -55,9 +55,15 @@ class TXTResolverTest : public ::testing::Test {
     ProcessRequest request;
     request.executable = kDnsmasq;
     request.arguments = {
-        "--no-daemon", "--conf-file=/dev/null", "--port=" + std::to_string(port),
-        "--listen-address=127.0.0.1", "--bind-interfaces", "--no-resolv", "--no-hosts",
-        "--pid-file", "--local=/test/",
+        "--no-daemon",
+        "--conf-file=/dev/null",
+        "--port=" + std::to_string(port),
+        "--listen-address=127.0.0.1",
+        "--bind-interfaces",
+        "--no-resolv",
+        "--no-hosts",
+        "--pid-file",
+        "--local=/test/",
         "--txt-record=acme.test,google-site-verification=abc",
         "--txt-record=acme.test,v=spf1 mx include:_spf.salesforce.com ~all",
         "--txt-record=sf1._domainkey.acme.test,v=DKIM1; k=rsa; p=MIGfMA0GCSqGSIb3DQEB",
@@ -87,8 +93,8 @@ class TXTResolverTest : public ::testing::Test {
 
 TEST_F(TXTResolverTest, ChecksPublishedMissingAndDuplicateRecords) {
   TXTResolver resolver({server_, 2s});
-  auto checks = EmailDomains::check(resolver, {"acme.test", "twice.test", "nothing.test", "other.test"},
-                                    {"sf1", "sf2"});
+  auto checks = EmailDomains::check(
+      resolver, {"acme.test", "twice.test", "nothing.test", "other.test"}, {"sf1", "sf2"});
   ASSERT_EQ(checks.size(), 12u);
   EXPECT_EQ(checks[0].verdict, Verdict::pass) << checks[0].advice;
   EXPECT_EQ(checks[0].records,

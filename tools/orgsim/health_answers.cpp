@@ -119,7 +119,7 @@ std::string fileName(const MetadataType& type, const std::string& member) {
 // A stable id for a component: its key prefix and a number from its position.
 std::string componentId(const MetadataType& type, std::size_t index) {
   static const std::pair<const char*, const char*> prefixes[] = {
-      {"ApexClass", "01p"}, {"ApexTrigger", "01q"}, {"CustomObject", "01I"}, {"Flow", "300"},
+      {"ApexClass", "01p"}, {"ApexTrigger", "01q"},   {"CustomObject", "01I"}, {"Flow", "300"},
       {"Layout", "00h"},    {"PermissionSet", "0PS"}, {"Profile", "00e"}};
   std::string prefix = "000";
   for (const auto& [name, p] : prefixes) {
@@ -140,8 +140,7 @@ std::string fileProperties(OrgStore& store, const MetadataType& type, std::size_
          element("id", componentId(type, index)) +
          element("lastModifiedById", identity.adminUserId) +
          element("lastModifiedByName", "Sample Admin") + element("lastModifiedDate", stamp) +
-         element("manageableState", "unmanaged") + element("type", type.xmlName) + "</" + tag +
-         ">";
+         element("manageableState", "unmanaged") + element("type", type.xmlName) + "</" + tag + ">";
 }
 
 std::string describeMetadata() {
@@ -152,9 +151,10 @@ std::string describeMetadata() {
             element("suffix", type.suffix) + element("xmlName", type.xmlName) +
             "</metadataObjects>";
   }
-  body += "<organizationNamespace></organizationNamespace><partialSaveAllowed>true"
-          "</partialSaveAllowed><testRequired>false</testRequired></result>"
-          "</describeMetadataResponse>";
+  body +=
+      "<organizationNamespace></organizationNamespace><partialSaveAllowed>true"
+      "</partialSaveAllowed><testRequired>false</testRequired></result>"
+      "</describeMetadataResponse>";
   return envelope(body);
 }
 
@@ -171,7 +171,8 @@ std::string listMetadata(OrgStore& store, std::string_view request) {
 }
 
 std::string componentBody(const MetadataType& type, const std::string& member) {
-  const std::string xmlHead = R"(<?xml version="1.0" encoding="UTF-8"?>)" "\n";
+  const std::string xmlHead = R"(<?xml version="1.0" encoding="UTF-8"?>)"
+                              "\n";
   const std::string ns = R"( xmlns="http://soap.sforce.com/2006/04/metadata")";
   std::string name = type.xmlName;
   if (name == "ApexClass") {
@@ -240,7 +241,8 @@ std::string retrieve(OrgStore& store, std::string_view request) {
   const std::int64_t number = std::stoll(store.setting("retrieveCount").value_or("0")) + 1;
   store.setSetting("retrieveCount", std::to_string(number));
   std::string digits = std::to_string(number);
-  const std::string id = "09S5g00000" + std::string(8 - std::min<std::size_t>(8, digits.size()), '0') + digits;
+  const std::string id =
+      "09S5g00000" + std::string(8 - std::min<std::size_t>(8, digits.size()), '0') + digits;
   store.setSetting("retrieve:" + id, wanted.dump());
   return envelope("<retrieveResponse><result>" + element("done", "false") + element("id", id) +
                   element("state", "Queued") + "</result></retrieveResponse>");
@@ -251,9 +253,10 @@ std::string checkRetrieveStatus(OrgStore& store, std::string_view request) {
   const std::string id = ids.empty() ? std::string() : unescapeXML(ids.front());
   auto saved = id.empty() ? std::nullopt : store.setting("retrieve:" + id);
   if (!saved) {
-    return envelope("<soapenv:Fault><faultcode>sf:INVALID_ID_FIELD</faultcode><faultstring>"
-                    "INVALID_ID_FIELD: Retrieve result has been deleted.</faultstring>"
-                    "</soapenv:Fault>");
+    return envelope(
+        "<soapenv:Fault><faultcode>sf:INVALID_ID_FIELD</faultcode><faultstring>"
+        "INVALID_ID_FIELD: Retrieve result has been deleted.</faultstring>"
+        "</soapenv:Fault>");
   }
   Json wanted = Json::parse(*saved, nullptr, false);
   std::vector<std::pair<std::string, std::string>> files;
@@ -273,7 +276,8 @@ std::string checkRetrieveStatus(OrgStore& store, std::string_view request) {
         found = true;
         const std::string name = type->members[i];
         files.emplace_back(fileName(*type, name), componentBody(*type, name));
-        if (type->metaFile) files.emplace_back(fileName(*type, name) + "-meta.xml", metaBody(*type));
+        if (type->metaFile)
+          files.emplace_back(fileName(*type, name) + "-meta.xml", metaBody(*type));
         properties += fileProperties(store, *type, i, "fileProperties");
       }
       if (!found) {
@@ -310,19 +314,18 @@ Answer instanceStatus(OrgStore& store, std::string_view key, std::string_view au
   }
   Json state = statusSetting(store);
   const SystemTime now = store.now();
-  Json maintenances = Json::array(
-      {{{"id", 4101},
-        {"name", instance + " Maintenance"},
-        {"message",
-         {{"name", instance + " Scheduled Maintenance"},
-          {"eventStatus", "confirmed"},
-          {"maintenanceType", "release"},
-          {"availability", "available"}}},
-        {"plannedStartTime", WireTime::dateTime(now + 24h * 7)},
-        {"plannedEndTime", WireTime::dateTime(now + 24h * 7 + 4h)},
-        {"isCore", true},
-        {"affectsAll", false},
-        {"instanceKeys", Json::array({instance})}}});
+  Json maintenances = Json::array({{{"id", 4101},
+                                    {"name", instance + " Maintenance"},
+                                    {"message",
+                                     {{"name", instance + " Scheduled Maintenance"},
+                                      {"eventStatus", "confirmed"},
+                                      {"maintenanceType", "release"},
+                                      {"availability", "available"}}},
+                                    {"plannedStartTime", WireTime::dateTime(now + 24h * 7)},
+                                    {"plannedEndTime", WireTime::dateTime(now + 24h * 7 + 4h)},
+                                    {"isCore", true},
+                                    {"affectsAll", false},
+                                    {"instanceKeys", Json::array({instance})}}});
   Json reply = {{"key", instance},
                 {"location", "EMEA"},
                 {"environment", "production"},
@@ -365,40 +368,40 @@ std::optional<std::string> releaseUpdatesQuery(std::string_view soql, SystemTime
     }
     at = end + 1;
   }
-  const Json rows = Json::array(
-      {{{"Id", "0Qb5g0000000001AAA"},
-        {"DeveloperName", "EnforceRichTextSanitisation"},
-        {"DurableId", "EnforceRichTextSanitisation"},
-        {"Category", "Security"},
-        {"Description", "Sanitises rich text in formula fields and email templates."},
-        {"DueDate", WireTime::date(now + 24h * 30)},
-        {"ApiVersion", 62.0},
-        {"IsReleased", true},
-        {"HasNewSteps", false},
-        {"NumCompSteps", 1},
-        {"NumReqSteps", 3}},
-       {{"Id", "0Qb5g0000000002AAA"},
-        {"DeveloperName", "RequireMfaForApiLogins"},
-        {"DurableId", "RequireMfaForApiLogins"},
-        {"Category", "Security"},
-        {"Description", "Requires multi-factor authentication for API logins."},
-        {"DueDate", WireTime::date(now + 24h * 120)},
-        {"ApiVersion", 62.0},
-        {"IsReleased", true},
-        {"HasNewSteps", true},
-        {"NumCompSteps", 0},
-        {"NumReqSteps", 2}},
-       {{"Id", "0Qb5g0000000003AAA"},
-        {"DeveloperName", "LightningNavigationUpdate"},
-        {"DurableId", "LightningNavigationUpdate"},
-        {"Category", "Usability"},
-        {"Description", "Updates the navigation bar."},
-        {"DueDate", nullptr},
-        {"ApiVersion", 62.0},
-        {"IsReleased", false},
-        {"HasNewSteps", false},
-        {"NumCompSteps", 0},
-        {"NumReqSteps", 1}}});
+  const Json rows =
+      Json::array({{{"Id", "0Qb5g0000000001AAA"},
+                    {"DeveloperName", "EnforceRichTextSanitisation"},
+                    {"DurableId", "EnforceRichTextSanitisation"},
+                    {"Category", "Security"},
+                    {"Description", "Sanitises rich text in formula fields and email templates."},
+                    {"DueDate", WireTime::date(now + 24h * 30)},
+                    {"ApiVersion", 62.0},
+                    {"IsReleased", true},
+                    {"HasNewSteps", false},
+                    {"NumCompSteps", 1},
+                    {"NumReqSteps", 3}},
+                   {{"Id", "0Qb5g0000000002AAA"},
+                    {"DeveloperName", "RequireMfaForApiLogins"},
+                    {"DurableId", "RequireMfaForApiLogins"},
+                    {"Category", "Security"},
+                    {"Description", "Requires multi-factor authentication for API logins."},
+                    {"DueDate", WireTime::date(now + 24h * 120)},
+                    {"ApiVersion", 62.0},
+                    {"IsReleased", true},
+                    {"HasNewSteps", true},
+                    {"NumCompSteps", 0},
+                    {"NumReqSteps", 2}},
+                   {{"Id", "0Qb5g0000000003AAA"},
+                    {"DeveloperName", "LightningNavigationUpdate"},
+                    {"DurableId", "LightningNavigationUpdate"},
+                    {"Category", "Usability"},
+                    {"Description", "Updates the navigation bar."},
+                    {"DueDate", nullptr},
+                    {"ApiVersion", 62.0},
+                    {"IsReleased", false},
+                    {"HasNewSteps", false},
+                    {"NumCompSteps", 0},
+                    {"NumReqSteps", 1}}});
   Json records = Json::array();
   for (const auto& row : rows) {
     Json record = {{"attributes",
@@ -418,12 +421,9 @@ std::optional<std::string> releaseUpdatesQuery(std::string_view soql, SystemTime
     }
     records.push_back(std::move(record));
   }
-  Json answer = {{"size", records.size()},
-                 {"totalSize", records.size()},
-                 {"done", true},
-                 {"queryLocator", nullptr},
-                 {"entityTypeName", "ReleaseUpdate"},
-                 {"records", records}};
+  Json answer = {
+      {"size", records.size()},  {"totalSize", records.size()},       {"done", true},
+      {"queryLocator", nullptr}, {"entityTypeName", "ReleaseUpdate"}, {"records", records}};
   return answer.dump();
 }
 

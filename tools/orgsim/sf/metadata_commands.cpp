@@ -21,12 +21,23 @@ std::string escapeXML(const std::string& text) {
   std::string out;
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&apos;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -46,8 +57,8 @@ std::string unescapeXML(std::string text) {
 // The inner texts of every element with this local name (not nested in itself).
 std::vector<std::string> blocks(const std::string& xml, const std::string& name) {
   std::vector<std::string> out;
-  const std::regex pattern("<(?:[A-Za-z0-9_]+:)?" + name + "(?:\\s[^>]*)?>([\\s\\S]*?)</(?:[A-Za-z0-9_]+:)?" +
-                           name + ">");
+  const std::regex pattern("<(?:[A-Za-z0-9_]+:)?" + name +
+                           "(?:\\s[^>]*)?>([\\s\\S]*?)</(?:[A-Za-z0-9_]+:)?" + name + ">");
   for (auto it = std::sregex_iterator(xml.begin(), xml.end(), pattern);
        it != std::sregex_iterator(); ++it) {
     out.push_back((*it)[1].str());
@@ -78,9 +89,11 @@ std::string call(const Connection& connection, const std::string& body) {
       R"(<?xml version="1.0" encoding="UTF-8"?>)"
       R"(<soapenv:Envelope xmlns:soapenv="http://schemas.xmlsoap.org/soap/envelope/")"
       R"( xmlns="http://soap.sforce.com/2006/04/metadata"><soapenv:Header><SessionHeader>)"
-      "<sessionId>" + escapeXML(connection.accessToken) + "</sessionId>"
-      "</SessionHeader></soapenv:Header><soapenv:Body>" + body +
-      "</soapenv:Body></soapenv:Envelope>";
+      "<sessionId>" +
+      escapeXML(connection.accessToken) +
+      "</sessionId>"
+      "</SessionHeader></soapenv:Header><soapenv:Body>" +
+      body + "</soapenv:Body></soapenv:Envelope>";
   HttpReply reply = connection.http.postSOAP("/services/Soap/m/" + connection.apiVersion, envelope);
   if (auto fault = first(reply.body, "faultstring"); !fault.empty()) {
     std::string code = first(reply.body, "faultcode");
@@ -116,7 +129,8 @@ std::string base64Decode(const std::string& text) {
 
 // A zip entry's name as a relative path inside the project, or none when it would leave it.
 std::optional<std::filesystem::path> safeRelative(const std::string& name) {
-  if (name.empty() || name.front() == '/' || name.find('\\') != std::string::npos) return std::nullopt;
+  if (name.empty() || name.front() == '/' || name.find('\\') != std::string::npos)
+    return std::nullopt;
   std::filesystem::path path(name);
   for (const auto& part : path) {
     if (part == ".." || part == ".") return std::nullopt;
@@ -169,9 +183,9 @@ std::map<std::string, std::string> unzip(const std::string& bytes) {
 }  // namespace
 
 Json listTypes(const Connection& connection) {
-  const std::string body = call(
-      connection, "<describeMetadata><asOfVersion>" + connection.apiVersion +
-                      "</asOfVersion></describeMetadata>");
+  const std::string body =
+      call(connection, "<describeMetadata><asOfVersion>" + connection.apiVersion +
+                           "</asOfVersion></describeMetadata>");
   Json objects = Json::array();
   for (const auto& block : blocks(body, "metadataObjects")) {
     Json entry;
@@ -226,11 +240,11 @@ Json retrieve(const Connection& connection, const std::vector<std::string>& comp
     for (const auto& member : members) types += "<members>" + escapeXML(member) + "</members>";
     types += "<name>" + escapeXML(type) + "</name></types>";
   }
-  const std::string started = call(
-      connection, "<retrieve><retrieveRequest><apiVersion>" + connection.apiVersion +
-                      "</apiVersion><singlePackage>true</singlePackage><unpackaged>" + types +
-                      "<version>" + connection.apiVersion +
-                      "</version></unpackaged></retrieveRequest></retrieve>");
+  const std::string started =
+      call(connection, "<retrieve><retrieveRequest><apiVersion>" + connection.apiVersion +
+                           "</apiVersion><singlePackage>true</singlePackage><unpackaged>" + types +
+                           "<version>" + connection.apiVersion +
+                           "</version></unpackaged></retrieveRequest></retrieve>");
   const std::string id = first(started, "id");
   if (id.empty()) throw CliFailure::unexpectedReply("The retrieve request has no id.");
 
@@ -276,7 +290,8 @@ Json retrieve(const Connection& connection, const std::vector<std::string>& comp
   }
   Json messages = Json::array();
   for (const auto& block : blocks(status, "messages")) {
-    messages.push_back({{"fileName", first(block, "fileName")}, {"problem", first(block, "problem")}});
+    messages.push_back(
+        {{"fileName", first(block, "fileName")}, {"problem", first(block, "problem")}});
   }
   return Json{{"done", true},
               {"fileProperties", properties},
