@@ -22,8 +22,8 @@ BackupError BackupError::anotherLogin(const std::string& owner) {
 
 BackupError BackupError::lowDiskSpace(std::int64_t needed, std::int64_t free) {
   return {Kind::lowDiskSpace,
-          "The disk is almost full. At least " + formatByteCount(needed) + " must stay free " +
-              "and only " + formatByteCount(free) + " is. Free up space and the backup " +
+          "The disk is almost full. At least " + byteCount(needed) + " must stay free " +
+              "and only " + byteCount(free) + " is. Free up space and the backup " +
               "carries on where it stopped.",
           {},
           needed,
@@ -38,8 +38,8 @@ BackupError BackupError::badResponse(const std::string& text) {
 
 BackupError BackupError::willNotFit(std::int64_t needed, std::int64_t free) {
   return {Kind::willNotFit,
-          "This backup needs about " + formatByteCount(needed) + " and only " +
-              formatByteCount(free) + " is free. Free up space or choose " +
+          "This backup needs about " + byteCount(needed) + " and only " +
+              byteCount(free) + " is free. Free up space or choose " +
               "another folder for this backup on a bigger disk. Nothing was copied yet.",
           {},
           needed,
@@ -67,7 +67,7 @@ BackupError BackupError::signedOut() {
           "stopped. Nothing is lost."};
 }
 
-std::string formatByteCount(std::int64_t bytes) {
+std::string BackupError::byteCount(std::int64_t bytes) {
   if (bytes < 0) bytes = 0;
   if (bytes == 1) return "1 byte";
   if (bytes < 1000) return std::to_string(bytes) + " bytes";

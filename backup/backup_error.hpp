@@ -38,6 +38,10 @@ class BackupError : public UserFacingError {
   static BackupError alreadyRunning();
   static BackupError signedOut();
 
+  // "512 bytes", "1.5 MB", "12 GB": decimal units, as disks are sold and as the
+  // system's own windows count them.
+  static std::string byteCount(std::int64_t bytes);
+
   Kind kind() const { return kind_; }
   // The username of anotherLogin, the text of badResponse, the disk of
   // driveNotConnected; empty otherwise.
@@ -54,9 +58,5 @@ class BackupError : public UserFacingError {
   std::int64_t needed_;
   std::int64_t free_;
 };
-
-// "512 bytes", "1.5 MB", "12 GB": decimal units, as disks are sold and as the
-// system's own windows count them.
-std::string formatByteCount(std::int64_t bytes);
 
 }  // namespace corvane

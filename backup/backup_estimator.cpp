@@ -47,17 +47,40 @@ Estimate estimate(const std::vector<ObjectSize>& records, std::int64_t fileBytes
   return result;
 }
 
-std::map<std::string, std::int64_t> recordCounts(DedupeTransport& transport) {
-  const auto body = transport.send("GET", "/limits/recordCount", {}, std::nullopt);
+namespace {
+
+void readCounts(const std::string& body, std::map<std::string, std::int64_t>& counts) {
   try {
     const auto json = nlohmann::json::parse(body);
-    std::map<std::string, std::int64_t> counts;
     for (const auto& entry : json.at("sObjects"))
       counts[entry.at("name").get<std::string>()] = entry.at("count").get<std::int64_t>();
-    return counts;
   } catch (const nlohmann::json::exception&) {
     throw BackupError::badResponse("the org's record counts");
   }
+}
+
+}  // namespace
+
+std::map<std::string, std::int64_t> recordCounts(DedupeTransport& transport) {
+  std::map<std::string, std::int64_t> counts;
+  readCounts(transport.send("GET", "/limits/recordCount", {}, std::nullopt), counts);
+  return counts;
+}
+
+std::map<std::string, std::int64_t> recordCounts(DedupeTransport& transport,
+                                                 const std::vector<std::string>& objects) {
+  std::map<std::string, std::int64_t> counts;
+  constexpr std::size_t perRequest = 100;
+  for (std::size_t start = 0; start < objects.size(); start += perRequest) {
+    std::string names;
+    for (std::size_t i = start; i < std::min(objects.size(), start + perRequest); ++i) {
+      if (!names.empty()) names += ',';
+      names += objects[i];
+    }
+    readCounts(transport.send("GET", "/limits/recordCount", {{"sObjects", names}}, std::nullopt),
+               counts);
+  }
+  return counts;
 }
 
 std::optional<std::int64_t> sumValue(std::string_view data) {

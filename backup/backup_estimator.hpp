@@ -50,6 +50,10 @@ Estimate estimate(const std::vector<ObjectSize>& records, std::int64_t fileBytes
 // BackupError::badResponse on an answer that cannot be read, and passes the
 // transport's failures on.
 std::map<std::string, std::int64_t> recordCounts(DedupeTransport& transport);
+// The same for these objects only (asked 100 names at a time); objects
+// Salesforce does not report are absent.
+std::map<std::string, std::int64_t> recordCounts(DedupeTransport& transport,
+                                                 const std::vector<std::string>& objects);
 
 // The bytes of every document body (ContentVersion, only the latest versions
 // when latestOnly) and attachment body. An object the org will not sum counts
