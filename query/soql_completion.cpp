@@ -100,6 +100,27 @@ bool subsequence(const Folded& needle, const Folded& haystack) {
   return i == needle.length();
 }
 
+// The ranking score of an ASCII display against a lower-cased ASCII token,
+// before the kind bonus; none when it does not match at all.
+std::optional<long> asciiScore(std::string_view display, std::string_view token) {
+  const long length = static_cast<long>(display.size());
+  auto sameAt = [&](std::size_t start) {
+    for (std::size_t i = 0; i < token.size(); ++i)
+      if (lowerASCII(display[start + i]) != token[i]) return false;
+    return true;
+  };
+  if (token.size() <= display.size()) {
+    if (sameAt(0)) return token.size() == display.size() ? 1000 : 800 - length;
+    for (std::size_t start = 1; start + token.size() <= display.size(); ++start)
+      if (sameAt(start)) return 500 - length;
+  }
+  std::size_t i = 0;
+  for (std::size_t j = 0; j < display.size() && i < token.size(); ++j)
+    if (lowerASCII(display[j]) == token[i]) ++i;
+  if (i == token.size()) return 250 - length;
+  return std::nullopt;
+}
+
 // Characters at which a token ends, looking back from the cursor.
 bool endsToken(const SoqlScan& scan, std::size_t i) {
   if (scan.isSpace(i)) return true;
@@ -383,23 +404,27 @@ std::vector<Completion> rank(const std::vector<Completion>& candidates, std::str
   std::vector<Scored> scored;
   scored.reserve(candidates.size());
   for (std::size_t index = 0; index < candidates.size(); ++index) {
-    const Folded display(candidates[index].display);
-    const long length = static_cast<long>(display.length());
-    long score;
-    if (display.text == folded.text) {
-      score = 1000;
-    } else if (startsWith(display, folded)) {
-      score = 800 - length;
-    } else if (contains(display, folded)) {
-      score = 500 - length;
-    } else if (subsequence(folded, display)) {
-      score = 250 - length;
+    const std::string& original = candidates[index].display;
+    std::optional<long> score;
+    if (folded.ascii && isASCII(original)) {
+      score = asciiScore(original, folded.text);  // the common case, without allocating
     } else {
-      continue;
+      const Folded display(original);
+      const long length = static_cast<long>(display.length());
+      if (display.text == folded.text) {
+        score = 1000;
+      } else if (startsWith(display, folded)) {
+        score = 800 - length;
+      } else if (contains(display, folded)) {
+        score = 500 - length;
+      } else if (subsequence(folded, display)) {
+        score = 250 - length;
+      }
     }
+    if (!score) continue;
     Kind kind = candidates[index].kind;
-    if (kind == Kind::object || kind == Kind::field) score += 60;
-    scored.push_back({score, index});
+    if (kind == Kind::object || kind == Kind::field) *score += 60;
+    scored.push_back({*score, index});
   }
   std::stable_sort(scored.begin(), scored.end(),
                    [](const Scored& a, const Scored& b) { return a.score > b.score; });
@@ -423,6 +448,7 @@ Suggestions complete(std::string_view text, std::size_t cursor,
   const Token token = tokenAt(scan, cursor);
   const Context where = contextAt(scan, cursor);
   std::vector<Completion> candidates;
+  candidates.reserve(2 * fields.size() + objects.size() + 40);
   std::string rankToken = token.text;
   CharRange replace = token.range;
 

@@ -165,15 +165,22 @@ std::optional<std::string> SoqlScan::lastClauseKeyword(
   before = std::min(before, size());
   if (before < 1) return std::nullopt;
   const int limit = depth(before - 1);
+  // The upper-cased first letter of each keyword, when ASCII, for a cheap first test.
+  std::vector<char> firstLetters;
+  firstLetters.reserve(among.size());
+  for (std::string_view keyword : among) {
+    bool ascii = !keyword.empty() && static_cast<unsigned char>(keyword[0]) < 0x80;
+    firstLetters.push_back(ascii ? upperASCIIByte(keyword[0]) : '\0');
+  }
   std::optional<std::string_view> found;
   for (std::size_t i = 0; i < before; ++i) {
-    if (depth_[i] > limit) continue;
-    for (std::string_view keyword : among) {
-      if (keyword.empty()) continue;
-      // Cheap test first: an ASCII first letter must match.
-      if (isASCII(keyword.substr(0, 1)) && upper_[i] != upperASCIIByte(keyword[0])) continue;
-      if (matchWholeWord(keyword, i)) {
-        found = keyword;
+    // Only word starts outside literals, not deeper than the cursor, can begin a keyword.
+    if (depth_[i] > limit || (flags_[i] & kLiteral) || (i > 0 && (flags_[i - 1] & kWord)))
+      continue;
+    for (std::size_t k = 0; k < among.size(); ++k) {
+      if (among[k].empty() || (firstLetters[k] != '\0' && upper_[i] != firstLetters[k])) continue;
+      if (matchWholeWord(among[k], i)) {
+        found = among[k];
         break;
       }
     }
