@@ -1,17 +1,87 @@
-// `corvane dedupe`: duplicate snapshots, matching and merges.
+// `corvane dedupe`: duplicate snapshots.
+//
+//   dedupe download LOGIN OBJECT --match FIELD[:kind[:mode]],... [--extra FIELD,...]
+//                   [--scope "SOQL condition"]
+//   dedupe resume SNAPSHOT [--login LOGIN]
+//   dedupe snapshots LOGIN
+//   dedupe delete SNAPSHOT
+//
+// A download runs through a Bulk API query job into a new snapshot file under
+// the application-support folder, with a progress line; Ctrl-C pauses it, and
+// `resume` continues from the first page not stored.
 #pragma once
 
+#include <atomic>
+#include <filesystem>
 #include <functional>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "app/orgs_command.hpp"
+#include "connections/salesforce_api.hpp"
+#include "dedupe/match_kind.hpp"
+#include "dedupe/snapshot_downloader.hpp"
+#include "platform/user_facing_error.hpp"
 
 namespace CLI {
 class App;
 }
 
-namespace corvane::DedupeCommand {
+namespace corvane {
+
+class DedupeCommandError : public UserFacingError {
+ public:
+  enum class Kind { badMatchSpec, unknownField, noMatchFields, notASnapshot, otherLogin, noLogin };
+  static DedupeCommandError badMatchSpec(const std::string& spec);
+  static DedupeCommandError unknownField(const std::string& object, const std::string& field);
+  static DedupeCommandError noMatchFields();
+  static DedupeCommandError notASnapshot(const std::filesystem::path& path);
+  static DedupeCommandError otherLogin(const std::string& downloadedBy, const std::string& login);
+  static DedupeCommandError noLogin();
+  Kind kind() const { return kind_; }
+
+ private:
+  DedupeCommandError(Kind kind, const std::string& sentence)
+      : UserFacingError(sentence), kind_(kind) {}
+  Kind kind_;
+};
+
+namespace DedupeCommand {
+
+// One --match entry: the field, and the kind and mode when given.
+struct MatchSpec {
+  std::string field;
+  std::optional<MatchKind> kind;
+  std::optional<MatchMode> mode;
+  bool operator==(const MatchSpec&) const = default;
+};
+// "Email", "Name:personName", "Name:personName:close". Throws badMatchSpec.
+MatchSpec parseMatchSpec(const std::string& text);
+
+struct DownloadOptions {
+  std::vector<MatchSpec> match;
+  std::vector<std::string> extra;
+  std::optional<std::string> scope;
+  int pageSize = 50'000;
+  BulkQueryRunner::Options runner;
+  std::function<bool()> shouldCancel;  // none: never
+};
+
+// Each returns the snapshot file it worked on.
+std::filesystem::path download(CommandContext& context, SalesforceAPI::Client& api,
+                               const std::string& login, const std::string& object,
+                               const DownloadOptions& options);
+// login: the login to continue with; empty means the one that started it.
+std::filesystem::path resume(CommandContext& context, SalesforceAPI::Client& api,
+                             const std::filesystem::path& snapshot, const std::string& login,
+                             const DownloadOptions& options);
+void listSnapshots(CommandContext& context, SalesforceAPI::Client& api, const std::string& login);
+void remove(CommandContext& context, const std::filesystem::path& snapshot);
 
 // Adds the command to app; when chosen, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
 
-}  // namespace corvane::DedupeCommand
+}  // namespace DedupeCommand
+
+}  // namespace corvane

@@ -19,8 +19,8 @@ DownloadError DownloadError::jobFailed(const std::string& platformText) {
 
 DownloadError DownloadError::lowDiskSpace(std::int64_t needed, std::int64_t free) {
   DownloadError error(Kind::lowDiskSpace, "Not enough disk space: this download needs about " +
-                                              formatByteCount(needed) + " and only " +
-                                              formatByteCount(free) +
+                                              byteCountText(needed) + " and only " +
+                                              byteCountText(free) +
                                               " is free. Free up space or match on fewer fields.");
   error.needed_ = needed;
   error.free_ = free;
@@ -63,7 +63,7 @@ std::string DownloadError::shortTitle() const {
   }
 }
 
-std::string formatByteCount(std::int64_t bytes) {
+std::string byteCountText(std::int64_t bytes) {
   if (bytes < 1000) return fmt::format("{} bytes", bytes);
   const char* units[] = {"KB", "MB", "GB", "TB", "PB"};
   double value = static_cast<double>(bytes) / 1000.0;

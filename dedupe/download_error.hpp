@@ -45,7 +45,7 @@ class DownloadError : public UserFacingError {
 };
 
 // "12.3 MB": a byte count as the messages show it (decimal units).
-std::string formatByteCount(std::int64_t bytes);
+std::string byteCountText(std::int64_t bytes);
 
 // What a download is doing, for the screen.
 struct DownloadPhase {

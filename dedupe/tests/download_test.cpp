@@ -316,8 +316,8 @@ TEST_F(DownloadTest, LowDiskSpaceStopsBeforeAPageIsAskedFor) {
                                               "and only 900.0 KB is free.", 0), 0u);
   }
   EXPECT_EQ(org_.pages, 0);
-  EXPECT_EQ(formatByteCount(999), "999 bytes");
-  EXPECT_EQ(formatByteCount(2'500'000'000), "2.5 GB");
+  EXPECT_EQ(byteCountText(999), "999 bytes");
+  EXPECT_EQ(byteCountText(2'500'000'000), "2.5 GB");
 }
 
 TEST_F(DownloadTest, MultiObjectSnapshotFillsSlotsPerObject) {
