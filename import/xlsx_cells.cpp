@@ -83,15 +83,33 @@ std::int64_t floorDivide(std::int64_t a, std::int64_t b) {
   return q;
 }
 
+void appendTwoDigits(std::string& out, int value) {
+  out += static_cast<char>('0' + value / 10 % 10);
+  out += static_cast<char>('0' + value % 10);
+}
+
+// Written by hand: this runs once per date cell of a sheet.
 std::string dateTimeText(std::int64_t year, int month, int day, int hour, int minute, int second,
                          FormatKind kind) {
-  std::string date = fmt::format("{}-{:02d}-{:02d}", year, month, day);
-  std::string time = fmt::format("{:02d}:{:02d}:{:02d}", hour, minute, second);
-  switch (kind) {
-    case FormatKind::dateTime: return date + " " + time;
-    case FormatKind::time: return time;
-    default: return date;
+  std::string out;
+  out.reserve(19);
+  if (kind != FormatKind::time) {
+    char digits[24];
+    auto [end, error] = std::to_chars(digits, digits + sizeof digits, year);
+    out.append(digits, static_cast<std::size_t>(end - digits));
+    out += '-';
+    appendTwoDigits(out, month);
+    out += '-';
+    appendTwoDigits(out, day);
+    if (kind != FormatKind::dateTime) return out;
+    out += ' ';
   }
+  appendTwoDigits(out, hour);
+  out += ':';
+  appendTwoDigits(out, minute);
+  out += ':';
+  appendTwoDigits(out, second);
+  return out;
 }
 
 // The shortest decimal that reads back as value, written without an exponent.
@@ -240,11 +258,14 @@ std::string cleanNumber(std::string_view text) {
   double value = 0;
   if (!parseDouble(text, value) || !std::isfinite(value)) return std::string(text);
   if (value == 0) value = 0;  // no "-0"
-  std::string out;
+  // std::to_chars with a precision writes what printf's "%.0f" and "%.15g" write.
+  char buffer[64];
+  std::to_chars_result written{};
   if (value == std::trunc(value) && std::fabs(value) < 1e15)
-    out = fmt::format("{:.0f}", value);
+    written = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::fixed, 0);
   else
-    out = fmt::format("{:.15g}", value);
+    written = std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::general, 15);
+  std::string out(buffer, static_cast<std::size_t>(written.ptr - buffer));
   if (out.find_first_of("eE") != std::string::npos) return plainDecimal(value);
   return out;
 }

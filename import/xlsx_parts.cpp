@@ -30,6 +30,7 @@ class PullReader {
   // Moves to the next node; false at the end of the part.
   bool next() {
     int status = xmlTextReaderRead(reader_);
+    type_ = status == 1 ? xmlTextReaderNodeType(reader_) : -1;
     if (status == 1) return true;
     if (status == 0 && error_.empty()) return false;
     if (!inputFailure_.empty()) throw WorkbookFormatError(inputFailure_);
@@ -37,7 +38,7 @@ class PullReader {
                                           error_.empty() ? "" : " (" + error_ + ")"));
   }
 
-  int type() const { return xmlTextReaderNodeType(reader_); }
+  int type() const { return type_; }
   bool isElement(const char* name) const {
     return type() == XML_READER_TYPE_ELEMENT && std::strcmp(localName(), name) == 0;
   }
@@ -93,6 +94,7 @@ class PullReader {
 
   PartInput& input_;
   xmlTextReaderPtr reader_ = nullptr;
+  int type_ = -1;
   std::string error_;
   std::string inputFailure_;
 };
