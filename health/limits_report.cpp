@@ -19,7 +19,8 @@ std::optional<std::int64_t> integer(const json& object, const char* key) {
   if (it->is_number_integer()) return it->get<std::int64_t>();
   if (it->is_number_float()) {
     double value = it->get<double>();
-    if (std::isfinite(value)) return static_cast<std::int64_t>(value);
+    // Beyond ±2^62 the conversion would be undefined; no limit is that large.
+    if (std::isfinite(value) && std::fabs(value) < 4.6e18) return static_cast<std::int64_t>(value);
   }
   return std::nullopt;
 }
@@ -30,7 +31,8 @@ std::optional<LimitUsage> usage(std::string name, std::optional<std::int64_t> ma
   LimitUsage usage;
   usage.name = std::move(name);
   usage.maximum = *maximum;
-  usage.used = std::clamp<std::int64_t>(*maximum - *remaining, 0, *maximum);
+  // Clamp the remainder first, so that no subtraction can overflow.
+  usage.used = *maximum - std::clamp<std::int64_t>(*remaining, 0, *maximum);
   usage.share = usage.maximum > 0
                     ? static_cast<double>(usage.used) / static_cast<double>(usage.maximum)
                     : 0.0;

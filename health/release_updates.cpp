@@ -17,7 +17,10 @@ std::string text(const json& record, const char* key) {
 
 int count(const json& record, const char* key) {
   auto it = record.find(key);
-  return it != record.end() && it->is_number() ? it->get<int>() : 0;
+  if (it == record.end() || !it->is_number()) return 0;
+  const double value = it->get<double>();  // any number, clamped before it becomes an int
+  if (!(value > 0)) return 0;
+  return value < 1e9 ? static_cast<int>(value) : 1'000'000'000;
 }
 
 std::string oneLine(std::string text, std::size_t limit) {

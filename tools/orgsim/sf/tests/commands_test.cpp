@@ -346,7 +346,7 @@ TEST_F(StandIn, FailuresUseTheRealCliFrameAndExitStatus) {
   EXPECT_NE(badFlag.exitStatus, 0);
   EXPECT_EQ(parsed(badFlag)["context"], "OrgListCommand");
 
-  Outcome unsupported = sf({"org", "list", "metadata-types", "--json"});
+  Outcome unsupported = sf({"project", "deploy", "start", "--json"});
   EXPECT_NE(unsupported.exitStatus, 0);
   EXPECT_THAT(parsed(unsupported)["message"].get<std::string>(), HasSubstr("does not answer"));
 }
