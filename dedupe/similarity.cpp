@@ -41,6 +41,50 @@ std::size_t commonPrefix(std::string_view a, std::string_view b, std::size_t lim
   return l;
 }
 
+// Jaro for inputs of up to 64 bytes, with the matched flags as bit sets and
+// the positions of each byte of b looked up in a per-thread table that is
+// cleaned after use, so that a call costs O(|a| + |b|).
+double jaroShort(std::string_view a, std::string_view b, std::size_t range) {
+  thread_local std::uint64_t positions[256] = {};
+  const std::size_t la = a.size();
+  const std::size_t lb = b.size();
+  for (std::size_t j = 0; j < lb; ++j) {
+    positions[static_cast<unsigned char>(b[j])] |= std::uint64_t{1} << j;
+  }
+  std::uint64_t matchedA = 0;
+  std::uint64_t matchedB = 0;
+  std::size_t matches = 0;
+  for (std::size_t i = 0; i < la; ++i) {
+    std::size_t low = i > range ? i - range : 0;
+    std::size_t high = std::min(i + range + 1, lb);  // exclusive
+    if (low >= high) continue;
+    std::size_t width = high - low;
+    std::uint64_t window = (width >= 64 ? ~std::uint64_t{0} : ((std::uint64_t{1} << width) - 1)) << low;
+    std::uint64_t candidates = positions[static_cast<unsigned char>(a[i])] & ~matchedB & window;
+    if (candidates != 0) {
+      matchedB |= candidates & (~candidates + 1);  // the lowest one
+      matchedA |= std::uint64_t{1} << i;
+      ++matches;
+    }
+  }
+  for (std::size_t j = 0; j < lb; ++j) positions[static_cast<unsigned char>(b[j])] = 0;
+  if (matches == 0) return 0.0;
+
+  std::size_t outOfOrder = 0;
+  std::uint64_t restA = matchedA;
+  std::uint64_t restB = matchedB;
+  while (restA != 0) {
+    int i = __builtin_ctzll(restA);
+    int j = __builtin_ctzll(restB);
+    if (a[static_cast<std::size_t>(i)] != b[static_cast<std::size_t>(j)]) ++outOfOrder;
+    restA &= restA - 1;
+    restB &= restB - 1;
+  }
+  const double m = static_cast<double>(matches);
+  const double t = static_cast<double>(outOfOrder) / 2.0;
+  return (m / static_cast<double>(la) + m / static_cast<double>(lb) + (m - t) / m) / 3.0;
+}
+
 }  // namespace
 
 double jaro(std::string_view a, std::string_view b) {
@@ -51,6 +95,7 @@ double jaro(std::string_view a, std::string_view b) {
   const std::size_t lb = b.size();
   const std::size_t longer = std::max(la, lb);
   const std::size_t range = longer / 2 >= 1 ? longer / 2 - 1 : 0;
+  if (la <= 64 && lb <= 64) return jaroShort(a, b, range);
 
   Scratch<bool> matchedA(la + 1, false);
   Scratch<bool> matchedB(lb + 1, false);

@@ -1,0 +1,17 @@
+# The duplicate engine's hot paths and the snapshot download end to end.
+if(TARGET corvane_dedupe)
+  # jaroWinkler on short names and normalize for person names.
+  add_executable(dedupe_text_bench dedupe_text_bench.cpp)
+  target_link_libraries(dedupe_text_bench PRIVATE corvane_dedupe benchmark::benchmark)
+
+  # CSV pages parsed, normalised and stored: 3 match fields, 2 extras.
+  add_executable(dedupe_ingest_bench dedupe_ingest_bench.cpp)
+  target_link_libraries(dedupe_ingest_bench PRIVATE corvane_dedupe benchmark::benchmark)
+endif()
+
+if(TARGET corvane_dedupe AND TARGET corvane_orgsim_generate AND TARGET corvane_connections)
+  # 1,000,000 Contacts from the sample org into a snapshot through a Bulk query job.
+  add_executable(dedupe_download_bench dedupe_download_bench.cpp)
+  target_link_libraries(dedupe_download_bench PRIVATE corvane_dedupe corvane_connections
+                        corvane_orgsim_generate corvane_orgsim benchmark::benchmark)
+endif()
