@@ -15,8 +15,9 @@ CompletionRequestError CompletionRequestError::cursorPastEnd(std::size_t cursor,
   return {Kind::cursorPastEnd, "The cursor " + std::to_string(cursor) +
                                    " lies past the end of the text, which has " +
                                    std::to_string(length) +
-                                   " characters. Give a cursor from 0 to " +
-                                   std::to_string(length) + ", counted in characters."};
+                                   (length == 1 ? " character" : " characters") +
+                                   ". Give a cursor from 0 to " + std::to_string(length) +
+                                   ", counted in characters."};
 }
 
 namespace CompleteCommand {
