@@ -1,7 +1,7 @@
 #include "app/backup_command.hpp"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -53,7 +53,8 @@ std::optional<std::string> objectReason(const BackupPlanner::GlobalObject& objec
   return std::nullopt;
 }
 
-std::optional<std::int64_t> countRows(BackupTransport& transport, const BackupPlanner::ObjectPlan& plan,
+std::optional<std::int64_t> countRows(BackupTransport& transport,
+                                      const BackupPlanner::ObjectPlan& plan,
                                       const std::string& apiVersion) {
   try {
     const auto body = transport.send(
@@ -91,13 +92,14 @@ Survey survey(BackupTransport& transport, const BackupConfig& config, const Free
   result.freeSpaceFloor = config.freeSpaceFloor;
   const auto& options = config.options;
 
-  const auto global = BackupPlanner::GlobalObject::parse(
-      transport.send("GET", "/sobjects/", {}, std::nullopt));
+  const auto global =
+      BackupPlanner::GlobalObject::parse(transport.send("GET", "/sobjects/", {}, std::nullopt));
   const auto chosen = BackupPlanner::objects(global, options);
   const std::set<std::string> chosenSet(chosen.begin(), chosen.end());
   for (const auto& object : global) {
     if (chosenSet.count(object.name) != 0) continue;
-    if (auto reason = objectReason(object, options)) result.objectsLeftOut.push_back({object.name, *reason});
+    if (auto reason = objectReason(object, options))
+      result.objectsLeftOut.push_back({object.name, *reason});
   }
 
   auto counts = BackupEstimator::recordCounts(transport, chosen);
@@ -139,16 +141,18 @@ Survey survey(BackupTransport& transport, const BackupConfig& config, const Free
 }
 
 std::string text(const Survey& survey) {
-  std::string out = fmt::format("A backup of {} would be kept in\n  {}\n\n", survey.location.username,
-                                survey.location.folder().string());
+  std::string out = fmt::format("A backup of {} would be kept in\n  {}\n\n",
+                                survey.location.username, survey.location.folder().string());
   std::size_t nameWidth = 6;
-  for (const auto& object : survey.objects) nameWidth = std::max(nameWidth, object.plan.object.size());
+  for (const auto& object : survey.objects)
+    nameWidth = std::max(nameWidth, object.plan.object.size());
   out += fmt::format("{:<{}}  {:>12}  {:>6}  {:<4}  {}\n", "Object", nameWidth, "Records", "Fields",
                      "Way", "Fields left out");
   std::int64_t records = 0;
   for (const auto& object : survey.objects) {
     std::string leftOut;
-    for (const auto& field : object.fieldsLeftOut) leftOut += (leftOut.empty() ? "" : ", ") + field.name;
+    for (const auto& field : object.fieldsLeftOut)
+      leftOut += (leftOut.empty() ? "" : ", ") + field.name;
     out += fmt::format("{:<{}}  {:>12}  {:>6}  {:<4}  {}\n", object.plan.object, nameWidth,
                        object.records ? grouped(*object.records) : "unknown",
                        object.plan.fields.size(), object.via, leftOut);
@@ -169,24 +173,26 @@ std::string text(const Survey& survey) {
   }
 
   const auto& estimate = survey.estimate;
-  out += fmt::format(
-      "\nSpace: about {} ({} to {}), of which {} for documents and attachments.\n",
-      BackupError::byteCount(estimate.expected), BackupError::byteCount(estimate.low),
-      BackupError::byteCount(estimate.high), BackupError::byteCount(estimate.fileBytes));
-  out += fmt::format("The disk has {} free; {} are kept free.\n", BackupError::byteCount(estimate.free),
+  out += fmt::format("\nSpace: about {} ({} to {}), of which {} for documents and attachments.\n",
+                     BackupError::byteCount(estimate.expected),
+                     BackupError::byteCount(estimate.low), BackupError::byteCount(estimate.high),
+                     BackupError::byteCount(estimate.fileBytes));
+  out += fmt::format("The disk has {} free, and {} must stay free.\n",
+                     BackupError::byteCount(estimate.free),
                      BackupError::byteCount(survey.freeSpaceFloor));
   switch (estimate.verdict) {
     case BackupEstimator::Verdict::fits:
       out += "It fits.\n";
       break;
     case BackupEstimator::Verdict::tight:
-      out += "It should fit, but space is tight: if the records are larger than usual, the "
-             "backup stops before the disk fills and carries on once there is room.\n";
+      out +=
+          "It should fit, but space is tight: if the records are larger than usual, the "
+          "backup stops before the disk fills and carries on once there is room.\n";
       break;
     case BackupEstimator::Verdict::willNotFit:
-      out += std::string(BackupError::willNotFit(estimate.expected + survey.freeSpaceFloor,
-                                                 estimate.free)
-                             .what()) +
+      out += std::string(
+                 BackupError::willNotFit(estimate.expected + survey.freeSpaceFloor, estimate.free)
+                     .what()) +
              "\n";
       break;
   }
@@ -197,7 +203,8 @@ std::string json(const Survey& survey) {
   using Ordered = nlohmann::ordered_json;
   auto reasons = [](const std::vector<LeftOut>& list) {
     Ordered array = Ordered::array();
-    for (const auto& entry : list) array.push_back(Ordered{{"name", entry.name}, {"reason", entry.reason}});
+    for (const auto& entry : list)
+      array.push_back(Ordered{{"name", entry.name}, {"reason", entry.reason}});
     return array;
   };
   Ordered objects = Ordered::array();
@@ -222,9 +229,12 @@ std::string json(const Survey& survey) {
   out["folder"] = survey.location.folder().string();
   out["objects"] = std::move(objects);
   out["objectsLeftOut"] = reasons(survey.objectsLeftOut);
-  out["space"] = Ordered{{"recordBytes", estimate.recordBytes}, {"fileBytes", estimate.fileBytes},
-                         {"low", estimate.low},                 {"expected", estimate.expected},
-                         {"high", estimate.high},               {"free", estimate.free},
+  out["space"] = Ordered{{"recordBytes", estimate.recordBytes},
+                         {"fileBytes", estimate.fileBytes},
+                         {"low", estimate.low},
+                         {"expected", estimate.expected},
+                         {"high", estimate.high},
+                         {"free", estimate.free},
                          {"floor", survey.freeSpaceFloor},
                          {"verdict", BackupEstimator::toText(estimate.verdict)}};
   return out.dump(2) + "\n";
@@ -269,7 +279,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       APITransport transport(api, org);
       BackupConfig config;
       config.location = {arguments->root.empty() ? BackupLocation::defaultRoot()
-                                                  : std::filesystem::path(arguments->root),
+                                                 : std::filesystem::path(arguments->root),
                          org.orgId.value_or("unknown-org"), org.username};
       config.options = arguments->options;
       if (!arguments->only.empty()) config.options.onlyObjects = arguments->only;

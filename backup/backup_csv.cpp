@@ -140,7 +140,8 @@ void scan(std::string_view data, const std::function<void(const Record& header)>
         for (;;) {
           const void* found = std::memchr(bytes + i, '"', size - i);
           if (found == nullptr) throw Unreadable(Unreadable::Kind::cutOff);
-          const std::size_t quote = static_cast<std::size_t>(static_cast<const char*>(found) - bytes);
+          const std::size_t quote =
+              static_cast<std::size_t>(static_cast<const char*>(found) - bytes);
           field.append(bytes + i, quote - i);
           i = quote + 1;
           if (i < size && bytes[i] == '"') {

@@ -38,8 +38,8 @@ BackupError BackupError::badResponse(const std::string& text) {
 
 BackupError BackupError::willNotFit(std::int64_t needed, std::int64_t free) {
   return {Kind::willNotFit,
-          "This backup needs about " + byteCount(needed) + " and only " +
-              byteCount(free) + " is free. Free up space or choose " +
+          "This backup needs about " + byteCount(needed) + " and only " + byteCount(free) +
+              " is free. Free up space or choose " +
               "another folder for this backup on a bigger disk. Nothing was copied yet.",
           {},
           needed,
@@ -53,12 +53,11 @@ BackupError BackupError::driveNotConnected(const std::string& name) {
           name};
 }
 
-BackupError BackupError::demoMode() {
-  return {Kind::demoMode, "Backups do not run in demo mode."};
-}
+BackupError BackupError::demoMode() { return {Kind::demoMode, "Backups do not run in demo mode."}; }
 
 BackupError BackupError::alreadyRunning() {
-  return {Kind::alreadyRunning, "A backup of this org is already running. It will finish on its own."};
+  return {Kind::alreadyRunning,
+          "A backup of this org is already running. It will finish on its own."};
 }
 
 BackupError BackupError::signedOut() {

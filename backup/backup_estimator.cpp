@@ -28,8 +28,8 @@ std::int64_t bytesPerRow(int fieldCount) {
   return 8 * static_cast<std::int64_t>(std::max(fieldCount, 1)) + 40;
 }
 
-Estimate estimate(const std::vector<ObjectSize>& records, std::int64_t fileBytes,
-                  std::int64_t free, std::int64_t floor) {
+Estimate estimate(const std::vector<ObjectSize>& records, std::int64_t fileBytes, std::int64_t free,
+                  std::int64_t floor) {
   Estimate result;
   for (const auto& object : records)
     result.recordBytes += std::max<std::int64_t>(object.count, 0) * bytesPerRow(object.fieldCount);
@@ -106,9 +106,9 @@ std::optional<std::int64_t> sumValue(std::string_view data) {
 }
 
 std::int64_t fileBytes(DedupeTransport& transport, bool latestOnly) {
-  const std::string versions = latestOnly
-                                   ? "SELECT SUM(ContentSize) FROM ContentVersion WHERE IsLatest = true"
-                                   : "SELECT SUM(ContentSize) FROM ContentVersion";
+  const std::string versions =
+      latestOnly ? "SELECT SUM(ContentSize) FROM ContentVersion WHERE IsLatest = true"
+                 : "SELECT SUM(ContentSize) FROM ContentVersion";
   std::int64_t total = 0;
   for (const auto& soql : {versions, std::string("SELECT SUM(BodyLength) FROM Attachment")}) {
     try {

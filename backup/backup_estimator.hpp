@@ -42,8 +42,8 @@ std::int64_t bytesPerRow(int fieldCount);
 
 // willNotFit when free < expected + floor; tight when free < high + floor;
 // otherwise fits. Negative counts and file bytes count as 0.
-Estimate estimate(const std::vector<ObjectSize>& records, std::int64_t fileBytes,
-                  std::int64_t free, std::int64_t floor);
+Estimate estimate(const std::vector<ObjectSize>& records, std::int64_t fileBytes, std::int64_t free,
+                  std::int64_t floor);
 
 // Record counts per object as Salesforce reports them ("/limits/recordCount";
 // the counts are Salesforce's own and may lag a little). Throws

@@ -119,8 +119,10 @@ void to_json(nlohmann::json& json, const Options& options) {
 
 void from_json(const nlohmann::json& json, Options& options) {
   options = Options{};
-  if (auto it = json.find("includeHistoryAndFeed"); it != json.end()) it->get_to(options.includeHistoryAndFeed);
-  if (auto it = json.find("includeFormulaFields"); it != json.end()) it->get_to(options.includeFormulaFields);
+  if (auto it = json.find("includeHistoryAndFeed"); it != json.end())
+    it->get_to(options.includeHistoryAndFeed);
+  if (auto it = json.find("includeFormulaFields"); it != json.end())
+    it->get_to(options.includeFormulaFields);
   if (auto it = json.find("extraObjects"); it != json.end()) it->get_to(options.extraObjects);
   if (auto it = json.find("excludedObjects"); it != json.end()) it->get_to(options.excludedObjects);
   if (auto it = json.find("onlyObjects"); it != json.end() && !it->is_null())
@@ -242,7 +244,8 @@ ObjectPlan plan(const Describe& describe, const Options& options, std::optional<
   } else {
     plan.mode = plan.watermarkField ? Mode::full : Mode::whole;
   }
-  for (std::size_t i = 0; i < conditions.size(); ++i) soql += (i == 0 ? " WHERE " : " AND ") + conditions[i];
+  for (std::size_t i = 0; i < conditions.size(); ++i)
+    soql += (i == 0 ? " WHERE " : " AND ") + conditions[i];
   plan.soql = std::move(soql);
   plan.operation = isOneOf(describe.name, archivable) ? "queryAll" : "query";
   return plan;
@@ -250,7 +253,8 @@ ObjectPlan plan(const Describe& describe, const Options& options, std::optional<
 
 std::pair<std::string, std::string> idQuery(const std::string& object) {
   std::string soql = "SELECT Id FROM " + object;
-  if (object == "ContentDocumentLink") return {soql + " WHERE " + contentDocumentLinkFilter, "query"};
+  if (object == "ContentDocumentLink")
+    return {soql + " WHERE " + contentDocumentLinkFilter, "query"};
   // Archived activities are only read by queryAll, which also returns the
   // deleted ones still in the Recycle Bin; those must not count as present.
   if (isOneOf(object, archivable)) return {soql + " WHERE IsDeleted = false", "queryAll"};

@@ -89,8 +89,8 @@ inline constexpr std::array<std::string_view, 5> fileObjects{
     "ContentVersion", "ContentDocument", "ContentDocumentLink", "Attachment", "Document"};
 // Objects never planned: Salesforce will not read them in bulk.
 inline constexpr std::array<std::string_view, 6> bulkRefused{
-    "RecentlyViewed", "UserRecordAccess", "IdeaComment", "Vote", "ActionableListMember",
-    "KnowledgeArticleVersionHistory"};
+    "RecentlyViewed", "UserRecordAccess",     "IdeaComment",
+    "Vote",           "ActionableListMember", "KnowledgeArticleVersionHistory"};
 // Field types never selected.
 inline constexpr std::array<std::string_view, 3> refusedTypes{"address", "location", "base64"};
 // Objects whose archived rows are read with "queryAll".
@@ -126,8 +126,7 @@ std::optional<std::string> watermarkField(const Describe& describe);
 // One object's plan. since is the start of the last usable run, none for a
 // full copy. unsupported are fields Salesforce refused in an earlier query
 // (objects.unsupported_fields), left out (any letter case).
-ObjectPlan plan(const Describe& describe, const Options& options,
-                std::optional<SystemTime> since,
+ObjectPlan plan(const Describe& describe, const Options& options, std::optional<SystemTime> since,
                 const std::set<std::string>& unsupported = {});
 
 // The id-only query (soql, operation) that lists an object's live records,

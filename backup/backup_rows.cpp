@@ -30,8 +30,8 @@ std::map<std::string, Row> lastKnown(BackupStore& store, const std::string& obje
           *data,
           [&](const BackupCSV::Record& record) {
             header = record.fields;
-            idColumn = static_cast<std::size_t>(
-                std::find(header.begin(), header.end(), "Id") - header.begin());
+            idColumn = static_cast<std::size_t>(std::find(header.begin(), header.end(), "Id") -
+                                                header.begin());
           },
           [&](const BackupCSV::Record& record) {
             if (idColumn >= record.fields.size()) return idColumn < header.size();

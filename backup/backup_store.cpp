@@ -34,10 +34,7 @@ struct Table {
 
 const std::vector<Table>& tables() {
   static const std::vector<Table> all{
-      {"sets",
-       {{"key", "TEXT PRIMARY KEY", nullptr}, {"value", "TEXT NOT NULL", nullptr}},
-       "",
-       ""},
+      {"sets", {{"key", "TEXT PRIMARY KEY", nullptr}, {"value", "TEXT NOT NULL", nullptr}}, "", ""},
       {"objects",
        {{"name", "TEXT PRIMARY KEY", nullptr},
         {"watermark_field", text, text},
@@ -206,8 +203,9 @@ BackupStore::Run runFrom(const Statement& row) {
 // A records job counts as complete when it is done, or skipped because there
 // was nothing to copy; as left out when it failed or was skipped for any other
 // reason. Pending and running jobs are neither.
-const std::string completeCondition = std::string("(state = 'done' OR (state = 'skipped' AND reason IN ('") +
-                                      noChangesReason + "', '" + noRecordsReason + "')))";
+const std::string completeCondition =
+    std::string("(state = 'done' OR (state = 'skipped' AND reason IN ('") + noChangesReason +
+    "', '" + noRecordsReason + "')))";
 const std::string leftOutCondition =
     "(state = 'failed' OR (state = 'skipped' AND NOT " + completeCondition + "))";
 
@@ -281,8 +279,8 @@ void BackupStore::setSetting(const std::string& key, const std::string& value) {
 }
 
 std::vector<BackupStore::Run> BackupStore::runs() {
-  auto statement =
-      db_->prepare(std::string("SELECT ") + runColumns + " FROM runs WHERE retired = 0 ORDER BY id");
+  auto statement = db_->prepare(std::string("SELECT ") + runColumns +
+                                " FROM runs WHERE retired = 0 ORDER BY id");
   std::vector<Run> all;
   while (statement.step()) all.push_back(runFrom(statement));
   return all;

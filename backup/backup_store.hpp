@@ -167,7 +167,8 @@ class BackupStore {
   std::vector<FileVersion> fileVersions();
 
   // What retention removed for this run.
-  void recordRemovals(std::int64_t run, const std::vector<std::string>& folders, std::int64_t bytes);
+  void recordRemovals(std::int64_t run, const std::vector<std::string>& folders,
+                      std::int64_t bytes);
   // (id, folder) of runs marked retired, oldest first.
   std::vector<std::pair<std::int64_t, std::string>> retiredRuns();
   void markRetired(std::int64_t run);

@@ -44,12 +44,11 @@ std::optional<LastRun> LastRun::read(const BackupLocation& location) {
 }
 
 std::string LastRun::json() const {
-  nlohmann::json json{{"startedAt", startedAt}, {"finishedAt", finishedAt},
-                      {"kind", kind},           {"result", result},
-                      {"message", message},     {"records", records},
-                      {"deleted", deleted},     {"files", files},
-                      {"filesWaiting", filesWaiting}, {"bytes", bytes},
-                      {"folder", folder}};
+  nlohmann::json json{
+      {"startedAt", startedAt}, {"finishedAt", finishedAt}, {"kind", kind},
+      {"result", result},       {"message", message},       {"records", records},
+      {"deleted", deleted},     {"files", files},           {"filesWaiting", filesWaiting},
+      {"bytes", bytes},         {"folder", folder}};
   if (removedBackups) json["removedBackups"] = *removedBackups;
   if (removedBytes) json["removedBytes"] = *removedBytes;
   if (unusualDeletions) json["unusualDeletions"] = *unusualDeletions;

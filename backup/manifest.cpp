@@ -13,7 +13,8 @@ using Ordered = nlohmann::ordered_json;
 
 Ordered reasons(const std::vector<Manifest::ObjectReason>& list) {
   Ordered array = Ordered::array();
-  for (const auto& entry : list) array.push_back(Ordered{{"name", entry.name}, {"reason", entry.reason}});
+  for (const auto& entry : list)
+    array.push_back(Ordered{{"name", entry.name}, {"reason", entry.reason}});
   return array;
 }
 
@@ -82,11 +83,10 @@ std::optional<Manifest> Manifest::parse(std::string_view text) {
     const auto& deletions = json.at("deletions");
     deletions.at("count").get_to(manifest.deletionCount);
     for (const auto& entry : deletions.at("byObject")) {
-      manifest.deletionsByObject.push_back({entry.at("name").get<std::string>(),
-                                            entry.at("deleted").get<std::int64_t>(),
-                                            entry.at("missing").get<std::int64_t>(),
-                                            entry.at("heldBefore").get<std::int64_t>(),
-                                            entry.at("unusual").get<bool>()});
+      manifest.deletionsByObject.push_back(
+          {entry.at("name").get<std::string>(), entry.at("deleted").get<std::int64_t>(),
+           entry.at("missing").get<std::int64_t>(), entry.at("heldBefore").get<std::int64_t>(),
+           entry.at("unusual").get<bool>()});
     }
     manifest.idChecksFailed = readReasons(json.at("idChecksFailed"));
     const auto& files = json.at("files");

@@ -21,7 +21,8 @@ const std::string& sampleCSV() {
       row[2] = "2024-01-05T10:00:00.000Z";
       row[3] = std::to_string(i * 1000) + ".25";
       row[4] = i % 7 == 0 ? "Line one\nline \"two\"" : "Straße 12, Zürich";
-      for (int f = 5; f < 20; ++f) row[static_cast<std::size_t>(f)] = f % 3 == 0 ? "" : "value " + std::to_string(f);
+      for (int f = 5; f < 20; ++f)
+        row[static_cast<std::size_t>(f)] = f % 3 == 0 ? "" : "value " + std::to_string(f);
       out += corvane::BackupCSV::line(row);
     }
     return out;

@@ -13,8 +13,8 @@ class BackupPlanTest : public orgsim::testing::ServerFixture {
  protected:
   BackupCommand::Survey plan(const BackupPlanner::Options& options, std::int64_t free) {
     SalesforceAPI::Client api([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
+      return SalesforceAPI::Session{
+          orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
     });
     Org org;
     org.username = store().identity().adminUsername;
@@ -45,8 +45,8 @@ class BackupPlanTest : public orgsim::testing::ServerFixture {
 TEST_F(BackupPlanTest, PlansTheOrgsObjectsWithCountsAndSaysWhatIsLeftOut) {
   orgsim::testing::addAccounts(store(), 150);
   BackupPlanner::Options options;
-  options.onlyObjects = std::vector<std::string>{"account", "Contact", "Task", "recentlyviewed",
-                                                 "AccountHistory", "NoSuch__c"};
+  options.onlyObjects = std::vector<std::string>{"account",        "Contact",        "Task",
+                                                 "recentlyviewed", "AccountHistory", "NoSuch__c"};
   auto survey = plan(options, 1'000'000'000'000);
 
   std::vector<std::string> names;
@@ -65,10 +65,11 @@ TEST_F(BackupPlanTest, PlansTheOrgsObjectsWithCountsAndSaysWhatIsLeftOut) {
   EXPECT_EQ(find(survey, "Task")->plan.operation, "queryAll");
   EXPECT_EQ(find(survey, "Task")->via, "rest");
 
-  EXPECT_EQ(survey.objectsLeftOut,
-            (std::vector<BackupCommand::LeftOut>{
-                {"AccountHistory", "History and feed objects are left out unless they are asked for."},
-                {"RecentlyViewed", "Salesforce does not allow this object to be read in bulk."}}));
+  EXPECT_EQ(
+      survey.objectsLeftOut,
+      (std::vector<BackupCommand::LeftOut>{
+          {"AccountHistory", "History and feed objects are left out unless they are asked for."},
+          {"RecentlyViewed", "Salesforce does not allow this object to be read in bulk."}}));
   EXPECT_EQ(survey.estimate.verdict, BackupEstimator::Verdict::fits);
   // The backup folder does not exist yet: its nearest existing parent is measured.
   EXPECT_EQ(seenFolder_, backups_.path());

@@ -68,7 +68,8 @@ TEST(BackupCSV, ScanRefusesBytesThatAreNotTextAndACutOffQuote) {
     }
     return std::string("scanned");
   };
-  const std::string notText = "Its contents are not text, so it is not one of this backup's own files.";
+  const std::string notText =
+      "Its contents are not text, so it is not one of this backup's own files.";
   EXPECT_EQ(reasonOf("Id,Name\n1,Caf\xE9\n"), notText);  // Latin-1
   EXPECT_EQ(reasonOf("Id\n\xC0\xAF\n"), notText);        // overlong encoding
   EXPECT_EQ(reasonOf("Id\n\xED\xA0\x80\n"), notText);    // a UTF-16 surrogate

@@ -69,11 +69,11 @@ TEST(Manifest, KeysComeInTheirFixedOrderAndReadBack) {
   manifest.write(folder.path());
   const auto text = Durable::readWhole(folder.path() / "manifest.json").value();
   std::size_t last = 0;
-  for (const char* key : {"\"format\": 1", "\"kind\": \"changes\"", "\"username\"", "\"startedAt\"",
-                          "\"finishedAt\"", "\"result\"", "\"message\"", "\"objects\"",
-                          "\"deletions\"", "\"idChecksFailed\"", "\"files\"",
-                          "\"folder\": \"../Files\"", "\"objectsLeftOut\"", "\"retention\"",
-                          "\"note\""}) {
+  for (const char* key :
+       {"\"format\": 1", "\"kind\": \"changes\"", "\"username\"", "\"startedAt\"", "\"finishedAt\"",
+        "\"result\"", "\"message\"", "\"objects\"", "\"deletions\"", "\"idChecksFailed\"",
+        "\"files\"", "\"folder\": \"../Files\"", "\"objectsLeftOut\"", "\"retention\"",
+        "\"note\""}) {
     const auto at = text.find(key);
     ASSERT_NE(at, std::string::npos) << key;
     EXPECT_GT(at, last) << key;
@@ -92,7 +92,8 @@ TEST(ReadMe, IsWrittenByteForByte) {
   EXPECT_EQ(text.rfind("WHAT IS IN THIS FOLDER\n\nEvery record", 0), 0u);
   EXPECT_NE(text.find("Data Import window in Corvane.\n\nWHERE THE DOCUMENTS ARE\n\n"),
             std::string::npos);
-  const std::string ending = "\n\nTake the Files folder with it, or the documents will be missing.\n";
+  const std::string ending =
+      "\n\nTake the Files folder with it, or the documents will be missing.\n";
   EXPECT_EQ(text.substr(text.size() - ending.size()), ending);
   EXPECT_EQ(text.find('\r'), std::string::npos);
 }

@@ -23,7 +23,8 @@ TEST(BackupLock, ASecondRunIsRefusedUntilTheFirstLetsGo) {
     FAIL() << "two locks on one org";
   } catch (const BackupError& error) {
     EXPECT_EQ(error.kind(), BackupError::Kind::alreadyRunning);
-    EXPECT_STREQ(error.what(), "A backup of this org is already running. It will finish on its own.");
+    EXPECT_STREQ(error.what(),
+                 "A backup of this org is already running. It will finish on its own.");
   }
   lock.release();
   EXPECT_FALSE(BackupLock::isHeld(lockURL));

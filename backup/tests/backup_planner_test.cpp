@@ -52,8 +52,9 @@ TEST(BackupPlanner, ExtraExcludedAndOnlyListsIgnoreLetterCase) {
   Options options;
   options.extraObjects = {"aggregatething", "accounthistory", "NoSuchObject", "recentlyviewed"};
   options.excludedObjects = {"CONTACT"};
-  EXPECT_EQ(BackupPlanner::objects(sampleOrg(), options),
-            (std::vector<std::string>{"Account", "AccountHistory", "AggregateThing", "Invoice__c"}));
+  EXPECT_EQ(
+      BackupPlanner::objects(sampleOrg(), options),
+      (std::vector<std::string>{"Account", "AccountHistory", "AggregateThing", "Invoice__c"}));
   options.onlyObjects = std::vector<std::string>{"account", "contact", "Missing__c", "VOTE"};
   EXPECT_EQ(BackupPlanner::objects(sampleOrg(), options), std::vector<std::string>{"Account"});
 }
@@ -118,7 +119,8 @@ TEST(BackupPlanner, PlansFullChangesAndWholeCopies) {
 
 TEST(BackupPlanner, ContentDocumentLinkIsAlwaysFiltered) {
   Describe links{"ContentDocumentLink",
-                 {{"Id", "id", false}, {"LinkedEntityId", "reference", false},
+                 {{"Id", "id", false},
+                  {"LinkedEntityId", "reference", false},
                   {"SystemModstamp", "datetime", false}}};
   auto plan = BackupPlanner::plan(links, Options{}, ServerTime::parse("2024-03-05T10:11:12Z"));
   EXPECT_EQ(plan.soql,

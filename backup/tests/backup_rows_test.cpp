@@ -29,7 +29,8 @@ TEST(BackupRows, LastKnownTakesEachIdFromTheNewestUsableEarlierRun) {
              BackupCSV::line(std::vector<std::string>{"Old B", "b"}));
   addRun("2024-05-02 1000", "complete",
          header + BackupCSV::line(std::vector<std::string>{"New A", "a"}));
-  addRun("2024-05-03 1000", "stopped", header + BackupCSV::line(std::vector<std::string>{"Stopped", "b"}));
+  addRun("2024-05-03 1000", "stopped",
+         header + BackupCSV::line(std::vector<std::string>{"Stopped", "b"}));
   addRun("2024-05-04 1000", "complete", "Name,Id\n\"cut off");
   const auto current = addRun("2024-05-05 1000", "complete",
                               header + BackupCSV::line(std::vector<std::string>{"Current", "a"}));

@@ -71,9 +71,9 @@ TEST_F(BackupStoreTest, AFreshDatabaseHasTheWholeSchemaAndFullSync) {
   EXPECT_EQ(columnsOf(store.db(), "known_ids").size(), 9u);
   EXPECT_EQ(columnsOf(store.db(), "file_versions").size(), 16u);
   EXPECT_EQ(columnsOf(store.db(), "objects").size(), 11u);
-  EXPECT_EQ(std::filesystem::status(location.databaseURL()).permissions() &
-                std::filesystem::perms::all,
-            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  EXPECT_EQ(
+      std::filesystem::status(location.databaseURL()).permissions() & std::filesystem::perms::all,
+      std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
 }
 
 TEST_F(BackupStoreTest, AFolderKeptForAnotherLoginIsRefusedUnchanged) {
@@ -118,7 +118,8 @@ TEST_F(BackupStoreTest, KnownIdsDeletionsAndFileVersionsReadBackInOrder) {
             (std::vector<std::pair<std::string, std::int64_t>>{{"Account", 2}, {"Contact", 1}}));
   auto found = store.deletions(2);
   ASSERT_EQ(found.size(), 2u);
-  EXPECT_EQ(found[0], (BackupStore::Deletion{"Account", "a9", "2024-05-02T00:00:00Z", "recycleBin"}));
+  EXPECT_EQ(found[0],
+            (BackupStore::Deletion{"Account", "a9", "2024-05-02T00:00:00Z", "recycleBin"}));
   EXPECT_EQ(found[1].id, "c3");
   auto versions = store.fileVersions();
   ASSERT_EQ(versions.size(), 3u);
@@ -142,8 +143,8 @@ TEST_F(BackupStoreTest, RunsRetireAreForgottenAndReportTheirObjects) {
       "(2, 1, 'Account', 'records', 'q', 'skipped', 'No changes since the last backup.'),"
       "(2, 2, 'Lead', 'records', 'q', 'skipped', 'Salesforce would not describe this object.'),"
       "(2, 3, 'Task', 'records', 'q', 'running', '');");
-  EXPECT_EQ(store.objectsPerRun(), (std::vector<BackupStore::RunObjects>{{first, 2, 1, 1},
-                                                                         {second, 3, 1, 1}}));
+  EXPECT_EQ(store.objectsPerRun(),
+            (std::vector<BackupStore::RunObjects>{{first, 2, 1, 1}, {second, 3, 1, 1}}));
   auto infos = store.retentionRuns();
   ASSERT_EQ(infos.size(), 2u);
   EXPECT_TRUE(infos[0].usable);
