@@ -42,12 +42,15 @@ std::size_t commonPrefix(std::string_view a, std::string_view b, std::size_t lim
 }
 
 // Jaro for inputs of up to 64 bytes, with the matched flags as bit sets and
-// the positions of each byte of b looked up in a per-thread table that is
-// cleaned after use, so that a call costs O(|a| + |b|).
+// the positions of each byte of b looked up in a table of which only the
+// entries for the bytes of a and b are written (and read), so that a call
+// costs O(|a| + |b|).
 double jaroShort(std::string_view a, std::string_view b, std::size_t range) {
-  thread_local std::uint64_t positions[256] = {};
+  std::uint64_t positions[256];
   const std::size_t la = a.size();
   const std::size_t lb = b.size();
+  for (std::size_t i = 0; i < la; ++i) positions[static_cast<unsigned char>(a[i])] = 0;
+  for (std::size_t j = 0; j < lb; ++j) positions[static_cast<unsigned char>(b[j])] = 0;
   for (std::size_t j = 0; j < lb; ++j) {
     positions[static_cast<unsigned char>(b[j])] |= std::uint64_t{1} << j;
   }
@@ -67,7 +70,6 @@ double jaroShort(std::string_view a, std::string_view b, std::size_t range) {
       ++matches;
     }
   }
-  for (std::size_t j = 0; j < lb; ++j) positions[static_cast<unsigned char>(b[j])] = 0;
   if (matches == 0) return 0.0;
 
   std::size_t outOfOrder = 0;
