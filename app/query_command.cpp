@@ -125,14 +125,17 @@ std::int64_t run(CommandContext& context, SalesforceAPI::Client& api, const std:
   std::int64_t totalSize = 0;
   api.queryStream(soql, org, [&](SalesforceAPI::QueryPage page) {
     totalSize = page.totalSize;
+    if (table && !headerWritten && !page.records.empty()) {
+      // FIELDS(...) and the like: the first record tells the columns.
+      if (columns.empty()) columns = ResultTable::columns(page.records.front());
+      columns = ResultTable::withRecordNames(std::move(columns), page.records);
+      writeHeader();
+    }
     for (auto& record : page.records) {
       if (!table) {
         withoutAttributes(std::move(record)).dump(text);
         text += '\n';
       } else {
-        // FIELDS(...) and the like: the first record tells the columns.
-        if (columns.empty()) columns = ResultTable::columns(record);
-        if (!headerWritten) writeHeader();
         writeRow(ResultTable::cells(record, columns));
       }
       ++rows;

@@ -51,11 +51,16 @@ std::vector<std::string> splitPath(std::string_view dotted) {
   return path;
 }
 
-const JSONLiteral* member(const JSONLiteral& object, std::string_view key) {
-  if (const JSONLiteral* exact = object.find(key)) return exact;
-  if (const auto* members = object.asObject()) {
-    for (const auto& [name, value] : *members)
-      if (equalsIgnoringCase(name, key)) return &value;
+// The member whose key matches in any case, and that key as the record spells it.
+const JSONLiteral* member(const JSONLiteral& object, std::string_view key,
+                          const std::string** spelled = nullptr) {
+  const auto* members = object.asObject();
+  if (!members) return nullptr;
+  for (const auto& [name, value] : *members) {
+    if (name == key || equalsIgnoringCase(name, key)) {
+      if (spelled) *spelled = &name;
+      return &value;
+    }
   }
   return nullptr;
 }
@@ -163,6 +168,27 @@ bool isCountOnly(std::string_view soql) {
                             [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }),
              item.end());
   return equalsIgnoringCase(item, "COUNT()");
+}
+
+std::vector<Column> withRecordNames(std::vector<Column> columns,
+                                    const std::vector<JSONLiteral>& records) {
+  for (auto& column : columns) {
+    for (const auto& record : records) {
+      const JSONLiteral* value = &record;
+      std::string name;
+      for (const auto& key : column.path) {
+        const std::string* spelled = nullptr;
+        value = value ? member(*value, key, &spelled) : nullptr;
+        if (!value) break;
+        name += (name.empty() ? "" : ".") + *spelled;
+      }
+      if (value) {
+        column.name = std::move(name);
+        break;
+      }
+    }
+  }
+  return columns;
 }
 
 std::vector<std::string> cells(const JSONLiteral& record, const std::vector<Column>& columns) {

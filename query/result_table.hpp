@@ -31,6 +31,12 @@ std::vector<Column> columns(const JSONLiteral& record);
 // Whether the select list is COUNT() alone: the answer is the total size, with no records.
 bool isCountOnly(std::string_view soql);
 
+// The columns renamed with the keys' own spelling in the first of records
+// where the whole path is present ("owner.name" becomes "Owner.Name"); a
+// column that no record resolves keeps its name.
+std::vector<Column> withRecordNames(std::vector<Column> columns,
+                                    const std::vector<JSONLiteral>& records);
+
 // The cell texts of a record: strings as they are, numbers exactly as sent,
 // true/false, empty for null or a missing value, and other objects (an
 // address, a subquery's records) as compact JSON without "attributes".

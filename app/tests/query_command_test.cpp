@@ -76,6 +76,10 @@ TEST_F(QueryCommandTest, WritesCSVAndTSVWithColumnsInSelectListOrder) {
   EXPECT_EQ(runQuery("SELECT Id, Name FROM Account WHERE Name = 'nobody'", QueryCommand::Format::csv),
             "Id,Name\n");
   EXPECT_EQ(runQuery("SELECT COUNT() FROM Account", QueryCommand::Format::csv), "COUNT()\n3\n");
+  // Names as written in any case take the org's spelling.
+  EXPECT_EQ(runQuery("select name, owner.NAME from account where name = 'Account 0002'",
+                     QueryCommand::Format::csv),
+            "Name,Owner.Name\nAccount 0002," + owner.substr(0, owner.size() - 1) + "\n");
 }
 
 TEST_F(QueryCommandTest, AFileAppearsWholeAndAFailedQueryLeavesTheOldOneAlone) {

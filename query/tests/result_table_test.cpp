@@ -43,6 +43,11 @@ TEST(ResultTable, CellsFlattenRelationshipsAndKeepNumberText) {
   EXPECT_THAT(ResultTable::cells(record, columns),
               ElementsAre("003A", "12345678901234567890.10", "false", "", "Acme", "", 
                           R"({"city":"Oslo","street":null})", "", R"([{"Subject":"Hi"}])"));
+  // Header names take the record's own spelling where the whole path is present.
+  auto other = JSONLiteral::parse(R"({"Account":null,"ID":"x"})");
+  EXPECT_THAT(names(ResultTable::withRecordNames(columns, {other, record})),
+              ElementsAre("ID", "Amount__c", "DoNotCall", "Email", "Account.Name",
+                          "account.owner.name", "MailingAddress", "Missing__c", "Cases"));
   // Without a usable select list the record's own fields give the columns.
   EXPECT_THAT(names(ResultTable::columns(record)),
               ElementsAre("Id", "Amount__c", "DoNotCall", "Email", "Account.Name", "Account.Owner",
