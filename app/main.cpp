@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include "app/backup_command.hpp"
+#include "app/backup_keeping_command.hpp"
 #include "app/command_error.hpp"
 #include "app/complete_command.hpp"
 #include "app/dedupe_command.hpp"
@@ -13,6 +14,7 @@
 #include "app/import_command.hpp"
 #include "app/orgs_command.hpp"
 #include "app/query_command.hpp"
+#include "app/schedule_command.hpp"
 #include "connections/salesforce_cli.hpp"
 
 int main(int argc, char** argv) {
@@ -27,6 +29,8 @@ int main(int argc, char** argv) {
   corvane::QueryCommand::add(app, context, chosen);
   corvane::CompleteCommand::add(app, context, chosen);
   corvane::BackupCommand::add(app, context, chosen);
+  corvane::BackupKeepingCommand::add(app, context, chosen);
+  corvane::ScheduleCommand::add(app, context, chosen);
   corvane::DedupeCommand::add(app, context, chosen);
   corvane::ImportCommand::add(app, context, chosen);
   corvane::HealthCommand::add(app, context, chosen);
