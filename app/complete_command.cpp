@@ -12,12 +12,10 @@ namespace corvane {
 
 CompletionRequestError CompletionRequestError::cursorPastEnd(std::size_t cursor,
                                                              std::size_t length) {
-  return {Kind::cursorPastEnd, "The cursor " + std::to_string(cursor) +
-                                   " lies past the end of the text, which has " +
-                                   std::to_string(length) +
-                                   (length == 1 ? " character" : " characters") +
-                                   ". Give a cursor from 0 to " + std::to_string(length) +
-                                   ", counted in characters."};
+  return {Kind::cursorPastEnd,
+          "The cursor " + std::to_string(cursor) + " lies past the end of the text, which has " +
+              std::to_string(length) + (length == 1 ? " character" : " characters") +
+              ". Give a cursor from 0 to " + std::to_string(length) + ", counted in characters."};
 }
 
 namespace CompleteCommand {
@@ -116,8 +114,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       app.add_subcommand("complete", "Show the SOQL completions at a cursor in a query");
   auto options = std::make_shared<Options>();
   complete->add_option("LOGIN", options->login, "A username or alias")->required();
-  complete->add_option("TEXT", options->text, "The query text, such as \"SELECT Na\"")
-      ->required();
+  complete->add_option("TEXT", options->text, "The query text, such as \"SELECT Na\"")->required();
   complete->add_option("--cursor", options->cursor,
                        "Where the cursor stands, in characters from the start (default: the end)");
   complete->add_option("--limit", options->limit, "At most this many completions (default 50)")

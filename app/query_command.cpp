@@ -98,8 +98,8 @@ std::int64_t run(CommandContext& context, SalesforceAPI::Client& api, const std:
   RowSink sink(context.out, output);
 
   const bool table = format != Format::json;
-  std::vector<ResultTable::Column> columns = table ? ResultTable::columns(soql)
-                                                   : std::vector<ResultTable::Column>();
+  std::vector<ResultTable::Column> columns =
+      table ? ResultTable::columns(soql) : std::vector<ResultTable::Column>();
   const bool countOnly = table && ResultTable::isCountOnly(soql);
   bool headerWritten = false;
   std::string text;
@@ -160,8 +160,8 @@ std::int64_t run(CommandContext& context, SalesforceAPI::Client& api, const std:
 }
 
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) {
-  CLI::App* query = app.add_subcommand(
-      "query", "Run a SOQL query and print its rows as JSON lines, CSV or TSV");
+  CLI::App* query =
+      app.add_subcommand("query", "Run a SOQL query and print its rows as JSON lines, CSV or TSV");
   struct Options {
     std::string login;
     std::string soql;
@@ -174,7 +174,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->required();
   const std::map<std::string, Format> formats = {
       {"json", Format::json}, {"csv", Format::csv}, {"tsv", Format::tsv}};
-  query->add_option("--format", options->format, "json (one record per line, the default), csv or tsv")
+  query
+      ->add_option("--format", options->format,
+                   "json (one record per line, the default), csv or tsv")
       ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case));
   query->add_option("-o,--output", options->output,
                     "Write the rows to this file (replaced only when the query has finished)");

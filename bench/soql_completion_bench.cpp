@@ -32,7 +32,8 @@ std::vector<SObjectField> manyFields() {
 
 std::vector<SObjectSummary> manyObjects() {
   std::vector<SObjectSummary> objects;
-  for (int i = 0; i < 600; ++i) objects.push_back({"Object_" + std::to_string(i) + "__c", "", true, true});
+  for (int i = 0; i < 600; ++i)
+    objects.push_back({"Object_" + std::to_string(i) + "__c", "", true, true});
   return objects;
 }
 

@@ -20,7 +20,8 @@ void check(bool condition) {
 
 const std::vector<SObjectField>& fields() {
   static const std::vector<SObjectField> list = [] {
-    SObjectField industry{"Industry", "Industry", "picklist", 40, false, "", {}, {"Banking", "O'Hare"}};
+    SObjectField industry{"Industry", "Industry", "picklist", 40,
+                          false,      "",         {},         {"Banking", "O'Hare"}};
     SObjectField owner{"OwnerId", "Owner", "reference", 18, false, "Owner", {"User"}, {}};
     SObjectField created{"CreatedDate", "Created", "datetime", 0, false, "", {}, {}};
     SObjectField name{"Name", "Name", "string", 80, false, "", {}, {}};
@@ -59,8 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check(token.range.start <= token.range.end && token.range.end <= scan.size());
   (void)SoqlCompletion::valuePosition(text, cursor);
   auto related = [](const std::string&) { return fields(); };
-  auto result = SoqlCompletion::complete(text, cursor, {{"Account", "", false, true}}, fields(),
-                                         20, related);
+  auto result =
+      SoqlCompletion::complete(text, cursor, {{"Account", "", false, true}}, fields(), 20, related);
   check(result.completions.size() <= 20);
   check(result.replace.start <= result.replace.end && result.replace.end <= scan.size());
   return 0;

@@ -37,9 +37,10 @@ class DescribeCache {
   // field shows up the next morning.
   static constexpr std::chrono::hours standardMaxAge{12};
 
-  DescribeCache(std::filesystem::path folder, const std::string& username, Source source,
-                std::chrono::seconds maxAge = standardMaxAge,
-                std::function<SystemTime()> now = [] { return std::chrono::system_clock::now(); });
+  DescribeCache(
+      std::filesystem::path folder, const std::string& username, Source source,
+      std::chrono::seconds maxAge = standardMaxAge,
+      std::function<SystemTime()> now = [] { return std::chrono::system_clock::now(); });
 
   // Fetch again instead of reading the files (each entry once per instance).
   void setRefresh(bool refresh) { refresh_ = refresh; }
@@ -56,7 +57,8 @@ class DescribeCache {
 
  private:
   // The cached "data" when fresh; else fetches, stores and returns it.
-  nlohmann::json load(const std::filesystem::path& file, const std::function<nlohmann::json()>& fetch);
+  nlohmann::json load(const std::filesystem::path& file,
+                      const std::function<nlohmann::json()>& fetch);
 
   std::filesystem::path folder_;
   Source source_;

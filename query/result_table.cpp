@@ -11,8 +11,8 @@ namespace {
 char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                            [](char x, char y) { return lower(x) == lower(y); });
 }
 
 std::string trimmed(std::string_view text) {
@@ -44,7 +44,8 @@ std::vector<std::string> splitPath(std::string_view dotted) {
   std::size_t start = 0;
   while (true) {
     std::size_t dot = dotted.find('.', start);
-    path.emplace_back(dotted.substr(start, dot == std::string_view::npos ? dotted.npos : dot - start));
+    path.emplace_back(
+        dotted.substr(start, dot == std::string_view::npos ? dotted.npos : dot - start));
     if (dot == std::string_view::npos) break;
     start = dot + 1;
   }
@@ -141,9 +142,8 @@ std::vector<Column> columns(std::string_view soql) {
     }
     if (equalsIgnoringCase(function, "toLabel") || equalsIgnoringCase(function, "FORMAT") ||
         equalsIgnoringCase(function, "convertCurrency")) {
-      std::string field = trimmed(first.substr(paren + 1, first.rfind(')') > paren
-                                                              ? first.rfind(')') - paren - 1
-                                                              : std::string::npos));
+      std::string field = trimmed(first.substr(
+          paren + 1, first.rfind(')') > paren ? first.rfind(')') - paren - 1 : std::string::npos));
       out.push_back({field, splitPath(field)});
       continue;
     }

@@ -92,9 +92,9 @@ Json toJSON(const std::vector<SObjectField>& fields) {
   for (const auto& field : fields) {
     Json values = Json::array();
     for (const auto& value : field.picklistValues) values.push_back({{"value", value}});
-    Json entry = {{"name", field.name},   {"label", field.label},
-                  {"type", field.type},   {"length", field.length},
-                  {"custom", field.custom}, {"referenceTo", field.referenceTo},
+    Json entry = {{"name", field.name},      {"label", field.label},
+                  {"type", field.type},      {"length", field.length},
+                  {"custom", field.custom},  {"referenceTo", field.referenceTo},
                   {"picklistValues", values}};
     entry["relationshipName"] =
         field.relationshipName.empty() ? Json(nullptr) : Json(field.relationshipName);

@@ -27,8 +27,8 @@ struct SObjectField {
   std::string type;  // the describe's type: "string", "reference", "picklist", "date"...
   int length = 0;    // text fields only
   bool custom = false;
-  std::string relationshipName;           // lookups: "Owner" for OwnerId; else empty
-  std::vector<std::string> referenceTo;   // lookups: the related objects, in describe order
+  std::string relationshipName;             // lookups: "Owner" for OwnerId; else empty
+  std::vector<std::string> referenceTo;     // lookups: the related objects, in describe order
   std::vector<std::string> picklistValues;  // the active values, in order
 
   bool operator==(const SObjectField&) const = default;

@@ -331,23 +331,26 @@ const std::vector<std::string_view>& aggregateFunctions() {
 
 const std::vector<std::string_view>& clauseKeywords() {
   static const std::vector<std::string_view> list = {
-      "SELECT", "FROM",   "WHERE",  "ORDER BY", "GROUP BY",
-      "HAVING", "LIMIT",  "OFFSET", "FOR VIEW", "FOR REFERENCE"};
+      "SELECT", "FROM",  "WHERE",  "ORDER BY", "GROUP BY",
+      "HAVING", "LIMIT", "OFFSET", "FOR VIEW", "FOR REFERENCE"};
   return list;
 }
 
 const std::vector<std::string_view>& operators() {
-  static const std::vector<std::string_view> list = {
-      "=", "!=", "<", "<=", ">", ">=", "LIKE", "IN", "NOT IN", "INCLUDES", "EXCLUDES",
-      "AND", "OR", "NOT"};
+  static const std::vector<std::string_view> list = {"=",        "!=",   "<",  "<=",     ">",
+                                                     ">=",       "LIKE", "IN", "NOT IN", "INCLUDES",
+                                                     "EXCLUDES", "AND",  "OR", "NOT"};
   return list;
 }
 
 const std::vector<std::string_view>& functions() {
-  static const std::vector<std::string_view> list = {
-      "COUNT()",    "COUNT_DISTINCT()", "SUM()",        "AVG()",       "MIN()",
-      "MAX()",      "TODAY",            "YESTERDAY",    "THIS_WEEK",   "THIS_MONTH",
-      "LAST_N_DAYS:", "LAST_MONTH",     "THIS_YEAR",    "NULL"};
+  static const std::vector<std::string_view> list = {"COUNT()",      "COUNT_DISTINCT()",
+                                                     "SUM()",        "AVG()",
+                                                     "MIN()",        "MAX()",
+                                                     "TODAY",        "YESTERDAY",
+                                                     "THIS_WEEK",    "THIS_MONTH",
+                                                     "LAST_N_DAYS:", "LAST_MONTH",
+                                                     "THIS_YEAR",    "NULL"};
   return list;
 }
 

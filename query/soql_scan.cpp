@@ -36,8 +36,8 @@ std::string uppercased(std::string_view text) {
   for (std::size_t offset = 0; offset < text.size();) {
     std::size_t length = 0;
     char32_t codePoint = Unicode::decode(text, offset, length);
-    Unicode::append(out, static_cast<char32_t>(
-                             utf8proc_toupper(static_cast<utf8proc_int32_t>(codePoint))));
+    Unicode::append(
+        out, static_cast<char32_t>(utf8proc_toupper(static_cast<utf8proc_int32_t>(codePoint))));
     offset += length;
   }
   return out;
@@ -145,8 +145,7 @@ std::optional<std::size_t> SoqlScan::matchWord(std::string_view word, std::size_
   SoqlScan wordScan(word);
   if (offset > size() || wordScan.size() > size() - offset) return std::nullopt;
   for (std::size_t k = 0; k < wordScan.size(); ++k) {
-    if (uppercased(character(offset + k)) != uppercased(wordScan.character(k)))
-      return std::nullopt;
+    if (uppercased(character(offset + k)) != uppercased(wordScan.character(k))) return std::nullopt;
   }
   return offset + wordScan.size();
 }
@@ -175,8 +174,7 @@ std::optional<std::string> SoqlScan::lastClauseKeyword(
   std::optional<std::string_view> found;
   for (std::size_t i = 0; i < before; ++i) {
     // Only word starts outside literals, not deeper than the cursor, can begin a keyword.
-    if (depth_[i] > limit || (flags_[i] & kLiteral) || (i > 0 && (flags_[i - 1] & kWord)))
-      continue;
+    if (depth_[i] > limit || (flags_[i] & kLiteral) || (i > 0 && (flags_[i - 1] & kWord))) continue;
     for (std::size_t k = 0; k < among.size(); ++k) {
       if (among[k].empty() || (firstLetters[k] != '\0' && upper_[i] != firstLetters[k])) continue;
       if (matchWholeWord(among[k], i)) {
@@ -207,8 +205,9 @@ std::optional<std::string> SoqlScan::identifier(std::string_view after) const {
 }
 
 const std::vector<std::string_view>& SoqlScan::clauseKeywords() {
-  static const std::vector<std::string_view> keywords = {
-      "SELECT", "FROM", "WHERE", "WITH", "GROUP BY", "HAVING", "ORDER BY", "LIMIT", "OFFSET", "FOR"};
+  static const std::vector<std::string_view> keywords = {"SELECT",   "FROM",   "WHERE",    "WITH",
+                                                         "GROUP BY", "HAVING", "ORDER BY", "LIMIT",
+                                                         "OFFSET",   "FOR"};
   return keywords;
 }
 

@@ -45,8 +45,8 @@ class CompleteCommandTest : public orgsim::testing::ServerFixture {
     SalesforceAPI::Client api([this, offline](const std::string&) -> SalesforceAPI::Session {
       if (offline) throw std::runtime_error("offline");
       ++sessions_;
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
+      return SalesforceAPI::Session{
+          orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
     });
     options.login = "sample";
 
@@ -67,10 +67,11 @@ TEST_F(CompleteCommandTest, OffersTheOrgsObjectsAndPicklistValuesFromItsDescribe
             "AccountHistory  standard object  object\n");
   const std::string text = "SELECT Id FROM Account WHERE Industry = 'Ban' LIMIT 5";
   std::string json = complete({.text = text, .cursor = 44, .json = true});
-  EXPECT_EQ(json,
-            R"({"replace":{"start":40,"end":45},"completions":[)"
-            R"({"text":"'Banking'","display":"Banking","detail":"picklist value","kind":"picklistValue"}]})"
-            "\n");
+  EXPECT_EQ(
+      json,
+      R"({"replace":{"start":40,"end":45},"completions":[)"
+      R"({"text":"'Banking'","display":"Banking","detail":"picklist value","kind":"picklistValue"}]})"
+      "\n");
 }
 
 TEST_F(CompleteCommandTest, FollowsRelationshipPathsAndAnswersFromTheCacheAfterwards) {
@@ -81,16 +82,16 @@ TEST_F(CompleteCommandTest, FollowsRelationshipPathsAndAnswersFromTheCacheAfterw
   const int fetched = sessions_;
   EXPECT_GT(fetched, 0);
   // The same request again needs no session at all: the files answer it.
-  EXPECT_EQ(complete({.text = "SELECT Owner.User FROM Account WHERE Name != null", .cursor = 17},
-                     true),
-            first);
+  EXPECT_EQ(
+      complete({.text = "SELECT Owner.User FROM Account WHERE Name != null", .cursor = 17}, true),
+      first);
   // --refresh goes back to the org.
   std::ostringstream err;
   EXPECT_EQ(runReportingFailures(
                 [&] {
-                  complete({.text = "SELECT Owner.User FROM Account", .cursor = 17,
-                            .refresh = true},
-                           true);
+                  complete(
+                      {.text = "SELECT Owner.User FROM Account", .cursor = 17, .refresh = true},
+                      true);
                 },
                 err),
             1);

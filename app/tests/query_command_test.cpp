@@ -66,15 +66,17 @@ TEST_F(QueryCommandTest, WritesCSVAndTSVWithColumnsInSelectListOrder) {
       "SELECT Owner.Name, Name, AnnualRevenue, Industry FROM Account WHERE Name LIKE 'Account%' "
       "ORDER BY Name LIMIT 2";
   std::string csv = runQuery(soql, QueryCommand::Format::csv);
-  std::string owner = csv.substr(csv.find('\n') + 1, csv.find(',', csv.find('\n')) - csv.find('\n'));
+  std::string owner =
+      csv.substr(csv.find('\n') + 1, csv.find(',', csv.find('\n')) - csv.find('\n'));
   EXPECT_EQ(csv, "Owner.Name,Name,AnnualRevenue,Industry\n" + owner + "Account 0000,0,Banking\n" +
                      owner + "Account 0001,1000,Energy\n");
   EXPECT_NE(owner, ",");
   std::string tsv = runQuery(soql, QueryCommand::Format::tsv);
   EXPECT_EQ(tsv.substr(0, tsv.find('\n') + 1), "Owner.Name\tName\tAnnualRevenue\tIndustry\n");
   EXPECT_EQ(std::count(tsv.begin(), tsv.end(), '\n'), 3);
-  EXPECT_EQ(runQuery("SELECT Id, Name FROM Account WHERE Name = 'nobody'", QueryCommand::Format::csv),
-            "Id,Name\n");
+  EXPECT_EQ(
+      runQuery("SELECT Id, Name FROM Account WHERE Name = 'nobody'", QueryCommand::Format::csv),
+      "Id,Name\n");
   EXPECT_EQ(runQuery("SELECT COUNT() FROM Account", QueryCommand::Format::csv), "COUNT()\n3\n");
   // Names as written in any case take the org's spelling.
   EXPECT_EQ(runQuery("select name, owner.NAME from account where name = 'Account 0002'",
@@ -86,8 +88,8 @@ TEST_F(QueryCommandTest, AFileAppearsWholeAndAFailedQueryLeavesTheOldOneAlone) {
   orgsim::testing::addAccounts(store(), 2100);
   TemporaryFolder folder;
   const auto file = folder.path() / "accounts.csv";
-  EXPECT_EQ(runQuery("SELECT Name FROM Account WHERE Name LIKE 'Account%'", QueryCommand::Format::csv,
-                     file),
+  EXPECT_EQ(runQuery("SELECT Name FROM Account WHERE Name LIKE 'Account%'",
+                     QueryCommand::Format::csv, file),
             "Wrote 2,100 rows to " + file.string() + ".\n");
   auto text = Durable::readWhole(file);
   ASSERT_TRUE(text);
@@ -97,10 +99,10 @@ TEST_F(QueryCommandTest, AFileAppearsWholeAndAFailedQueryLeavesTheOldOneAlone) {
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 
   std::ostringstream err;
-  EXPECT_EQ(runReportingFailures(
-                [&] { runQuery("SELECT Nope__c FROM Account", QueryCommand::Format::csv, file); },
-                err),
-            1);
+  EXPECT_EQ(
+      runReportingFailures(
+          [&] { runQuery("SELECT Nope__c FROM Account", QueryCommand::Format::csv, file); }, err),
+      1);
   EXPECT_EQ(Durable::readWhole(file), text);
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()),
                           std::filesystem::directory_iterator()),

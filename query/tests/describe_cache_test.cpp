@@ -17,28 +17,27 @@ using namespace std::chrono_literals;
 class DescribeCacheTest : public ::testing::Test {
  protected:
   DescribeCache::Source source() {
-    return {[this] {
-              ++globalCalls;
-              return nlohmann::json{
-                  {"sobjects",
-                   {{{"name", "Account"}, {"custom", false}, {"queryable", true}},
-                    {{"name", "Plan__c"}, {"custom", true}, {"queryable", true}}}}};
-            },
-            [this](const std::string& object) {
-              describeCalls.push_back(object);
-              if (object != "Account") return nlohmann::json();
-              return nlohmann::json{
-                  {"fields",
-                   {{{"name", "Industry"},
-                     {"type", "picklist"},
-                     {"picklistValues",
-                      {{{"value", "Banking"}, {"active", true}},
-                       {{"value", "Old"}, {"active", false}}}}},
-                    {{"name", "OwnerId"},
-                     {"type", "reference"},
-                     {"relationshipName", "Owner"},
-                     {"referenceTo", {"User"}}}}}};
-            }};
+    return {
+        [this] {
+          ++globalCalls;
+          return nlohmann::json{{"sobjects",
+                                 {{{"name", "Account"}, {"custom", false}, {"queryable", true}},
+                                  {{"name", "Plan__c"}, {"custom", true}, {"queryable", true}}}}};
+        },
+        [this](const std::string& object) {
+          describeCalls.push_back(object);
+          if (object != "Account") return nlohmann::json();
+          return nlohmann::json{{"fields",
+                                 {{{"name", "Industry"},
+                                   {"type", "picklist"},
+                                   {"picklistValues",
+                                    {{{"value", "Banking"}, {"active", true}},
+                                     {{"value", "Old"}, {"active", false}}}}},
+                                  {{"name", "OwnerId"},
+                                   {"type", "reference"},
+                                   {"relationshipName", "Owner"},
+                                   {"referenceTo", {"User"}}}}}};
+        }};
   }
 
   DescribeCache cache(std::string username = "Admin@Sample.org") {

@@ -15,10 +15,11 @@ std::vector<std::string> names(const std::vector<ResultTable::Column>& columns) 
 }
 
 TEST(ResultTable, ColumnsFollowTheSelectList) {
-  EXPECT_THAT(names(ResultTable::columns(
-                  "SELECT Id, Owner.Name, Account.Owner.Email, toLabel(Industry), "
-                  "(SELECT LastName FROM Contacts), 'x' FROM Account WHERE Name = 'a, b'")),
-              ElementsAre("Id", "Owner.Name", "Account.Owner.Email", "Industry", "Contacts", "'x'"));
+  EXPECT_THAT(
+      names(ResultTable::columns(
+          "SELECT Id, Owner.Name, Account.Owner.Email, toLabel(Industry), "
+          "(SELECT LastName FROM Contacts), 'x' FROM Account WHERE Name = 'a, b'")),
+      ElementsAre("Id", "Owner.Name", "Account.Owner.Email", "Industry", "Contacts", "'x'"));
   EXPECT_THAT(names(ResultTable::columns(
                   "select Industry, COUNT(Id), MAX(AnnualRevenue) top, CALENDAR_YEAR(CreatedDate) "
                   "from Account group by Industry, CALENDAR_YEAR(CreatedDate)")),
@@ -36,12 +37,12 @@ TEST(ResultTable, CellsFlattenRelationshipsAndKeepNumberText) {
       R"("Account":{"attributes":{"type":"Account"},"Name":"Acme","Owner":null},)"
       R"("MailingAddress":{"city":"Oslo","street":null},)"
       R"("Cases":{"totalSize":1,"done":true,"records":[{"attributes":{"type":"Case"},"Subject":"Hi"}]}})");
-  auto columns =
-      ResultTable::columns("SELECT id, Amount__c, DoNotCall, Email, Account.Name, "
-                           "account.owner.name, MailingAddress, Missing__c, "
-                           "(SELECT Subject FROM Cases) FROM Contact");
+  auto columns = ResultTable::columns(
+      "SELECT id, Amount__c, DoNotCall, Email, Account.Name, "
+      "account.owner.name, MailingAddress, Missing__c, "
+      "(SELECT Subject FROM Cases) FROM Contact");
   EXPECT_THAT(ResultTable::cells(record, columns),
-              ElementsAre("003A", "12345678901234567890.10", "false", "", "Acme", "", 
+              ElementsAre("003A", "12345678901234567890.10", "false", "", "Acme", "",
                           R"({"city":"Oslo","street":null})", "", R"([{"Subject":"Hi"}])"));
   // Header names take the record's own spelling where the whole path is present.
   auto other = JSONLiteral::parse(R"({"Account":null,"ID":"x"})");

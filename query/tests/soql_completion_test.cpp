@@ -47,7 +47,8 @@ std::vector<SObjectField> sampleFields() {
 
 SoqlCompletion::Suggestions completeAtEnd(std::string_view text,
                                           const SoqlCompletion::RelatedFields& related = {}) {
-  return SoqlCompletion::complete(text, lengthOf(text), sampleObjects(), sampleFields(), 50, related);
+  return SoqlCompletion::complete(text, lengthOf(text), sampleObjects(), sampleFields(), 50,
+                                  related);
 }
 
 TEST(SoqlContext, FollowsTheLastClauseKeywordAtTheCursorsDepth) {
@@ -101,9 +102,9 @@ TEST(SoqlRank, ScoresByEqualityPrefixContainmentThenSubsequence) {
   // "nm" against the field Name scores 250 - 4 + 60 = 306: just between
   // keywords that contain "nm" with scores 307 and 305.
   std::string filler(191, 'x');
-  Completion above = keyword(filler + "nm");         // 500 - 193 = 307
-  Completion below = keyword(filler + "xxnm");       // 500 - 195 = 305
-  Completion tied = keyword(filler + "xnm");         // 500 - 194 = 306
+  Completion above = keyword(filler + "nm");    // 500 - 193 = 307
+  Completion below = keyword(filler + "xxnm");  // 500 - 195 = 305
+  Completion tied = keyword(filler + "xnm");    // 500 - 194 = 306
   auto ranked = SoqlCompletion::rank({below, tied, field("Name"), above}, "nm", 10);
   EXPECT_THAT(displays(ranked), ElementsAre(above.display, tied.display, "Name", below.display));
   ranked = SoqlCompletion::rank({below, field("Name"), tied, above}, "nm", 10);
@@ -127,8 +128,8 @@ TEST(SoqlRank, AnEmptyTokenKeepsShortestFirstInGatheringOrderUpToTheLimit) {
 
 TEST(SoqlRank, ComparesCharactersNotBytes) {
   // Upper-case accented display, lower-case token; the length is in characters.
-  auto ranked = SoqlCompletion::rank({field("\u00C9v\u00E9nement__c"), field("Event__c")},
-                                     "\u00E9v", 10);
+  auto ranked =
+      SoqlCompletion::rank({field("\u00C9v\u00E9nement__c"), field("Event__c")}, "\u00E9v", 10);
   ASSERT_EQ(ranked.size(), 1u);
   EXPECT_EQ(ranked[0].display, "\u00C9v\u00E9nement__c");
   EXPECT_TRUE(SoqlCompletion::isSubsequence("nm", "name"));

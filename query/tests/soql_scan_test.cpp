@@ -81,8 +81,9 @@ TEST(SoqlScan, EmptyTextGivesEmptyListsAndNoAnswers) {
 TEST(SoqlScan, OffsetsCountUserPerceivedCharacters) {
   // "e" + combining acute, a thumbs-up with a skin tone, a family emoji and CR LF
   // are one character each.
-  const std::string text = "SELECT Re\u0301sume\u0301__c, '\U0001F44D\U0001F3FD' "
-                           "\U0001F468\u200D\U0001F469\u200D\U0001F467\r\nFROM";
+  const std::string text =
+      "SELECT Re\u0301sume\u0301__c, '\U0001F44D\U0001F3FD' "
+      "\U0001F468\u200D\U0001F469\u200D\U0001F467\r\nFROM";
   SoqlScan scan(text);
   auto chars = scan.chars();
   ASSERT_EQ(chars.size(), 28u);
@@ -136,11 +137,10 @@ TEST(SoqlScan, LastClauseKeywordIgnoresDeeperSubqueriesButNotEnclosingOnes) {
 }
 
 TEST(SoqlScan, IdentifierFollowsTheFirstTopLevelWholeWord) {
-  EXPECT_EQ(SoqlScan("SELECT Id, (SELECT Name FROM Contacts) FROM\r\n\tAccount WHERE")
-                .identifier("from"),
-            "Account");
-  EXPECT_EQ(SoqlScan("SELECT FROMDATE__c FROM My_Object__c.x").identifier("FROM"),
-            "My_Object__c");
+  EXPECT_EQ(
+      SoqlScan("SELECT Id, (SELECT Name FROM Contacts) FROM\r\n\tAccount WHERE").identifier("from"),
+      "Account");
+  EXPECT_EQ(SoqlScan("SELECT FROMDATE__c FROM My_Object__c.x").identifier("FROM"), "My_Object__c");
   EXPECT_FALSE(SoqlScan("SELECT Id FROM ").identifier("FROM"));
   EXPECT_FALSE(SoqlScan("SELECT Id FROM 'Account'").identifier("FROM"));
   EXPECT_FALSE(SoqlScan("SELECT Name FROM").identifier("WHERE"));
@@ -154,11 +154,11 @@ TEST(SoqlScan, ClausesMapEachTopLevelKeywordToItsBody) {
   ASSERT_TRUE(clauses);
   std::map<std::string, std::string> bodies;
   for (const auto& [keyword, range] : *clauses) bodies[keyword] = scan.text(range);
-  EXPECT_THAT(bodies, ElementsAre(Pair("FOR", " VIEW"), Pair("FROM", " Account "),
-                                  Pair("GROUP BY", " Id "), Pair("LIMIT", " 10 "),
-                                  Pair("OFFSET", " 5 "), Pair("ORDER BY", " Name "),
-                                  Pair("SELECT", " Id, (SELECT Id FROM Contacts WHERE x = 1) "),
-                                  Pair("WHERE", " Name = 'LIMIT 5' ")));
+  EXPECT_THAT(bodies,
+              ElementsAre(Pair("FOR", " VIEW"), Pair("FROM", " Account "), Pair("GROUP BY", " Id "),
+                          Pair("LIMIT", " 10 "), Pair("OFFSET", " 5 "), Pair("ORDER BY", " Name "),
+                          Pair("SELECT", " Id, (SELECT Id FROM Contacts WHERE x = 1) "),
+                          Pair("WHERE", " Name = 'LIMIT 5' ")));
   EXPECT_FALSE(SoqlScan("FIND {Acme} RETURNING Account").clauses());
   EXPECT_FALSE(SoqlScan("SELECTED FROM x").clauses());
 }
