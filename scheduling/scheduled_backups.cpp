@@ -1,0 +1,345 @@
+#include "scheduling/scheduled_backups.hpp"
+
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "backup/backup_store.hpp"
+#include "platform/durable_file.hpp"
+
+namespace corvane {
+
+namespace {
+
+using nlohmann::json;
+
+std::optional<SystemTime> parseTime(const std::string& text) {
+  if (auto fractional = IsoTime::parseFractional(text)) return fractional;
+  return IsoTime::parsePlain(text);
+}
+
+// The nearest folder at or above path that exists.
+std::filesystem::path existingAncestor(std::filesystem::path path) {
+  std::error_code error;
+  while (!path.empty() && !std::filesystem::exists(path, error)) {
+    if (path == path.parent_path()) break;
+    path = path.parent_path();
+  }
+  return path;
+}
+
+std::string sentence(std::string text) {
+  while (!text.empty() && text.back() == ' ') text.pop_back();
+  if (!text.empty() && text.back() != '.' && text.back() != '!' && text.back() != '?') text += '.';
+  return text;
+}
+
+// Why a set cannot run at all on this machine now, or none.
+std::optional<std::string> folderProblem(const BackupSet& set, const BackupLocation& location) {
+  std::error_code error;
+  if (set.rootPath && !std::filesystem::is_directory(location.root, error)) {
+    return "Its backup folder " + location.root.string() +
+           " cannot be found. If it is on a disk that is not connected, connect the disk; the "
+           "backup runs at the next tick.";
+  }
+  const auto existing = existingAncestor(location.folder());
+  if (existing.empty() || ::access(existing.c_str(), W_OK | X_OK) != 0) {
+    return "Corvane cannot write to its backup folder " + location.folder().string() +
+           ". Check the folder's permissions, or choose another folder for this backup.";
+  }
+  return std::nullopt;
+}
+
+SetTickOutcome failed(const std::string& username, std::string why, bool ran) {
+  SetTickOutcome outcome;
+  outcome.username = username;
+  outcome.kind = SetTickOutcome::Kind::failed;
+  outcome.failure = sentence(std::move(why));
+  outcome.ran = ran;
+  return outcome;
+}
+
+}  // namespace
+
+TickLockFailure::TickLockFailure(const std::filesystem::path& path)
+    : UserFacingError("The scheduled backup could not open its lock file " + path.string() +
+                      ", so it did not run. Check that the backup folder can be written.") {}
+
+namespace TickLock {
+
+std::optional<FileLock> acquire(const std::filesystem::path& backupRoot) {
+  const auto path = backupRoot / fileName;
+  try {
+    std::filesystem::create_directories(backupRoot);
+    return FileLock::tryAcquire(path);
+  } catch (const std::exception&) {
+    throw TickLockFailure(path);
+  }
+}
+
+}  // namespace TickLock
+
+SetHistory readSetHistory(const BackupLocation& location) {
+  SetHistory history;
+  std::error_code error;
+  if (!std::filesystem::exists(location.databaseURL(), error)) return history;
+  BackupStore store(location);
+  const auto runs = store.runs();
+  for (const auto& run : runs) {
+    if (!run.isUsable()) continue;
+    if (run.kind == RunKind::full) {
+      if (auto finished = parseTime(run.finishedAt)) history.lastFull = finished;
+    }
+    if (run.filesWaiting == 0) history.firstFilesDone = true;
+  }
+  history.unfinishedRun = !runs.empty() && !runs.back().isFinished();
+  return history;
+}
+
+int BackupTickResult::runCount() const {
+  int count = 0;
+  for (const auto& set : sets) count += set.ran ? 1 : 0;
+  return count;
+}
+
+std::string BackupTickResult::summary() const {
+  if (setsUnreadable)
+    return "Your backup settings could not be read, so nothing was run. Open Corvane to see "
+           "what happened.";
+  const int count = runCount();
+  std::string text = count == 1 ? "Ran 1 backup. " : "Ran " + std::to_string(count) + " backups. ";
+  bool waiting = false;
+  for (const auto& set : sets) {
+    if (set.kind == SetTickOutcome::Kind::failed) {
+      text += "The backup of " + set.username + " did not finish: " + set.failure + " ";
+    } else if (set.kind == SetTickOutcome::Kind::waiting) {
+      text += "The backup of " + set.username +
+              (set.waitReason == BackupSchedule::WaitReason::offline
+                   ? " is waiting for a network connection. "
+                   : " is waiting for mains power. ");
+      waiting = true;
+    }
+  }
+  if (waiting) text += "It will try again within the hour.";
+  return text;
+}
+
+namespace ScheduledBackups {
+
+BackupTickResult tick(const TickContext& context) {
+  BackupTickResult result;
+  const auto loaded = context.registry->load();
+  if (loaded.isUnreadable()) {
+    result.setsUnreadable = true;
+    return result;
+  }
+  for (const auto& set : loaded.sets) {
+    if (!set.hasSchedule()) continue;
+    const auto config = set.config(context.defaultRoot);
+    SetTickOutcome outcome;
+    outcome.username = set.username;
+    try {
+      if (auto problem = folderProblem(set, config.location)) {
+        // Only a due set is worth a word: an unplugged disk between slots is normal.
+        const auto decision = set.effectiveSchedule().decide(
+            context.now(), context.calendar, set.lastSuccessAt, std::nullopt,
+            set.effectiveFullEvery(), false, {});
+        if (decision.kind != BackupSchedule::Decision::Kind::notDue)
+          result.sets.push_back(failed(set.username, *problem, false));
+        else
+          result.sets.push_back(outcome);
+        continue;
+      }
+      const auto history = context.history(config.location);
+      BackupSchedule::Conditions conditions;
+      conditions.onBattery = context.conditions.onBattery;
+      conditions.networkAvailable = context.conditions.networkAvailable;
+      conditions.heavyWorkWaitsForPower = context.heavyWorkWaitsForPower;
+      conditions.firstFilesDone = !config.downloadFileBodies || history.firstFilesDone;
+      const auto decision = set.effectiveSchedule().decide(
+          context.now(), context.calendar, set.lastSuccessAt, history.lastFull,
+          set.effectiveFullEvery(), history.unfinishedRun, conditions);
+      if (decision.kind == BackupSchedule::Decision::Kind::notDue) {
+        result.sets.push_back(outcome);
+        continue;
+      }
+      if (decision.kind == BackupSchedule::Decision::Kind::wait) {
+        outcome.kind = SetTickOutcome::Kind::waiting;
+        outcome.waitReason = decision.reason;
+        result.sets.push_back(outcome);
+        continue;
+      }
+      SetRunRequest request{set, config, decision.runKind,
+                            decision.downloadFiles && config.downloadFileBodies};
+      request.config.downloadFileBodies = request.downloadFiles;
+      SetRunOutcome run;
+      try {
+        run = context.runSet(request);
+      } catch (const UserFacingError& error) {
+        run = SetRunOutcome::failed(error.description());
+      } catch (const std::exception&) {
+        run = SetRunOutcome::failed("the backup stopped");
+      }
+      if (!run.succeeded) {
+        result.sets.push_back(
+            failed(set.username, run.failure.empty() ? "the backup stopped" : run.failure, true));
+        continue;
+      }
+      outcome.kind = SetTickOutcome::Kind::succeeded;
+      outcome.ran = true;
+      context.registry->recordSuccess(set.username, context.now());
+      result.sets.push_back(outcome);
+    } catch (const UserFacingError& error) {
+      result.sets.push_back(failed(set.username, error.description(), outcome.ran));
+    } catch (const std::exception& error) {
+      result.sets.push_back(failed(set.username, error.what(), outcome.ran));
+    }
+  }
+  return result;
+}
+
+}  // namespace ScheduledBackups
+
+namespace LastTick {
+
+void recordCheckStarted(const std::filesystem::path& backupRoot, SystemTime startedAt) {
+  recordLastTick(backupRoot, startedAt, startedAt, checking);
+}
+
+void recordLastTick(const std::filesystem::path& backupRoot, SystemTime startedAt,
+                    SystemTime recordedAt, const std::string& result) {
+  const json record = {{"result", result},
+                       {"startedAt", IsoTime::formatPlain(startedAt)},
+                       {"recordedAt", IsoTime::formatPlain(recordedAt)}};
+  std::filesystem::create_directories(backupRoot);
+  Durable::replace(backupRoot / fileName, record.dump(2) + "\n", 0600);
+}
+
+std::optional<Record> read(const std::filesystem::path& backupRoot) {
+  try {
+    const auto text = Durable::readWhole(backupRoot / fileName);
+    if (!text) return std::nullopt;
+    const auto record = json::parse(*text);
+    return Record{record.at("result").get<std::string>(),
+                  record.value("startedAt", std::string()),
+                  record.value("recordedAt", std::string())};
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace LastTick
+
+namespace NoticeLedger {
+
+std::vector<std::string> update(const std::filesystem::path& backupRoot,
+                                const BackupTickResult& result, SystemTime now) {
+  const auto path = backupRoot / fileName;
+  json ledger = json::object();
+  try {
+    if (const auto text = Durable::readWhole(path)) {
+      ledger = json::parse(*text);
+      if (!ledger.is_object() || !ledger.value("notices", json::object()).is_object())
+        throw std::invalid_argument("not a ledger");
+    }
+  } catch (const std::exception&) {
+    try {
+      Durable::moveAside(path, now);
+    } catch (const std::exception&) {
+    }
+    ledger = json::object();
+  }
+  json notices = ledger.value("notices", json::object());
+
+  // Problems of this tick, keyed by username, so that a set's notice is
+  // replaced when its problem changes and dropped when it goes away.
+  std::vector<std::string> toTell;
+  if (result.setsUnreadable) {
+    if (!notices.contains("")) toTell.push_back(result.summary());
+    notices[""] = {{"problem", "unreadable"}, {"since", IsoTime::formatPlain(now)}};
+  } else {
+    notices.erase("");
+  }
+  for (const auto& set : result.sets) {
+    std::string problem;
+    std::string text;
+    if (set.kind == SetTickOutcome::Kind::failed) {
+      problem = set.failure;
+      text = "The scheduled backup of " + set.username + " did not finish: " + set.failure;
+    } else if (set.kind == SetTickOutcome::Kind::succeeded) {
+      notices.erase(set.username);
+      continue;
+    } else if (set.kind == SetTickOutcome::Kind::waiting &&
+               set.waitReason == BackupSchedule::WaitReason::needsPower) {
+      problem = "needsPower";
+      text = "The scheduled backup of " + set.username +
+             " is waiting for mains power to download files. Connect the power adapter.";
+    } else {
+      continue;  // not due, or briefly offline: nothing to tell
+    }
+    const auto known = notices.find(set.username);
+    if (known == notices.end() || known->value("problem", "") != problem) {
+      toTell.push_back(text);
+      notices[set.username] = {{"problem", problem}, {"since", IsoTime::formatPlain(now)}};
+    }
+  }
+  ledger["notices"] = notices;
+  try {
+    Durable::replace(path, ledger.dump(2) + "\n", 0600);
+  } catch (const std::exception&) {
+    // Without a ledger the notice comes again next hour: better than never.
+  }
+  return toTell;
+}
+
+}  // namespace NoticeLedger
+
+namespace HeadlessBackup {
+
+int run(const Environment& environment) {
+  std::optional<FileLock> lock;
+  try {
+    lock = TickLock::acquire(environment.backupRoot);
+  } catch (const TickLockFailure& failure) {
+    if (environment.notify) environment.notify(failure.description());
+    return 1;
+  }
+  if (!lock) return 0;  // another tick is at work
+
+  const auto startedAt = environment.now();
+  try {
+    LastTick::recordCheckStarted(environment.backupRoot, startedAt);
+  } catch (const std::exception& error) {
+    if (environment.notify) environment.notify(error.what());
+    return 1;
+  }
+  const BackupRegistry registry(environment.registryDirectory.empty()
+                                    ? BackupRegistry::standardDirectory()
+                                    : environment.registryDirectory);
+  TickContext context;
+  context.registry = &registry;
+  context.defaultRoot = environment.backupRoot;
+  context.now = environment.now;
+  context.calendar = environment.calendar;
+  context.conditions = environment.conditions();
+  context.heavyWorkWaitsForPower = environment.heavyWorkWaitsForPower;
+  context.runSet = environment.runSet;
+  context.history = environment.history;
+  const auto result = ScheduledBackups::tick(context);
+
+  int status = 0;
+  try {
+    LastTick::recordLastTick(environment.backupRoot, startedAt, environment.now(),
+                             result.summary());
+  } catch (const std::exception& error) {
+    if (environment.notify) environment.notify(error.what());
+    status = 1;
+  }
+  for (const auto& notice : NoticeLedger::update(environment.backupRoot, result, environment.now()))
+    if (environment.notify) environment.notify(notice);
+  return status;
+}
+
+}  // namespace HeadlessBackup
+
+}  // namespace corvane

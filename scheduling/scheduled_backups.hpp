@@ -1,0 +1,165 @@
+// The headless tick: once an hour, run the backup sets that are due.
+//
+// HeadlessBackup::run takes ".tick.lock" in the backup root (a second tick
+// finding it held ends at once), writes "last-tick.json" with "Checking what
+// is due", reads the run conditions, lets ScheduledBackups::tick decide and
+// run each set, records the outcome in "last-tick.json" and tells the user of
+// new problems once, keeping "notifications.json" as the ledger of what was
+// already told.
+//
+// A set that cannot run (its login is gone, its disk is unplugged, its folder
+// cannot be written, the run fails) is recorded with its reason; the tick goes
+// on with the others.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "backup/backup_config.hpp"
+#include "platform/file_lock.hpp"
+#include "platform/iso_time.hpp"
+#include "platform/user_facing_error.hpp"
+#include "scheduling/backup_registry.hpp"
+#include "scheduling/backup_schedule.hpp"
+#include "scheduling/run_conditions.hpp"
+
+namespace corvane {
+
+// ".tick.lock": keeps two ticks from running at once.
+class TickLockFailure : public UserFacingError {
+ public:
+  explicit TickLockFailure(const std::filesystem::path& path);
+};
+
+namespace TickLock {
+inline constexpr const char* fileName = ".tick.lock";
+// The lock, held until it is destroyed or the process ends; none when another
+// tick holds it. Creates the folder when missing. Throws TickLockFailure when
+// the file cannot be opened.
+std::optional<FileLock> acquire(const std::filesystem::path& backupRoot);
+}  // namespace TickLock
+
+// What one due set asks of the backup run.
+struct SetRunRequest {
+  BackupSet set;
+  BackupConfig config;
+  RunKind kind = RunKind::full;
+  bool downloadFiles = false;
+};
+
+// How a run ended: success, or the sentence of its failure.
+struct SetRunOutcome {
+  bool succeeded = false;
+  std::string failure;
+  static SetRunOutcome success() { return {true, {}}; }
+  static SetRunOutcome failed(std::string sentence) { return {false, std::move(sentence)}; }
+};
+
+// Runs one set to its end. May throw; a UserFacingError's sentence is kept,
+// anything else is reported as "the backup stopped".
+using SetRunner = std::function<SetRunOutcome(const SetRunRequest&)>;
+
+// What the set's own backup folder says about earlier runs.
+struct SetHistory {
+  std::optional<SystemTime> lastFull;  // the end of the last usable full copy
+  bool unfinishedRun = false;          // the latest run did not reach its end
+  bool firstFilesDone = false;         // some usable run left no file bodies waiting
+};
+using SetHistoryReader = std::function<SetHistory(const BackupLocation&)>;
+
+// Reads backup.sqlite when it is there; a folder without one has no history.
+// Throws what BackupStore throws (another login's folder, an unreadable database).
+SetHistory readSetHistory(const BackupLocation& location);
+
+struct SetTickOutcome {
+  enum class Kind { notDue, waiting, succeeded, failed };
+  std::string username;
+  Kind kind = Kind::notDue;
+  BackupSchedule::WaitReason waitReason = BackupSchedule::WaitReason::offline;
+  std::string failure;  // failed: the sentence
+  bool ran = false;     // the run itself was started
+  bool operator==(const SetTickOutcome&) const = default;
+};
+
+struct BackupTickResult {
+  bool setsUnreadable = false;
+  std::vector<SetTickOutcome> sets;
+
+  int runCount() const;
+  // The one line stored as "result" in last-tick.json.
+  std::string summary() const;
+};
+
+struct TickContext {
+  const BackupRegistry* registry = nullptr;
+  std::filesystem::path defaultRoot;  // where sets without rootPath keep their backups
+  std::function<SystemTime()> now;
+  ScheduleCalendar calendar = ScheduleCalendar::local();
+  RunConditions conditions;
+  // The user's choice that file downloads wait for mains power.
+  bool heavyWorkWaitsForPower = false;
+  SetRunner runSet;
+  SetHistoryReader history = readSetHistory;
+};
+
+namespace ScheduledBackups {
+// One pass over the sets: decide each, run the due ones in order, record each
+// success in the registry.
+BackupTickResult tick(const TickContext& context);
+}  // namespace ScheduledBackups
+
+// "last-tick.json" in the backup root.
+namespace LastTick {
+inline constexpr const char* fileName = "last-tick.json";
+inline constexpr const char* checking = "Checking what is due";
+void recordCheckStarted(const std::filesystem::path& backupRoot, SystemTime startedAt);
+void recordLastTick(const std::filesystem::path& backupRoot, SystemTime startedAt,
+                    SystemTime recordedAt, const std::string& result);
+struct Record {
+  std::string result;
+  std::string startedAt;
+  std::string recordedAt;
+};
+// None when missing or unreadable.
+std::optional<Record> read(const std::filesystem::path& backupRoot);
+}  // namespace LastTick
+
+// "notifications.json": one notice per problem, not one per hour. A problem is
+// a set's username with its failure (or its wait); once told it is not told
+// again while it lasts. A set that succeeds forgets its problems, so the same
+// problem coming back later is told again.
+namespace NoticeLedger {
+inline constexpr const char* fileName = "notifications.json";
+// The notices to give now, as sentences; updates the ledger. An unreadable
+// ledger is moved aside and counts as empty.
+std::vector<std::string> update(const std::filesystem::path& backupRoot,
+                                const BackupTickResult& result, SystemTime now);
+}  // namespace NoticeLedger
+
+namespace HeadlessBackup {
+
+struct Environment {
+  std::function<SystemTime()> now = [] { return std::chrono::system_clock::now(); };
+  std::function<RunConditions()> conditions = ConditionsReader::read;
+  std::filesystem::path backupRoot = BackupLocation::defaultRoot();
+  // The folder of backup-sets.json; empty for the standard one.
+  std::filesystem::path registryDirectory;
+  ScheduleCalendar calendar = ScheduleCalendar::local();
+  bool heavyWorkWaitsForPower = false;
+  SetRunner runSet;
+  SetHistoryReader history = readSetHistory;
+  // Where new notices go (the headless program writes them to standard error).
+  std::function<void(const std::string&)> notify;
+};
+
+// The tick's process: returns the exit status (0, also when another tick held
+// the lock; 1 when the lock file cannot be opened or last-tick.json cannot be
+// written).
+int run(const Environment& environment);
+
+}  // namespace HeadlessBackup
+
+}  // namespace corvane

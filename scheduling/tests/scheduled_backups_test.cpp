@@ -1,0 +1,172 @@
+#include "scheduling/scheduled_backups.hpp"
+
+#include <gtest/gtest.h>
+
+#include "platform/durable_file.hpp"
+#include "platform/tests/temporary_folder.hpp"
+
+namespace corvane {
+namespace {
+
+using namespace std::chrono_literals;
+
+SystemTime at(const char* text) { return *IsoTime::parsePlain(text); }
+
+BackupSet scheduled(const std::string& username, BackupSchedule schedule) {
+  BackupSet set;
+  set.orgKey = "00D" + username.substr(0, 1);
+  set.username = username;
+  set.schedule = schedule;
+  return set;
+}
+
+class ScheduledBackupsTest : public ::testing::Test {
+ protected:
+  TemporaryFolder folder;
+  std::filesystem::path root = folder.path() / "Backups";
+  BackupRegistry registry{folder.path() / "Corvane"};
+  std::vector<SetRunRequest> requests;
+  std::vector<std::string> told;
+  SystemTime now = at("2024-05-10T10:05:00Z");
+
+  HeadlessBackup::Environment environment() {
+    HeadlessBackup::Environment env;
+    env.now = [this] { return now; };
+    env.conditions = [] { return RunConditions{}; };
+    env.backupRoot = root;
+    env.registryDirectory = folder.path() / "Corvane";
+    env.calendar = ScheduleCalendar::utc();
+    env.runSet = [this](const SetRunRequest& request) {
+      requests.push_back(request);
+      if (request.set.username.rfind("gone", 0) == 0)
+        throw UserFacingError("The login gone@x.example is no longer known to the Salesforce CLI.");
+      if (request.set.username.rfind("crash", 0) == 0) throw std::runtime_error("boom");
+      return SetRunOutcome::success();
+    };
+    env.history = [](const BackupLocation&) { return SetHistory{}; };
+    env.notify = [this](const std::string& text) { told.push_back(text); };
+    return env;
+  }
+};
+
+TEST_F(ScheduledBackupsTest, RunsOnlyTheDueSetRecordsItAndWritesLastTick) {
+  auto notDue = scheduled("later@x.example", BackupSchedule::daily(2, 0));
+  notDue.lastSuccessAt = at("2024-05-10T02:10:00Z");
+  registry.save({scheduled("due@x.example", BackupSchedule::hourly()), notDue,
+                 scheduled("manual@x.example", BackupSchedule::manual())});
+
+  EXPECT_EQ(HeadlessBackup::run(environment()), 0);
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].set.username, "due@x.example");
+  EXPECT_EQ(requests[0].kind, RunKind::full);
+  EXPECT_EQ(requests[0].config.location.root, root);
+  EXPECT_EQ(registry.load().sets[0].lastSuccessAt, now);
+  EXPECT_EQ(registry.load().sets[1].lastSuccessAt, notDue.lastSuccessAt);
+
+  const auto record = LastTick::read(root);
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->result, "Ran 1 backup. ");
+  EXPECT_EQ(record->startedAt, "2024-05-10T10:05:00Z");
+  EXPECT_TRUE(told.empty());
+
+  // The same hour again: nothing is due any more.
+  now += 10min;
+  EXPECT_EQ(HeadlessBackup::run(environment()), 0);
+  EXPECT_EQ(requests.size(), 1u);
+  EXPECT_EQ(LastTick::read(root)->result, "Ran 0 backups. ");
+}
+
+TEST_F(ScheduledBackupsTest, ASecondTickExitsAtOnceWhileTheLockIsHeld) {
+  registry.save({scheduled("due@x.example", BackupSchedule::hourly())});
+  auto held = TickLock::acquire(root);
+  ASSERT_TRUE(held);
+  EXPECT_FALSE(TickLock::acquire(root));
+  EXPECT_EQ(HeadlessBackup::run(environment()), 0);
+  EXPECT_TRUE(requests.empty());
+  EXPECT_FALSE(LastTick::read(root));
+
+  held.reset();
+  EXPECT_EQ(HeadlessBackup::run(environment()), 0);
+  EXPECT_EQ(requests.size(), 1u);
+}
+
+TEST_F(ScheduledBackupsTest, UnreadableSetsRunNothingAndAreToldOnce) {
+  std::filesystem::create_directories(registry.fileURL().parent_path());
+  Durable::replace(registry.fileURL(), "{\"sets\": [");
+  EXPECT_EQ(HeadlessBackup::run(environment()), 0);
+  EXPECT_TRUE(requests.empty());
+  EXPECT_EQ(LastTick::read(root)->result.rfind("Your backup settings could not be read", 0), 0u);
+  EXPECT_EQ(told.size(), 1u);
+  HeadlessBackup::run(environment());
+  EXPECT_EQ(told.size(), 1u);
+  EXPECT_EQ(*Durable::readWhole(registry.fileURL()), "{\"sets\": [");
+}
+
+TEST_F(ScheduledBackupsTest, BadSetsAreRecordedOthersStillRunAndTheLedgerTellsOnce) {
+  auto unplugged = scheduled("disk@x.example", BackupSchedule::hourly());
+  unplugged.rootPath = (folder.path() / "Volumes/Unplugged").string();
+  registry.save({scheduled("gone@x.example", BackupSchedule::hourly()), unplugged,
+                 scheduled("crash@x.example", BackupSchedule::hourly()),
+                 scheduled("fine@x.example", BackupSchedule::hourly())});
+
+  EXPECT_EQ(HeadlessBackup::run(environment()), 0);
+  ASSERT_EQ(requests.size(), 3u);  // the unplugged disk is never started
+  const auto summary = LastTick::read(root)->result;
+  EXPECT_EQ(summary.rfind("Ran 3 backups. ", 0), 0u) << summary;
+  EXPECT_NE(summary.find("The backup of gone@x.example did not finish: The login gone@x.example "
+                         "is no longer known to the Salesforce CLI."),
+            std::string::npos);
+  EXPECT_NE(summary.find("The backup of disk@x.example did not finish: Its backup folder"),
+            std::string::npos);
+  EXPECT_NE(summary.find("The backup of crash@x.example did not finish: the backup stopped."),
+            std::string::npos);
+  EXPECT_EQ(told.size(), 3u);
+  EXPECT_TRUE(registry.load().sets[3].lastSuccessAt);
+  EXPECT_FALSE(registry.load().sets[0].lastSuccessAt);
+
+  // An hour later the same problems: nothing new to tell.
+  now += 1h;
+  HeadlessBackup::run(environment());
+  EXPECT_EQ(told.size(), 3u);
+
+  // The disk comes back and its backup succeeds; when it goes again, that is told again.
+  std::filesystem::create_directories(unplugged.rootPath.value());
+  now += 1h;
+  HeadlessBackup::run(environment());
+  EXPECT_EQ(told.size(), 3u);
+  std::filesystem::remove_all(unplugged.rootPath.value());
+  now += 1h;
+  HeadlessBackup::run(environment());
+  ASSERT_EQ(told.size(), 4u);
+  EXPECT_EQ(told[3].rfind("The scheduled backup of disk@x.example did not finish: Its backup "
+                          "folder",
+                          0),
+            0u);
+}
+
+TEST_F(ScheduledBackupsTest, WaitsAreSummarisedWithTheRetryAndPowerWaitsTakeFilesIntoAccount) {
+  auto files = scheduled("files@x.example", BackupSchedule::hourly());
+  files.includeFiles = true;
+  registry.save({files, scheduled("records@x.example", BackupSchedule::hourly())});
+  auto env = environment();
+  env.conditions = [] { return RunConditions{true, true}; };
+  env.heavyWorkWaitsForPower = true;
+  HeadlessBackup::run(env);
+  // Only the set with file bodies still to fetch waits; the other runs.
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].set.username, "records@x.example");
+  EXPECT_EQ(LastTick::read(root)->result,
+            "Ran 1 backup. The backup of files@x.example is waiting for mains power. It will try "
+            "again within the hour.");
+
+  env.conditions = [] { return RunConditions{false, false}; };
+  now += 1h;
+  HeadlessBackup::run(env);
+  EXPECT_EQ(LastTick::read(root)->result,
+            "Ran 0 backups. The backup of files@x.example is waiting for a network connection. "
+            "The backup of records@x.example is waiting for a network connection. It will try "
+            "again within the hour.");
+}
+
+}  // namespace
+}  // namespace corvane
