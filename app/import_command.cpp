@@ -1,7 +1,7 @@
 #include "app/import_command.hpp"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <iostream>
@@ -27,11 +27,20 @@ std::string escaped(const std::string& cell) {
   out.reserve(cell.size() + 8);
   for (char c : cell) {
     switch (c) {
-      case '\t': out += "\\t"; break;
-      case '\r': out += "\\r"; break;
-      case '\n': out += "\\n"; break;
-      case '\\': out += "\\\\"; break;
-      default: out += c;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -54,20 +63,23 @@ ImportGrid readFile(const std::filesystem::path& path, const std::optional<std::
   std::string name = path.filename().string();
   if (extension == ".xls") {
     throw ImportError::badFile(
-        name + " is an old-style Excel workbook (.xls), which cannot be read. Save it as an .xlsx "
-               "workbook or as CSV in your spreadsheet program and try again.");
+        name +
+        " is an old-style Excel workbook (.xls), which cannot be read. Save it as an .xlsx "
+        "workbook or as CSV in your spreadsheet program and try again.");
   }
   if (extension != ".xlsx" && extension != ".xlsm") {
     if (sheet) {
-      throw ImportError::badFile(name + " is delimited text, which has no sheets. Leave out --sheet "
-                                        "for it, or name an .xlsx workbook.");
+      throw ImportError::badFile(name +
+                                 " is delimited text, which has no sheets. Leave out --sheet "
+                                 "for it, or name an .xlsx workbook.");
     }
     return DelimitedText::parseFile(path);
   }
   XlsxReader reader(path);
   if (reader.sheetNames().empty()) {
-    throw ImportError::badFile(name + " has no sheets. Nothing was imported; check that it is the "
-                                      "workbook you meant.");
+    throw ImportError::badFile(name +
+                               " has no sheets. Nothing was imported; check that it is the "
+                               "workbook you meant.");
   }
   std::string chosen = sheet.value_or(reader.sheetNames().front());
   std::optional<ImportGrid> grid = reader.readSheet(chosen);
@@ -85,7 +97,8 @@ ImportGrid readPasted(std::istream& in) {
   std::optional<ImportGrid> grid = DelimitedText::parsePasted(text);
   if (!grid) {
     throw ImportError::badFile(
-        "The pasted text holds no rows. Copy the cells again, header row included, and paste them.");
+        "The pasted text holds no rows. Copy the cells again, header row included, and paste "
+        "them.");
   }
   return std::move(*grid);
 }

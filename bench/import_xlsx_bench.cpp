@@ -42,14 +42,27 @@ std::filesystem::path sampleWorkbook() {
         for (lxw_col_t column = 0; column < columnCount; ++column) {
           switch (column % 7) {
             case 0:
-              worksheet_write_string(sheet, row, column, ("Person " + std::to_string(row)).c_str(), nullptr);
+              worksheet_write_string(sheet, row, column, ("Person " + std::to_string(row)).c_str(),
+                                     nullptr);
               break;
-            case 1: worksheet_write_string(sheet, row, column, cities[(row + column) % 6], nullptr); break;
-            case 2: worksheet_write_number(sheet, row, column, row * 1.25 + column, nullptr); break;
-            case 3: worksheet_write_number(sheet, row, column, 45000 + row % 3000, date); break;
-            case 4: worksheet_write_number(sheet, row, column, 45000.5 + row % 3000, stamp); break;
-            case 5: worksheet_write_boolean(sheet, row, column, row % 2, nullptr); break;
-            default: worksheet_write_number(sheet, row, column, row % 1000, nullptr); break;
+            case 1:
+              worksheet_write_string(sheet, row, column, cities[(row + column) % 6], nullptr);
+              break;
+            case 2:
+              worksheet_write_number(sheet, row, column, row * 1.25 + column, nullptr);
+              break;
+            case 3:
+              worksheet_write_number(sheet, row, column, 45000 + row % 3000, date);
+              break;
+            case 4:
+              worksheet_write_number(sheet, row, column, 45000.5 + row % 3000, stamp);
+              break;
+            case 5:
+              worksheet_write_boolean(sheet, row, column, row % 2, nullptr);
+              break;
+            default:
+              worksheet_write_number(sheet, row, column, row % 1000, nullptr);
+              break;
           }
         }
       }
@@ -68,7 +81,8 @@ double sheetXMLMegabytes(const std::filesystem::path& file) {
   if (!archive) return 0;
   zip_stat_t stat;
   double size = 0;
-  if (zip_stat(archive, "xl/worksheets/sheet1.xml", 0, &stat) == 0) size = static_cast<double>(stat.size);
+  if (zip_stat(archive, "xl/worksheets/sheet1.xml", 0, &stat) == 0)
+    size = static_cast<double>(stat.size);
   zip_discard(archive);
   return size / (1 << 20);
 }
@@ -91,7 +105,8 @@ void BM_ReadWorkbook(benchmark::State& state) {
       gridBytes = 0;
       for (const auto& row : grid->rows) {
         gridBytes += static_cast<double>(sizeof row + row.capacity() * sizeof(std::string));
-        for (const auto& cell : row) gridBytes += cell.size() > 15 ? static_cast<double>(cell.capacity()) : 0;
+        for (const auto& cell : row)
+          gridBytes += cell.size() > 15 ? static_cast<double>(cell.capacity()) : 0;
       }
     }
     benchmark::DoNotOptimize(grid);

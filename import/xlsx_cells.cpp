@@ -69,7 +69,8 @@ void civilFromDays(std::int64_t days, std::int64_t& year, int& month, int& day) 
   days += 719468;
   std::int64_t era = (days >= 0 ? days : days - 146096) / 146097;
   auto dayOfEra = static_cast<std::int64_t>(days - era * 146097);
-  std::int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+  std::int64_t yearOfEra =
+      (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
   std::int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
   std::int64_t shiftedMonth = (5 * dayOfYear + 2) / 153;
   day = static_cast<int>(dayOfYear - (153 * shiftedMonth + 2) / 5 + 1);
@@ -115,8 +116,8 @@ std::string dateTimeText(std::int64_t year, int month, int day, int hour, int mi
 // The shortest decimal that reads back as value, written without an exponent.
 std::string plainDecimal(double value) {
   char buffer[64];
-  auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, value,
-                                    std::chars_format::scientific);
+  auto [end, error] =
+      std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::scientific);
   if (error != std::errc()) return fmt::format("{}", value);
   std::string_view text(buffer, static_cast<std::size_t>(end - buffer));
   bool negative = !text.empty() && text[0] == '-';
@@ -193,9 +194,9 @@ std::optional<std::string> isoCellText(std::string_view text, FormatKind kind) {
   }
   if (!hasDate && !hasTime) return std::nullopt;
   if (kind != FormatKind::date && kind != FormatKind::dateTime && kind != FormatKind::time) {
-    kind = !hasDate ? FormatKind::time
+    kind = !hasDate                                     ? FormatKind::time
            : (hasTime && (hour | minute | second) != 0) ? FormatKind::dateTime
-                                                       : FormatKind::date;
+                                                        : FormatKind::date;
   }
   if (!hasDate) year = 1970;  // a time alone
   return dateTimeText(year, month, day, hour, minute, second, kind);
@@ -210,15 +211,46 @@ FormatKind StyleInfo::kind(std::optional<std::size_t> style) const {
 
 FormatKind classify(int formatID, std::string_view code) {
   switch (formatID) {
-    case 14: case 15: case 16: case 17: case 27: case 28: case 29: case 30: case 31: case 34:
-    case 35: case 36: case 50: case 51: case 52: case 53: case 54: case 55: case 56: case 57:
+    case 14:
+    case 15:
+    case 16:
+    case 17:
+    case 27:
+    case 28:
+    case 29:
+    case 30:
+    case 31:
+    case 34:
+    case 35:
+    case 36:
+    case 50:
+    case 51:
+    case 52:
+    case 53:
+    case 54:
+    case 55:
+    case 56:
+    case 57:
     case 58:
       return FormatKind::date;
-    case 18: case 19: case 20: case 21: case 45: case 47: return FormatKind::time;
-    case 22: case 32: case 33: return FormatKind::dateTime;
-    case 9: case 10: return FormatKind::percent;
-    case 46: return FormatKind::elapsed;
-    default: break;
+    case 18:
+    case 19:
+    case 20:
+    case 21:
+    case 45:
+    case 47:
+      return FormatKind::time;
+    case 22:
+    case 32:
+    case 33:
+      return FormatKind::dateTime;
+    case 9:
+    case 10:
+      return FormatKind::percent;
+    case 46:
+      return FormatKind::elapsed;
+    default:
+      break;
   }
   if (code.empty()) return FormatKind::general;
   std::string lowered(code);
@@ -240,7 +272,8 @@ std::string serialToString(double serial, FormatKind kind, bool date1904) {
   // Beyond ±100 million days the milliseconds no longer fit; no calendar needs them.
   if (!std::isfinite(serial) || std::fabs(serial) > 1e8) return fmt::format("{:.15g}", serial);
   double epochDay = date1904 ? 24107 : 25569;
-  auto milliseconds = static_cast<std::int64_t>(std::llround((serial - epochDay) * 86400.0 * 1000.0));
+  auto milliseconds =
+      static_cast<std::int64_t>(std::llround((serial - epochDay) * 86400.0 * 1000.0));
   std::int64_t seconds = floorDivide(milliseconds, 1000);
   std::int64_t days = floorDivide(seconds, 86400);
   std::int64_t secondOfDay = seconds - days * 86400;
@@ -278,9 +311,9 @@ std::string renderCell(std::string_view type, std::optional<std::size_t> style,
     std::size_t count = context.sharedStrings ? context.sharedStrings->size() : 0;
     if (value.empty()) return {};
     if (error != std::errc() || end != value.data() + value.size() || index >= count) {
-      throw WorkbookFormatError(fmt::format(
-          "a cell refers to shared text number {}, but the workbook holds only {}",
-          std::string(value), count));
+      throw WorkbookFormatError(
+          fmt::format("a cell refers to shared text number {}, but the workbook holds only {}",
+                      std::string(value), count));
     }
     return (*context.sharedStrings)[index];
   }

@@ -17,9 +17,9 @@ namespace {
 class PullReader {
  public:
   explicit PullReader(PartInput& input) : input_(input) {
-    reader_ = xmlReaderForIO(&PullReader::readBytes, nullptr, this, nullptr, nullptr,
-                             XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING |
-                                 XML_PARSE_COMPACT);
+    reader_ = xmlReaderForIO(
+        &PullReader::readBytes, nullptr, this, nullptr, nullptr,
+        XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_COMPACT);
     if (!reader_) throw WorkbookFormatError("there was not enough memory to read " + input.name());
     xmlTextReaderSetStructuredErrorHandler(reader_, &PullReader::onError, this);
   }
@@ -88,7 +88,8 @@ class PullReader {
     auto* self = static_cast<PullReader*>(context);
     if (!self->error_.empty() || !error || error->level < XML_ERR_ERROR) return;
     std::string message = error->message ? error->message : "unknown error";
-    while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
+    while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
+      message.pop_back();
     self->error_ = fmt::format("line {}: {}", error->line, message);
   }
 
@@ -116,12 +117,17 @@ std::string richText(PullReader& reader, const char* until) {
   int phoneticDepth = 0;
   while (reader.next()) {
     if (reader.type() == XML_READER_TYPE_ELEMENT) {
-      if (std::strcmp(reader.localName(), "rPh") == 0 && !reader.isEmptyElement()) ++phoneticDepth;
-      else if (std::strcmp(reader.localName(), "t") == 0 && !reader.isEmptyElement()) inText = true;
+      if (std::strcmp(reader.localName(), "rPh") == 0 && !reader.isEmptyElement())
+        ++phoneticDepth;
+      else if (std::strcmp(reader.localName(), "t") == 0 && !reader.isEmptyElement())
+        inText = true;
     } else if (reader.type() == XML_READER_TYPE_END_ELEMENT) {
-      if (std::strcmp(reader.localName(), "t") == 0) inText = false;
-      else if (std::strcmp(reader.localName(), "rPh") == 0) phoneticDepth = std::max(0, phoneticDepth - 1);
-      else if (std::strcmp(reader.localName(), until) == 0) break;
+      if (std::strcmp(reader.localName(), "t") == 0)
+        inText = false;
+      else if (std::strcmp(reader.localName(), "rPh") == 0)
+        phoneticDepth = std::max(0, phoneticDepth - 1);
+      else if (std::strcmp(reader.localName(), until) == 0)
+        break;
     } else if (inText && phoneticDepth == 0 && reader.isText()) {
       text += reader.value();
     }
@@ -155,10 +161,13 @@ WorkbookParser::Workbook WorkbookParser::parse(PartInput& input) {
       });
     } else if (reader.isElement("sheet")) {
       Sheet sheet;
-      reader.attributes([&](std::string_view name, std::string_view prefix, std::string_view value) {
-        if (name == "name" && prefix.empty()) sheet.name = value;
-        else if (name == "id" && !prefix.empty()) sheet.relationshipID = value;
-      });
+      reader.attributes(
+          [&](std::string_view name, std::string_view prefix, std::string_view value) {
+            if (name == "name" && prefix.empty())
+              sheet.name = value;
+            else if (name == "id" && !prefix.empty())
+              sheet.relationshipID = value;
+          });
       workbook.sheets.push_back(std::move(sheet));
     }
   }
@@ -172,10 +181,14 @@ std::vector<RelsParser::Relationship> RelsParser::parse(PartInput& input) {
     if (!reader.isElement("Relationship")) continue;
     Relationship relationship;
     reader.attributes([&](std::string_view name, std::string_view, std::string_view value) {
-      if (name == "Id") relationship.id = value;
-      else if (name == "Type") relationship.type = value;
-      else if (name == "Target") relationship.target = value;
-      else if (name == "TargetMode") relationship.external = value == "External";
+      if (name == "Id")
+        relationship.id = value;
+      else if (name == "Type")
+        relationship.type = value;
+      else if (name == "Target")
+        relationship.target = value;
+      else if (name == "TargetMode")
+        relationship.external = value == "External";
     });
     relationships.push_back(std::move(relationship));
   }
@@ -238,15 +251,16 @@ std::vector<std::string> SharedStringsParser::parse(PartInput& input, std::size_
       reader.attributes([&](std::string_view name, std::string_view, std::string_view value) {
         if (name == "uniqueCount") {
           // A hint only; never trusted beyond what a part of this size could hold.
-          if (auto count = number<std::size_t>(value)) strings.reserve(std::min<std::size_t>(*count, 1 << 20));
+          if (auto count = number<std::size_t>(value))
+            strings.reserve(std::min<std::size_t>(*count, 1 << 20));
         }
       });
     } else if (reader.isElement("si")) {
       strings.push_back(richText(reader, "si"));
       total += strings.back().size() + sizeof(std::string);
       if (total > maximumBytes)
-        throw WorkbookFormatError(fmt::format("its shared text would take more than {} MB",
-                                              maximumBytes >> 20));
+        throw WorkbookFormatError(
+            fmt::format("its shared text would take more than {} MB", maximumBytes >> 20));
     }
   }
   return strings;
@@ -262,8 +276,10 @@ StyleInfo StylesParser::parse(PartInput& input) {
       std::optional<int> id;
       std::string code;
       reader.attributes([&](std::string_view name, std::string_view, std::string_view value) {
-        if (name == "numFmtId") id = number<int>(value);
-        else if (name == "formatCode") code = value;
+        if (name == "numFmtId")
+          id = number<int>(value);
+        else if (name == "formatCode")
+          code = value;
       });
       if (id) customFormats.emplace_back(*id, std::move(code));
     } else if (reader.isElement("cellXfs")) {
@@ -295,15 +311,18 @@ std::optional<std::size_t> SheetParser::columnOf(std::string_view reference) {
   std::size_t letters = 0;
   for (char c : reference) {
     int value;
-    if (c >= 'A' && c <= 'Z') value = c - 'A' + 1;
-    else if (c >= 'a' && c <= 'z') value = c - 'a' + 1;
-    else break;
+    if (c >= 'A' && c <= 'Z')
+      value = c - 'A' + 1;
+    else if (c >= 'a' && c <= 'z')
+      value = c - 'a' + 1;
+    else
+      break;
     column = column * 26 + static_cast<std::size_t>(value);
     if (++letters > 3 || column > maximumColumns) {
       std::string_view shown = reference.substr(0, std::min<std::size_t>(reference.size(), 20));
-      throw WorkbookFormatError(fmt::format(
-          "a cell reference (\"{}\") lies beyond the last column a sheet can have, XFD",
-          std::string(shown)));
+      throw WorkbookFormatError(
+          fmt::format("a cell reference (\"{}\") lies beyond the last column a sheet can have, XFD",
+                      std::string(shown)));
     }
   }
   if (letters == 0) return std::nullopt;
@@ -385,9 +404,12 @@ std::vector<std::vector<std::string>> SheetParser::parse(PartInput& input,
       }
     } else if (nodeType == XML_READER_TYPE_END_ELEMENT) {
       const char* name = reader.localName();
-      if (std::strcmp(name, "v") == 0) inValue = false;
-      else if (std::strcmp(name, "c") == 0 && inCell) endCell();
-      else if (std::strcmp(name, "row") == 0) endRow();
+      if (std::strcmp(name, "v") == 0)
+        inValue = false;
+      else if (std::strcmp(name, "c") == 0 && inCell)
+        endCell();
+      else if (std::strcmp(name, "row") == 0)
+        endRow();
     } else if (inValue && reader.isText()) {
       value += reader.value();
     }

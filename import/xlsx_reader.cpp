@@ -14,7 +14,6 @@ namespace corvane {
 
 namespace {
 
-
 std::string curlyQuoted(std::string_view text) { return fmt::format("\u201c{}\u201d", text); }
 
 // One part of the archive, unpacked as it is read, refused past the limit.
@@ -23,7 +22,8 @@ class ZipPartInput : public PartInput {
   ZipPartInput(zip_t* archive, zip_uint64_t index, std::string name, std::size_t limit)
       : name_(std::move(name)), limit_(limit) {
     file_ = zip_fopen_index(archive, index, 0);
-    if (!file_) failure_ = fmt::format("its part {} cannot be unpacked ({})", name_, zip_strerror(archive));
+    if (!file_)
+      failure_ = fmt::format("its part {} cannot be unpacked ({})", name_, zip_strerror(archive));
   }
   ~ZipPartInput() override {
     if (file_) zip_fclose(file_);
@@ -49,9 +49,9 @@ class ZipPartInput : public PartInput {
   std::string name() const override { return name_; }
 
   static std::string tooLarge(const std::string& name, std::size_t limit) {
-    return fmt::format("its part {} would unpack to more than {}, more than any sheet needs",
-                       name, limit >= (1 << 20) ? fmt::format("{} MB", limit >> 20)
-                                                : fmt::format("{} bytes", limit));
+    return fmt::format(
+        "its part {} would unpack to more than {}, more than any sheet needs", name,
+        limit >= (1 << 20) ? fmt::format("{} MB", limit >> 20) : fmt::format("{} bytes", limit));
   }
 
  private:
@@ -96,7 +96,8 @@ struct XlsxReader::Impl {
 
   // Runs parse on a part; nothing when the archive lacks it.
   template <class Parse>
-  auto withPart(const std::string& part, Parse parse) -> std::optional<decltype(parse(std::declval<PartInput&>()))> {
+  auto withPart(const std::string& part, Parse parse)
+      -> std::optional<decltype(parse(std::declval<PartInput&>()))> {
     auto index = locate(part);
     if (!index) return std::nullopt;
     zip_stat_t stat;
@@ -123,9 +124,9 @@ struct XlsxReader::Impl {
     if (!parsed) fail("it holds no workbook part; it may be a different kind of document");
     workbook = std::move(*parsed);
     for (const auto& sheet : workbook.sheets) sheetNames.push_back(sheet.name);
-    workbookRelationships =
-        withPart(RelsParser::relsPath(workbookPart), [](PartInput& in) { return RelsParser::parse(in); })
-            .value_or(std::vector<RelsParser::Relationship>{});
+    workbookRelationships = withPart(RelsParser::relsPath(workbookPart), [](PartInput& in) {
+                              return RelsParser::parse(in);
+                            }).value_or(std::vector<RelsParser::Relationship>{});
     std::string sharedPart = "xl/sharedStrings.xml";
     if (const auto* shared = RelsParser::findType(workbookRelationships, "sharedStrings"))
       sharedPart = RelsParser::resolve(workbookPart, shared->target);
@@ -135,8 +136,9 @@ struct XlsxReader::Impl {
     std::string stylesPart = "xl/styles.xml";
     if (const auto* found = RelsParser::findType(workbookRelationships, "styles"))
       stylesPart = RelsParser::resolve(workbookPart, found->target);
-    styles = withPart(stylesPart, [](PartInput& in) { return StylesParser::parse(in); })
-                 .value_or(StyleInfo{});
+    styles = withPart(stylesPart, [](PartInput& in) {
+               return StylesParser::parse(in);
+             }).value_or(StyleInfo{});
   }
 
   std::optional<ImportGrid> read(std::size_t index) {
@@ -146,13 +148,15 @@ struct XlsxReader::Impl {
       if (relationship.id == sheet.relationshipID && !relationship.external)
         part = RelsParser::resolve(workbookPart, relationship.target);
     }
-    if (part.empty()) fail(fmt::format("the sheet {} has no part of its own", curlyQuoted(sheet.name)));
+    if (part.empty())
+      fail(fmt::format("the sheet {} has no part of its own", curlyQuoted(sheet.name)));
     CellContext context{&sharedStrings, &styles, workbook.date1904};
     auto rows = withPart(part, [&](PartInput& in) {
       try {
         return SheetParser::parse(in, context);
       } catch (const WorkbookFormatError& error) {
-        throw WorkbookFormatError(fmt::format("in the sheet {}, {}", curlyQuoted(sheet.name), error.what()));
+        throw WorkbookFormatError(
+            fmt::format("in the sheet {}, {}", curlyQuoted(sheet.name), error.what()));
       }
     });
     if (!rows) fail(fmt::format("the part of the sheet {} is missing", curlyQuoted(sheet.name)));
@@ -160,7 +164,8 @@ struct XlsxReader::Impl {
     ImportGrid grid;
     grid.sheetName = sheet.name;
     for (const auto& header : rows->front()) grid.headers.push_back(trimmedHeader(header));
-    grid.rows.assign(std::make_move_iterator(rows->begin() + 1), std::make_move_iterator(rows->end()));
+    grid.rows.assign(std::make_move_iterator(rows->begin() + 1),
+                     std::make_move_iterator(rows->end()));
     return grid;
   }
 };
@@ -174,7 +179,8 @@ XlsxReader::XlsxReader(const std::filesystem::path& path, std::size_t maximumPar
   if (!impl_->archive) {
     if (error == ZIP_ER_NOENT) throw FileError(FileError::Kind::open, path, ENOENT);
     if (error == ZIP_ER_OPEN || error == ZIP_ER_READ)
-      throw FileError(error == ZIP_ER_OPEN ? FileError::Kind::open : FileError::Kind::read, path, errno);
+      throw FileError(error == ZIP_ER_OPEN ? FileError::Kind::open : FileError::Kind::read, path,
+                      errno);
     impl_->fail("it is not an .xlsx file (not a ZIP archive)");
   }
   impl_->open();
@@ -187,7 +193,8 @@ XlsxReader::XlsxReader(std::string bytes, std::string displayName, std::size_t m
   impl_->bytes = std::move(bytes);
   zip_error_t error;
   zip_error_init(&error);
-  zip_source_t* source = zip_source_buffer_create(impl_->bytes.data(), impl_->bytes.size(), 0, &error);
+  zip_source_t* source =
+      zip_source_buffer_create(impl_->bytes.data(), impl_->bytes.size(), 0, &error);
   if (source) {
     impl_->archive = zip_open_from_source(source, ZIP_RDONLY, &error);
     if (!impl_->archive) zip_source_free(source);
@@ -210,16 +217,17 @@ std::optional<ImportGrid> XlsxReader::readSheet(std::string_view name) {
   }
   std::string list;
   for (const auto& known : names) list += (list.empty() ? "" : ", ") + curlyQuoted(known);
-  throw ImportError::badFile(fmt::format(
-      "{} has no sheet named {}. {}", impl_->displayName, curlyQuoted(name),
-      names.empty() ? std::string("It has no sheets at all.")
-                    : fmt::format("Its sheets are {}; choose one of them.", list)));
+  throw ImportError::badFile(
+      fmt::format("{} has no sheet named {}. {}", impl_->displayName, curlyQuoted(name),
+                  names.empty() ? std::string("It has no sheets at all.")
+                                : fmt::format("Its sheets are {}; choose one of them.", list)));
 }
 
 std::optional<ImportGrid> XlsxReader::readSheet(std::size_t index) {
   if (index >= impl_->sheetNames.size()) {
     throw ImportError::badFile(fmt::format("{} has {} sheets; there is no sheet number {}.",
-                                           impl_->displayName, impl_->sheetNames.size(), index + 1));
+                                           impl_->displayName, impl_->sheetNames.size(),
+                                           index + 1));
   }
   return impl_->read(index);
 }

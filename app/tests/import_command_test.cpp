@@ -36,12 +36,14 @@ TEST(ImportRead, AWorkbookReadsItsFirstOrNamedSheet) {
   ImportGrid first = ImportCommand::readFile(fixtureWorkbook(), std::nullopt);
   EXPECT_EQ(first.sheetName, "People");
   ImportGrid second = ImportCommand::readFile(fixtureWorkbook(), "Ünïcödé sheet");
-  EXPECT_EQ(printed(second, false),
-            "Sheet: Ünïcödé sheet\nId\tValue\n001\t1E-020\n😀 emoji\t123456789012346000\n(2 rows)\n");
-  EXPECT_EQ(printed(second, true),
-            R"({"headers":["Id","Value"],"rows":[["001","1E-020"],["😀 emoji","123456789012346000"]],)"
-            R"("sheetName":"Ünïcödé sheet"})"
-            "\n");
+  EXPECT_EQ(
+      printed(second, false),
+      "Sheet: Ünïcödé sheet\nId\tValue\n001\t1E-020\n😀 emoji\t123456789012346000\n(2 rows)\n");
+  EXPECT_EQ(
+      printed(second, true),
+      R"({"headers":["Id","Value"],"rows":[["001","1E-020"],["😀 emoji","123456789012346000"]],)"
+      R"("sheetName":"Ünïcödé sheet"})"
+      "\n");
   EXPECT_THAT(failure([] { ImportCommand::readFile(fixtureWorkbook(), "Nope"); }),
               HasSubstr("has no sheet named \u201cNope\u201d. Its sheets are"));
 }
@@ -52,9 +54,10 @@ TEST(ImportRead, TextFilesAreDelimitedAndHaveNoSheets) {
   std::ofstream(path) << "Name\tNote\nAda\t\"two\nlines\" and \\ a tab\t!\n";
   ImportGrid grid = ImportCommand::readFile(path, std::nullopt);
   EXPECT_EQ(printed(grid, false), "Name\tNote\nAda\ttwo\\nlines and \\\\ a tab\t!\n(1 row)\n");
-  EXPECT_EQ(printed(grid, true),
-            R"({"headers":["Name","Note"],"rows":[["Ada","two\nlines and \\ a tab","!"]],"sheetName":null})"
-            "\n");
+  EXPECT_EQ(
+      printed(grid, true),
+      R"({"headers":["Name","Note"],"rows":[["Ada","two\nlines and \\ a tab","!"]],"sheetName":null})"
+      "\n");
   EXPECT_THAT(failure([&] { ImportCommand::readFile(path, "Sheet1"); }),
               HasSubstr("people.txt is delimited text, which has no sheets."));
   EXPECT_THAT(failure([&] { ImportCommand::readFile(folder.path() / "old.xls", std::nullopt); }),

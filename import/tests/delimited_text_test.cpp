@@ -76,7 +76,8 @@ class DelimitedTextFile : public ::testing::Test {
  protected:
   std::filesystem::path write(const std::string& name, std::string_view bytes) {
     auto path = folder_.path() / name;
-    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary)
+        .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     return path;
   }
   TemporaryFolder folder_;
@@ -84,8 +85,14 @@ class DelimitedTextFile : public ::testing::Test {
 
 TEST_F(DelimitedTextFile, DecodesUTF16BothWaysUTF8AndLatin1) {
   // "Nä,x\n1,😀" in UTF-16 little- and big-endian.
-  std::string little("\xFF\xFEN\0\xE4\0,\0x\0\n\0" "1\0,\0\x3D\xD8\x00\xDE", 20);
-  std::string big("\xFE\xFF\0N\0\xE4\0,\0x\0\n\0" "1\0,\xD8\x3D\xDE\x00", 20);
+  std::string little(
+      "\xFF\xFEN\0\xE4\0,\0x\0\n\0"
+      "1\0,\0\x3D\xD8\x00\xDE",
+      20);
+  std::string big(
+      "\xFE\xFF\0N\0\xE4\0,\0x\0\n\0"
+      "1\0,\xD8\x3D\xDE\x00",
+      20);
   for (const auto& bytes : {little, big}) {
     auto grid = DelimitedText::parseFile(write("u16.csv", bytes));
     EXPECT_EQ(grid.headers, (std::vector<std::string>{"Nä", "x"}));

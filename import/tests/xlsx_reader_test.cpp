@@ -17,6 +17,8 @@ using Rows = std::vector<std::vector<std::string>>;
 using Headers = std::vector<std::string>;
 using ::testing::HasSubstr;
 
+// libreoffice-*.xlsx were written by LibreOffice Calc 7.4 from the .fods files beside
+// them: soffice --headless --convert-to xlsx libreoffice-mixed.fods
 std::filesystem::path fixture(const char* name) {
   return std::filesystem::path(CORVANE_IMPORT_FIXTURES) / name;
 }
@@ -66,12 +68,15 @@ std::string workbook(const std::string& sheetData, const std::string& shared = "
            (date1904 ? R"(<workbookPr date1904="1"/>)" : "") +
            R"(<sheets><sheet name="Data" sheetId="1" r:id="rId1"/></sheets></workbook>)"},
       {"xl/_rels/workbook.xml.rels", rels},
-      {"xl/worksheets/sheet1.xml",
-       std::string("<worksheet xmlns=\"") + mainNS + "\"><sheetData>" + sheetData +
-           "</sheetData></worksheet>"},
+      {"xl/worksheets/sheet1.xml", std::string("<worksheet xmlns=\"") + mainNS + "\"><sheetData>" +
+                                       sheetData + "</sheetData></worksheet>"},
   };
-  if (!shared.empty()) parts["xl/sharedStrings.xml"] = std::string("<sst xmlns=\"") + mainNS + "\">" + shared + "</sst>";
-  if (!styles.empty()) parts["xl/styles.xml"] = std::string("<styleSheet xmlns=\"") + mainNS + "\">" + styles + "</styleSheet>";
+  if (!shared.empty())
+    parts["xl/sharedStrings.xml"] =
+        std::string("<sst xmlns=\"") + mainNS + "\">" + shared + "</sst>";
+  if (!styles.empty())
+    parts["xl/styles.xml"] =
+        std::string("<styleSheet xmlns=\"") + mainNS + "\">" + styles + "</styleSheet>";
   return archive(parts);
 }
 
@@ -83,10 +88,12 @@ ImportGrid readData(const std::string& bytes) {
 }
 
 // The sentence of the badFile error that reading the workbook raises.
-std::string failureOf(const std::string& bytes, std::size_t limit = XlsxReader::defaultMaximumPartSize) {
+std::string failureOf(const std::string& bytes,
+                      std::size_t limit = XlsxReader::defaultMaximumPartSize) {
   try {
     XlsxReader reader(bytes, "book.xlsx", limit);
-    for (std::size_t index = 0; index < reader.sheetNames().size(); ++index) reader.readSheet(index);
+    for (std::size_t index = 0; index < reader.sheetNames().size(); ++index)
+      reader.readSheet(index);
   } catch (const ImportError& error) {
     EXPECT_EQ(error.kind(), ImportError::Kind::badFile);
     return error.description();
@@ -107,13 +114,12 @@ TEST(XlsxReaderLibreOffice, ReadsCellsAsLibreOfficeShowsThem) {
                                       "Month", "Amount", "Active", "Double", "Note"}));
   // Percent and elapsed cells show their number; a custom number format does not
   // change the number's text.
-  EXPECT_EQ(people->rows,
-            (Rows{{"Zoë Ångström", "1987-06-15", "2024-02-29 13:45:30", "08:30:00",
-                   "1.55208333333333", "0.125", "2023-03-01", "1234.5", "TRUE", "2469",
-                   "東京, \"quoted\""},
-                  {"Gap Row", "", "", "", "0.1", "", "12", "", "FALSE", "ab"},
-                  {"After blank", "1900-03-01", "", "", "", "", "", "", "", "#DIV/0!",
-                   "line one\nline two"}}));
+  EXPECT_EQ(people->rows, (Rows{{"Zoë Ångström", "1987-06-15", "2024-02-29 13:45:30", "08:30:00",
+                                 "1.55208333333333", "0.125", "2023-03-01", "1234.5", "TRUE",
+                                 "2469", "東京, \"quoted\""},
+                                {"Gap Row", "", "", "", "0.1", "", "12", "", "FALSE", "ab"},
+                                {"After blank", "1900-03-01", "", "", "", "", "", "", "", "#DIV/0!",
+                                 "line one\nline two"}}));
 
   auto second = reader.readSheet(1);
   ASSERT_TRUE(second);
@@ -145,7 +151,8 @@ TEST(XlsxReaderCells, InlineAndRichTextGapsAndCellsWithoutReferences) {
       R"(<row r="7" spans="1:3"/>)";
   auto grid = readData(workbook(sheet, shared, styles));
   EXPECT_EQ(grid.headers, (Headers{"Id", "Rich", "", "line\r\nbreak"}));
-  EXPECT_EQ(grid.rows, (Rows{{"2023-03-15", "45000", "2024-01-02 03:04:05"}, {"", "", "ab", "#N/A"}}));
+  EXPECT_EQ(grid.rows,
+            (Rows{{"2023-03-15", "45000", "2024-01-02 03:04:05"}, {"", "", "ab", "#N/A"}}));
 }
 
 TEST(XlsxReaderCells, ASheetOfBlankCellsHasNoGrid) {
