@@ -190,8 +190,10 @@ std::optional<std::string> SoqlScan::lastClauseKeyword(
 std::optional<std::string> SoqlScan::identifier(std::string_view after) const {
   if (size() == 0 || after.empty()) return std::nullopt;
   const int limit = depth(size() - 1);
+  const bool asciiStart = static_cast<unsigned char>(after[0]) < 0x80;
+  const char first = upperASCIIByte(after[0]);
   for (std::size_t i = 0; i < size(); ++i) {
-    if (depth_[i] > limit) continue;
+    if (depth_[i] > limit || (asciiStart && upper_[i] != first)) continue;
     auto end = matchWholeWord(after, i);
     if (!end) continue;
     std::size_t j = *end;
