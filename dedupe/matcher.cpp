@@ -1,0 +1,443 @@
+#include "dedupe/matcher.hpp"
+
+#include <algorithm>
+#include <array>
+#include <map>
+
+#include "dedupe/disjoint_set.hpp"
+#include "dedupe/email_tag.hpp"
+#include "dedupe/filler_values.hpp"
+#include "dedupe/group_splitter.hpp"
+#include "dedupe/phonetic.hpp"
+#include "dedupe/record_store.hpp"
+#include "dedupe/similarity.hpp"
+#include "dedupe/sorted_neighbourhood.hpp"
+
+namespace corvane::Matcher {
+namespace {
+
+struct Thresholds {
+  double pass;      // similarity that passes on its own
+  double phonetic;  // similarity that passes when the sound keys agree
+};
+
+Thresholds thresholds(Strictness strictness) {
+  switch (strictness) {
+    case Strictness::strict:
+      return {0.95, 0.91};
+    case Strictness::normal:
+      return {0.90, 0.86};
+    case Strictness::loose:
+      return {0.85, 0.81};
+  }
+  return {0.90, 0.86};
+}
+
+std::string_view lastWord(std::string_view value) {
+  const auto blank = value.rfind(' ');
+  return blank == std::string_view::npos ? value : value.substr(blank + 1);
+}
+
+bool isGenerationSuffix(std::string_view word) {
+  static constexpr std::array<std::string_view, 5> suffixes{"jr", "sr", "ii", "iii", "iv"};
+  return std::find(suffixes.begin(), suffixes.end(), word) != suffixes.end();
+}
+
+std::vector<std::string_view> words(std::string_view value) {
+  std::vector<std::string_view> result;
+  std::size_t start = 0;
+  while (start <= value.size()) {
+    std::size_t end = value.find(' ', start);
+    if (end == std::string_view::npos) end = value.size();
+    if (end > start) result.push_back(value.substr(start, end - start));
+    start = end + 1;
+  }
+  return result;
+}
+
+std::optional<double> personNameScore(std::string_view a, std::string_view b,
+                                      Strictness strictness) {
+  const std::string_view lastA = lastWord(a);
+  const std::string_view lastB = lastWord(b);
+  if (isGenerationSuffix(lastA) && isGenerationSuffix(lastB) && lastA != lastB) return std::nullopt;
+  const double j = Similarity::jaroWinkler(a, b);
+  const Thresholds limit = thresholds(strictness);
+  if (j >= limit.pass) return j;
+  if (j >= limit.phonetic && Phonetic::key(a) == Phonetic::key(b)) return j;
+  if (strictness == Strictness::strict) return std::nullopt;
+  if (nameAbbreviationMatch(a, b, false)) return 0.88;
+  if (strictness == Strictness::loose && nameAbbreviationMatch(a, b, true)) return 0.85;
+  return std::nullopt;
+}
+
+bool lessByValues(std::uint32_t a, std::uint32_t b, const std::vector<FlatColumn>& columns) {
+  for (const FlatColumn& column : columns) {
+    const int order = column.value(a).compare(column.value(b));
+    if (order != 0) return order < 0;
+  }
+  return false;
+}
+
+bool equalValues(std::uint32_t a, std::uint32_t b, const std::vector<FlatColumn>& columns) {
+  for (const FlatColumn& column : columns) {
+    if (column.value(a) != column.value(b)) return false;
+  }
+  return true;
+}
+
+bool hasBlank(std::uint32_t a, const std::vector<FlatColumn>& columns) {
+  for (const FlatColumn& column : columns) {
+    if (column.value(a).empty()) return true;
+  }
+  return false;
+}
+
+bool abbreviatedInOrder(const std::vector<std::string_view>& left,
+                        const std::vector<std::string_view>& right, bool allowInitials);
+
+}  // namespace
+
+int emailEditBound(Strictness strictness) { return strictness == Strictness::loose ? 2 : 1; }
+
+std::vector<Pass> buildPassList(const std::vector<MatchField>& fields,
+                                const std::vector<std::size_t>& closeIdx,
+                                const std::vector<bool>& taggedEmail) {
+  std::vector<Pass> passes;
+  for (const std::size_t index : closeIdx) {
+    const MatchField& field = fields[index];
+    passes.push_back({index, "Comparing " + field.label, {}});
+    passes.push_back({index, "Comparing " + field.label + " from the end",
+                      [](std::string_view value) { return std::string(value.rbegin(), value.rend()); }});
+    switch (field.kind) {
+      case MatchKind::text:
+      case MatchKind::personName:
+      case MatchKind::companyName:
+        passes.push_back({index, "Comparing " + field.label + " by sound",
+                          [](std::string_view value) { return Phonetic::key(value); }});
+        break;
+      case MatchKind::email:
+        if (index < taggedEmail.size() && taggedEmail[index]) {
+          passes.push_back({index, "Comparing " + field.label + " without +tags",
+                            [](std::string_view value) { return EmailTag::canonical(value); }});
+        }
+        break;
+      case MatchKind::phone:
+        break;
+    }
+  }
+  return passes;
+}
+
+std::optional<double> uncappedCloseScore(std::string_view a, std::string_view b, MatchKind kind,
+                                         Strictness strictness, bool taggedEmail) {
+  switch (kind) {
+    case MatchKind::text: {
+      const double j = Similarity::jaroWinkler(a, b);
+      if (j >= thresholds(strictness).pass) return j;
+      return std::nullopt;
+    }
+    case MatchKind::companyName: {
+      // Word order does not count; the bigram score, taken for names short
+      // enough to be read as one phrase, rescues a dropped or added word
+      // that Jaro-Winkler punishes when it sits at the front.
+      double score = Similarity::tokenSortRatio(a, b);
+      if (a.size() < 64 && b.size() < 64) score = std::max(score, Similarity::bigramDice(a, b));
+      if (score >= thresholds(strictness).pass) return score;
+      return std::nullopt;
+    }
+    case MatchKind::personName:
+      return personNameScore(a, b, strictness);
+    case MatchKind::email:
+      if (taggedEmail && EmailTag::sameInbox(a, b)) return EmailTag::sameInboxScore;
+      if (Similarity::withinEdits(a, b, emailEditBound(strictness))) return 0.90;
+      return std::nullopt;
+    case MatchKind::phone:
+      if (Similarity::suffixMatch(a, b, phoneSuffixDigits)) return 0.90;
+      return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+std::optional<double> pairScore(std::uint32_t a, std::uint32_t b,
+                                const std::vector<MatchField>& fields,
+                                const std::vector<FlatColumn>& columns, Strictness strictness,
+                                const std::vector<bool>& taggedExactEmail) {
+  double lowest = 1.0;
+  bool close = false;
+  for (std::size_t f = 0; f < fields.size(); ++f) {
+    const std::string_view x = columns[f].value(a);
+    const std::string_view y = columns[f].value(b);
+    if (x.empty() || y.empty()) return std::nullopt;
+    if (x == y) continue;
+    const bool tagged = f < taggedExactEmail.size() && taggedExactEmail[f];
+    std::optional<double> score;
+    if (fields[f].mode == MatchMode::close) {
+      score = uncappedCloseScore(x, y, fields[f].kind, strictness, tagged);
+    } else if (fields[f].kind == MatchKind::email && tagged && EmailTag::sameInbox(x, y)) {
+      score = EmailTag::sameInboxScore;
+    }
+    if (!score) return std::nullopt;
+    close = true;
+    lowest = std::min(lowest, *score);
+  }
+  return close ? std::min(lowest, closeCap) : lowest;
+}
+
+int distinctValues(const std::vector<std::uint32_t>& members,
+                   const std::vector<MatchField>& fields, const std::vector<FlatColumn>& columns) {
+  (void)fields;
+  std::vector<std::uint32_t> sorted = members;
+  std::sort(sorted.begin(), sorted.end(), [&](std::uint32_t a, std::uint32_t b) {
+    return lessByValues(a, b, columns);
+  });
+  int distinct = 0;
+  for (std::size_t i = 0; i < sorted.size();) {
+    std::size_t end = i + 1;
+    while (end < sorted.size() && equalValues(sorted[i], sorted[end], columns)) ++end;
+    if (end - i == 1) ++distinct;
+    i = end;
+  }
+  return distinct;
+}
+
+bool nameAbbreviationMatch(std::string_view a, std::string_view b, bool allowInitials) {
+  std::vector<std::string_view> left = words(a);
+  std::vector<std::string_view> right = words(b);
+  if (left.empty() || left.size() != right.size()) return false;
+  if (!abbreviatedInOrder(left, right, allowInitials)) {
+    // "Smith, John" against "John Smith": the same words in another order.
+    std::sort(left.begin(), left.end());
+    std::sort(right.begin(), right.end());
+    return abbreviatedInOrder(left, right, allowInitials);
+  }
+  return true;
+}
+
+namespace {
+
+bool abbreviatedInOrder(const std::vector<std::string_view>& left,
+                        const std::vector<std::string_view>& right, bool allowInitials) {
+  bool anchored = left.size() == 1;
+  bool shortened = false;
+  for (std::size_t i = 0; i < left.size(); ++i) {
+    std::string_view x = left[i];
+    std::string_view y = right[i];
+    if (x == y) {
+      if (x.size() >= 2) anchored = true;
+      continue;
+    }
+    if (x.size() > y.size()) std::swap(x, y);
+    const bool prefix = y.substr(0, x.size()) == x;
+    if (!prefix) return false;
+    if (x.size() < 2 && !(allowInitials && x.size() == 1)) return false;
+    shortened = true;
+  }
+  return anchored && (shortened || left.size() > 1);
+}
+
+}  // namespace
+
+MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<FlatColumn> columns,
+                            const std::vector<Rid>& rids, const MatchSettings& settings,
+                            MatchStats stats, const Progress& progress,
+                            const ShouldCancel& shouldCancel) {
+  MatchOutcome outcome;
+  const auto count = static_cast<std::uint32_t>(rids.size());
+  const auto report = [&](const std::string& text) {
+    if (progress) progress(text);
+  };
+  const auto cancelled = [&] { return shouldCancel && shouldCancel(); };
+  stats.recordsScanned = count;
+
+  std::vector<bool> tagged(fields.size(), false);
+  std::vector<std::size_t> closeIdx;
+  for (std::size_t f = 0; f < fields.size(); ++f) {
+    if (fields[f].kind == MatchKind::email) tagged[f] = EmailTag::columnHasTags(columns[f]);
+    if (fields[f].mode == MatchMode::close) closeIdx.push_back(f);
+  }
+
+  DisjointSet forest(count);
+  // The lowest link score of each set, kept at its root.
+  std::vector<float> weakest(count, 1.0F);
+  const auto join = [&](std::uint32_t a, std::uint32_t b, double score) {
+    const std::uint32_t ra = forest.find(a);
+    const std::uint32_t rb = forest.find(b);
+    if (ra == rb) return;
+    const float low = std::min({weakest[ra], weakest[rb], static_cast<float>(score)});
+    forest.unite(ra, rb);
+    weakest[forest.find(ra)] = low;
+  };
+
+  report("Finding exact matches");
+  {
+    std::vector<std::uint32_t> filled;
+    filled.reserve(count);
+    for (std::uint32_t r = 0; r < count; ++r) {
+      if (!hasBlank(r, columns)) filled.push_back(r);
+    }
+    std::stable_sort(filled.begin(), filled.end(), [&](std::uint32_t a, std::uint32_t b) {
+      return lessByValues(a, b, columns);
+    });
+    for (std::size_t i = 1; i < filled.size(); ++i) {
+      if (equalValues(filled[i - 1], filled[i], columns)) join(filled[i - 1], filled[i], 1.0);
+    }
+  }
+  if (cancelled()) {
+    outcome.cancelled = true;
+    outcome.stats = stats;
+    return outcome;
+  }
+
+  report("Comparing records\u2026");
+  std::vector<std::uint32_t> everyone(count);
+  for (std::uint32_t r = 0; r < count; ++r) everyone[r] = r;
+  for (const Pass& pass : buildPassList(fields, closeIdx, tagged)) {
+    report(pass.title);
+    std::int64_t sinceCheck = 0;
+    bool stop = false;
+    forEachNeighbour(pass, columns[pass.fieldIndex], everyone, settings.window,
+                     [&](std::uint32_t a, std::uint32_t b) {
+                       if (++sinceCheck == 65536) {
+                         sinceCheck = 0;
+                         if (cancelled()) {
+                           stop = true;
+                           return false;
+                         }
+                       }
+                       if (forest.find(a) == forest.find(b)) return true;
+                       ++stats.comparisons;
+                       if (auto score =
+                               pairScore(a, b, fields, columns, settings.strictness, tagged)) {
+                         join(a, b, *score);
+                       }
+                       return true;
+                     });
+    if (stop) {
+      outcome.cancelled = true;
+      break;
+    }
+  }
+
+  std::vector<DuplicateGroup> groups;
+  struct Pending {
+    std::vector<std::uint32_t> members;
+    double weakest;
+    bool fromSplit;
+  };
+  std::vector<Pending> pending;
+  for (auto& members : forest.groups()) {
+    if (members.size() < 2) continue;
+    const double low = weakest[forest.find(members.front())];
+    stats.largestGroupBefore =
+        std::max(stats.largestGroupBefore, static_cast<std::int64_t>(members.size()));
+    pending.push_back({std::move(members), low, false});
+  }
+
+  if (settings.split.enabled && !outcome.cancelled) {
+    bool announced = false;
+    std::vector<Pending> replaced;
+    for (Pending& group : pending) {
+      if (static_cast<int>(group.members.size()) < settings.split.minSize || cancelled()) {
+        replaced.push_back(std::move(group));
+        continue;
+      }
+      if (!announced) {
+        report("Looking again at the biggest groups");
+        announced = true;
+      }
+      ++stats.splitExamined;
+      GroupSplitter::Outcome repaired =
+          GroupSplitter::repair(group.members, fields, columns, settings.strictness,
+                                settings.window, closeIdx, settings.split, shouldCancel, tagged);
+      stats.comparisons += repaired.comparisons;
+      if (repaired.tooBig) ++stats.splitTooBig;
+      if (!repaired.split) {
+        replaced.push_back(std::move(group));
+        continue;
+      }
+      ++stats.splitPerformed;
+      for (GroupSplitter::Piece& piece : repaired.pieces) {
+        if (piece.members.size() < 2) continue;
+        ++stats.splitPieces;
+        replaced.push_back({std::move(piece.members), piece.weakest, true});
+      }
+    }
+    pending = std::move(replaced);
+  }
+
+  for (Pending& group : pending) {
+    DuplicateGroup result;
+    result.id = static_cast<std::int64_t>(groups.size()) + 1;
+    result.weakestLink = group.weakest;
+    result.fromSplit = group.fromSplit;
+    result.distinctCount = distinctValues(group.members, fields, columns);
+    result.members.reserve(group.members.size());
+    for (const std::uint32_t m : group.members) result.members.push_back(rids[m]);
+    std::sort(result.members.begin(), result.members.end());
+    if (result.weakestLink >= 1.0) ++stats.exactOnlyGroups;
+    stats.recordsInGroups += static_cast<std::int64_t>(result.members.size());
+    stats.largestGroup =
+        std::max(stats.largestGroup, static_cast<std::int64_t>(result.members.size()));
+    groups.push_back(std::move(result));
+  }
+  stats.groupCount = static_cast<std::int64_t>(groups.size());
+  outcome.groups = std::move(groups);
+  outcome.stats = std::move(stats);
+  return outcome;
+}
+
+MatchOutcome findDuplicates(RecordStore& store, const MatchSettings& settings,
+                            const std::set<Rid>& excluding, const Progress& progress,
+                            const ShouldCancel& shouldCancel) {
+  if (progress) progress("Reading your local copy");
+  const std::vector<MatchField>& fields = store.matchFields();
+  const std::size_t fieldCount = fields.size();
+  std::vector<FlatColumn> columns(fieldCount);
+  std::vector<Rid> rids;
+  MatchStats stats;
+  stats.skippedBlankPerField.assign(fieldCount, 0);
+  stats.skippedFillerPerField.assign(fieldCount, 0);
+  std::vector<std::map<std::string, std::int64_t, std::less<>>> fillers(fieldCount);
+  store.scanNormalized([&](Rid rid, const std::vector<std::string_view>& values) {
+    if (excluding.count(rid) != 0) {
+      ++stats.excludedByUser;
+      return;
+    }
+    bool skipped = false;
+    for (std::size_t f = 0; f < fieldCount; ++f) {
+      const std::string_view value = f < values.size() ? values[f] : std::string_view();
+      if (value.empty()) {
+        ++stats.skippedBlankPerField[f];
+        skipped = true;
+        columns[f].append({});
+      } else if (settings.treatFillerAsBlank &&
+                 FillerValues::shouldIgnore(value, settings.valuesTreatedAsReal,
+                                            settings.valuesTreatedAsBlank)) {
+        ++stats.skippedFillerPerField[f];
+        auto found = fillers[f].find(value);
+        if (found == fillers[f].end()) {
+          fillers[f].emplace(std::string(value), 1);
+        } else {
+          ++found->second;
+        }
+        skipped = true;
+        columns[f].append({});
+      } else {
+        columns[f].append(value);
+      }
+    }
+    if (skipped) ++stats.skippedTotal;
+    rids.push_back(rid);
+  });
+  for (std::size_t f = 0; f < fieldCount; ++f) {
+    std::vector<ValueCount> counts;
+    for (const auto& [value, number] : fillers[f]) counts.push_back({value, number});
+    std::stable_sort(counts.begin(), counts.end(),
+                     [](const ValueCount& a, const ValueCount& b) { return a.count > b.count; });
+    stats.fillerValuesPerField.push_back(std::move(counts));
+  }
+  return findDuplicates(fields, std::move(columns), rids, settings, std::move(stats), progress,
+                        shouldCancel);
+}
+
+}  // namespace corvane::Matcher
