@@ -451,6 +451,58 @@ void BackupStore::setStage(std::int64_t run, const std::string& stage) {
   db_->prepare("UPDATE runs SET stage = ? WHERE id = ?").bindText(1, stage).bindInt(2, run).run();
 }
 
+std::optional<BackupStore::ObjectState> BackupStore::objectState(const std::string& name) {
+  auto statement = db_->prepare(
+      "SELECT name, watermark_field, watermark, fields, needs_full, deleted_checked, "
+      "unsupported_fields, unsupported_reason, unsupported_at, deleted_tried, "
+      "get_deleted_refused FROM objects WHERE name = ?");
+  statement.bindText(1, name);
+  if (!statement.step()) return std::nullopt;
+  ObjectState state;
+  state.name = statement.columnText(0);
+  state.watermarkField = statement.columnText(1);
+  state.watermark = statement.columnText(2);
+  state.fields = namesFrom(statement.columnView(3));
+  state.needsFull = statement.columnInt(4) != 0;
+  state.deletedChecked = statement.columnText(5);
+  state.unsupportedFields = namesFrom(statement.columnView(6));
+  state.unsupportedReason = statement.columnText(7);
+  state.unsupportedAt = statement.columnText(8);
+  state.deletedTried = statement.columnText(9);
+  state.getDeletedRefused = statement.columnInt(10) != 0;
+  return state;
+}
+
+void BackupStore::storeWatermark(const std::string& object, const std::string& watermarkField,
+                                 const std::string& watermark,
+                                 const std::vector<std::string>& fields) {
+  db_->prepare(
+         "INSERT INTO objects (name, watermark_field, watermark, fields, needs_full) VALUES (?, "
+         "?, ?, ?, 0) ON CONFLICT(name) DO UPDATE SET watermark_field = excluded.watermark_field, "
+         "watermark = excluded.watermark, fields = excluded.fields, needs_full = 0, "
+         "unsupported_fields = '', unsupported_reason = '', unsupported_at = ''")
+      .bindText(1, object)
+      .bindText(2, watermarkField)
+      .bindText(3, watermark)
+      .bindText(4, jsonList(fields))
+      .run();
+}
+
+void BackupStore::recordUnsupported(const std::string& object,
+                                    const std::vector<std::string>& fields,
+                                    const std::string& reason, const std::string& at) {
+  db_->prepare(
+         "INSERT INTO objects (name, unsupported_fields, unsupported_reason, unsupported_at) "
+         "VALUES (?, ?, ?, ?) ON CONFLICT(name) DO UPDATE SET unsupported_fields = "
+         "excluded.unsupported_fields, unsupported_reason = excluded.unsupported_reason, "
+         "unsupported_at = excluded.unsupported_at")
+      .bindText(1, object)
+      .bindText(2, jsonList(fields))
+      .bindText(3, reason)
+      .bindText(4, at)
+      .run();
+}
+
 void BackupStore::markNeedsFull(const std::string& object) {
   db_->prepare(
          "INSERT INTO objects (name, needs_full) VALUES (?, 1) ON CONFLICT(name) DO UPDATE SET "

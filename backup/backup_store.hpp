@@ -176,6 +176,32 @@ class BackupStore {
   // Deletes the run's jobs, then the run, in one transaction.
   void forget(std::int64_t run);
 
+  // One row of objects: what earlier runs left for the next one.
+  struct ObjectState {
+    std::string name;
+    std::string watermarkField;
+    std::string watermark;            // the highest watermark value copied so far
+    std::vector<std::string> fields;  // the field list last copied
+    bool needsFull = false;
+    std::string deletedChecked;
+    std::vector<std::string> unsupportedFields;
+    std::string unsupportedReason;
+    std::string unsupportedAt;
+    std::string deletedTried;
+    bool getDeletedRefused = false;
+    bool operator==(const ObjectState&) const = default;
+  };
+  // None for an object never planned.
+  std::optional<ObjectState> objectState(const std::string& name);
+  // After an object is copied: its watermark and field list, needs_full = 0,
+  // and the refused fields forgotten (the next plan tries them again).
+  void storeWatermark(const std::string& object, const std::string& watermarkField,
+                      const std::string& watermark, const std::vector<std::string>& fields);
+  // Fields Salesforce refused in a query of object, why, and when; later plans
+  // leave them out until the next watermark is stored.
+  void recordUnsupported(const std::string& object, const std::vector<std::string>& fields,
+                         const std::string& reason, const std::string& at);
+
   // Per run not retired that has records jobs, oldest first.
   std::vector<RunObjects> objectsPerRun();
   // Every run not retired as retention sees it, oldest first.

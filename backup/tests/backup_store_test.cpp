@@ -182,3 +182,27 @@ TEST_F(BackupStoreTest, SettingsAreReplacedNotDuplicated) {
 
 }  // namespace
 }  // namespace corvane
+
+namespace corvane {
+namespace {
+
+TEST_F(BackupStoreTest, RefusedFieldsAreKeptUntilTheNextWatermark) {
+  BackupStore store(location);
+  EXPECT_FALSE(store.objectState("Account"));
+  store.markNeedsFull("Account");
+  store.recordUnsupported("Account", {"Secret__c"}, "No such column", "2024-05-01T10:00:00Z");
+  auto state = store.objectState("Account").value();
+  EXPECT_TRUE(state.needsFull);
+  EXPECT_EQ(state.unsupportedFields, std::vector<std::string>{"Secret__c"});
+  store.storeWatermark("Account", "SystemModstamp", "2024-05-02T00:00:00.000Z", {"Id", "Name"});
+  state = store.objectState("Account").value();
+  EXPECT_FALSE(state.needsFull);
+  EXPECT_EQ(state.watermark, "2024-05-02T00:00:00.000Z");
+  EXPECT_EQ(state.fields, (std::vector<std::string>{"Id", "Name"}));
+  EXPECT_TRUE(state.unsupportedFields.empty());
+  EXPECT_EQ(state.unsupportedReason, "");
+  EXPECT_EQ(state.unsupportedAt, "");
+}
+
+}  // namespace
+}  // namespace corvane
