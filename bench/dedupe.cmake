@@ -15,3 +15,13 @@ if(TARGET corvane_dedupe AND TARGET corvane_orgsim_generate AND TARGET corvane_c
   target_link_libraries(dedupe_download_bench PRIVATE corvane_dedupe corvane_connections
                         corvane_orgsim_generate corvane_orgsim benchmark::benchmark)
 endif()
+
+if(TARGET corvane_dedupe)
+  # Matcher accuracy on the FEBRL data sets (precision, recall, F1 per strictness).
+  add_executable(dedupe_match_febrl_bench dedupe_match_febrl_bench.cpp)
+  target_link_libraries(dedupe_match_febrl_bench PRIVATE corvane_dedupe benchmark::benchmark)
+
+  # 1,000,000 Contacts with three match fields matched end to end.
+  add_executable(dedupe_match_speed_bench dedupe_match_speed_bench.cpp)
+  target_link_libraries(dedupe_match_speed_bench PRIVATE corvane_dedupe benchmark::benchmark)
+endif()

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <span>
 
 #include "dedupe/disjoint_set.hpp"
 #include "dedupe/email_tag.hpp"
@@ -43,13 +44,28 @@ bool isGenerationSuffix(std::string_view word) {
   return std::find(suffixes.begin(), suffixes.end(), word) != suffixes.end();
 }
 
-std::vector<std::string_view> words(std::string_view value) {
-  std::vector<std::string_view> result;
+// The blank-separated words of a normalised value, at most maxWords of them
+// (a value with more words gives none: too long to be a short form).
+constexpr std::size_t maxWords = 8;
+struct Words {
+  std::array<std::string_view, maxWords> items;
+  std::size_t count = 0;
+  bool tooMany = false;
+};
+
+Words words(std::string_view value) {
+  Words result;
   std::size_t start = 0;
   while (start <= value.size()) {
     std::size_t end = value.find(' ', start);
     if (end == std::string_view::npos) end = value.size();
-    if (end > start) result.push_back(value.substr(start, end - start));
+    if (end > start) {
+      if (result.count == maxWords) {
+        result.tooMany = true;
+        return result;
+      }
+      result.items[result.count++] = value.substr(start, end - start);
+    }
     start = end + 1;
   }
   return result;
@@ -92,8 +108,8 @@ bool hasBlank(std::uint32_t a, const std::vector<FlatColumn>& columns) {
   return false;
 }
 
-bool abbreviatedInOrder(const std::vector<std::string_view>& left,
-                        const std::vector<std::string_view>& right, bool allowInitials);
+bool abbreviatedInOrder(std::span<const std::string_view> left,
+                        std::span<const std::string_view> right, bool allowInitials);
 
 }  // namespace
 
@@ -162,25 +178,58 @@ std::optional<double> pairScore(std::uint32_t a, std::uint32_t b,
                                 const std::vector<MatchField>& fields,
                                 const std::vector<FlatColumn>& columns, Strictness strictness,
                                 const std::vector<bool>& taggedExactEmail) {
-  double lowest = 1.0;
-  bool close = false;
+  // Every field must pass and the score is the lowest, so the order of the
+  // checks does not change the result: the cheap ones (blanks, equality,
+  // exact fields) go first, then the close fields from the cheapest kind.
+  constexpr std::size_t most = 32;
+  std::array<std::uint8_t, most> pending{};
+  std::size_t pendingCount = 0;
   for (std::size_t f = 0; f < fields.size(); ++f) {
     const std::string_view x = columns[f].value(a);
     const std::string_view y = columns[f].value(b);
     if (x.empty() || y.empty()) return std::nullopt;
     if (x == y) continue;
+    if (fields[f].mode == MatchMode::exact && fields[f].kind != MatchKind::email) return std::nullopt;
+    if (pendingCount == most) return std::nullopt;
+    pending[pendingCount++] = static_cast<std::uint8_t>(f);
+  }
+  if (pendingCount == 0) return 1.0;
+  const auto cost = [&](std::uint8_t f) {
+    switch (fields[f].kind) {
+      case MatchKind::phone:
+        return 0;
+      case MatchKind::email:
+        return 1;
+      case MatchKind::text:
+        return 2;
+      case MatchKind::companyName:
+        return 3;
+      case MatchKind::personName:
+        return 4;
+    }
+    return 5;
+  };
+  for (std::size_t i = 1; i < pendingCount; ++i) {
+    for (std::size_t j = i; j > 0 && cost(pending[j]) < cost(pending[j - 1]); --j) {
+      std::swap(pending[j], pending[j - 1]);
+    }
+  }
+  double lowest = 1.0;
+  for (std::size_t i = 0; i < pendingCount; ++i) {
+    const std::size_t f = pending[i];
+    const std::string_view x = columns[f].value(a);
+    const std::string_view y = columns[f].value(b);
     const bool tagged = f < taggedExactEmail.size() && taggedExactEmail[f];
     std::optional<double> score;
     if (fields[f].mode == MatchMode::close) {
       score = uncappedCloseScore(x, y, fields[f].kind, strictness, tagged);
-    } else if (fields[f].kind == MatchKind::email && tagged && EmailTag::sameInbox(x, y)) {
+    } else if (tagged && EmailTag::sameInbox(x, y)) {
       score = EmailTag::sameInboxScore;
     }
     if (!score) return std::nullopt;
-    close = true;
     lowest = std::min(lowest, *score);
   }
-  return close ? std::min(lowest, closeCap) : lowest;
+  return std::min(lowest, closeCap);
 }
 
 int distinctValues(const std::vector<std::uint32_t>& members,
@@ -201,22 +250,27 @@ int distinctValues(const std::vector<std::uint32_t>& members,
 }
 
 bool nameAbbreviationMatch(std::string_view a, std::string_view b, bool allowInitials) {
-  std::vector<std::string_view> left = words(a);
-  std::vector<std::string_view> right = words(b);
-  if (left.empty() || left.size() != right.size()) return false;
-  if (!abbreviatedInOrder(left, right, allowInitials)) {
+  // Most pairs differ in their number of words: they are turned away before
+  // any word is split.
+  if (std::count(a.begin(), a.end(), ' ') != std::count(b.begin(), b.end(), ' ')) return false;
+  Words left = words(a);
+  Words right = words(b);
+  if (left.count == 0 || left.tooMany || right.tooMany || left.count != right.count) return false;
+  const auto l = std::span(left.items.data(), left.count);
+  const auto r = std::span(right.items.data(), right.count);
+  if (!abbreviatedInOrder(l, r, allowInitials)) {
     // "Smith, John" against "John Smith": the same words in another order.
-    std::sort(left.begin(), left.end());
-    std::sort(right.begin(), right.end());
-    return abbreviatedInOrder(left, right, allowInitials);
+    std::sort(l.begin(), l.end());
+    std::sort(r.begin(), r.end());
+    return abbreviatedInOrder(l, r, allowInitials);
   }
   return true;
 }
 
 namespace {
 
-bool abbreviatedInOrder(const std::vector<std::string_view>& left,
-                        const std::vector<std::string_view>& right, bool allowInitials) {
+bool abbreviatedInOrder(std::span<const std::string_view> left,
+                        std::span<const std::string_view> right, bool allowInitials) {
   bool anchored = left.size() == 1;
   bool shortened = false;
   for (std::size_t i = 0; i < left.size(); ++i) {
