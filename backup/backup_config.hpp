@@ -31,6 +31,8 @@ struct BackupConfig {
   int maxIdJobsPerRun = 20;
   // Records per REST page: Salesforce's largest.
   int pageSize = 2000;
+  // Rows asked for per page of a bulk query job's results.
+  int bulkPageSize = 50'000;
   // Objects with at most this many records are read over REST; larger ones in
   // bulk, where one job costs a few requests whatever the size.
   int restThreshold = 10'000;

@@ -1,0 +1,1025 @@
+#include "backup/backup_runner.hpp"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <set>
+#include <thread>
+
+#include "backup/api_allowance.hpp"
+#include "backup/backup_csv.hpp"
+#include "backup/backup_error.hpp"
+#include "backup/backup_estimator.hpp"
+#include "backup/backup_lock.hpp"
+#include "backup/backup_planner.hpp"
+#include "backup/committed_file.hpp"
+#include "backup/last_run.hpp"
+#include "backup/manifest.hpp"
+#include "backup/read_me.hpp"
+#include "backup/rest_query_runner.hpp"
+#include "backup/server_time.hpp"
+#include "dedupe/bulk_query_runner.hpp"
+#include "dedupe/download_error.hpp"
+#include "platform/durable_file.hpp"
+#include "platform/file_error.hpp"
+
+namespace corvane {
+
+namespace {
+
+constexpr const char* stoppedMessage =
+    "The backup was stopped. It carries on where it stopped the next time it runs.";
+constexpr const char* noIdColumn =
+    "Salesforce sent columns without an Id. Nothing was stored from this page.";
+constexpr const char* lostPlaceTwice =
+    "Salesforce lost its place in this object twice while it was being read. The next backup "
+    "reads it again.";
+constexpr const char* givenUpBeforeRead = "The backup was given up on before this object was read.";
+
+std::string jsonList(const std::vector<std::string>& names) { return nlohmann::json(names).dump(); }
+
+std::vector<std::string> listFrom(std::string_view text) {
+  auto json = nlohmann::json::parse(text, nullptr, false);
+  if (!json.is_array()) return {};
+  std::vector<std::string> out;
+  for (const auto& item : json)
+    if (item.is_string()) out.push_back(item.get<std::string>());
+  return out;
+}
+
+std::string joined(const std::vector<std::string>& names) {
+  std::string out;
+  for (const auto& name : names) out += (out.empty() ? "" : ", ") + name;
+  return out;
+}
+
+// The position of a column (any letter case), or -1.
+int columnOf(const std::vector<std::string>& header, std::string_view name) {
+  for (std::size_t i = 0; i < header.size(); ++i) {
+    const auto& column = header[i];
+    if (column.size() == name.size() &&
+        std::equal(column.begin(), column.end(), name.begin(), [](char a, char b) {
+          return std::tolower(static_cast<unsigned char>(a)) ==
+                 std::tolower(static_cast<unsigned char>(b));
+        }))
+      return static_cast<int>(i);
+  }
+  return -1;
+}
+
+// Every request of a run passes through it: its count is the run's API requests.
+class RequestCounting : public BackupTransport {
+ public:
+  explicit RequestCounting(BackupTransport& inner) : inner_(inner) {}
+  std::string send(const std::string& method, const std::string& path, const QueryItems& query,
+                   const std::optional<std::string>& body) override {
+    ++count_;
+    return inner_.send(method, path, query, body);
+  }
+  std::pair<std::string, ResponseHeaders> getRaw(const std::string& path, const QueryItems& query,
+                                                 const std::string& accept) override {
+    ++count_;
+    return inner_.getRaw(path, query, accept);
+  }
+  std::string postSOAP(const std::string& action, const std::string& envelope) override {
+    ++count_;
+    return inner_.postSOAP(action, envelope);
+  }
+  std::int64_t download(const std::string& path, const std::filesystem::path& file) override {
+    ++count_;
+    return inner_.download(path, file);
+  }
+  TransportFailure classify(const std::exception& error) const override {
+    return inner_.classify(error);
+  }
+  std::int64_t count() const { return count_; }
+
+ private:
+  BackupTransport& inner_;
+  std::atomic<std::int64_t> count_{0};
+};
+
+// The page refused: nothing of it is stored.
+class PageRefused : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+}  // namespace
+
+// Ends the whole run as stopped, with this message; the next run resumes it.
+class BackupRunner::StopRun : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct BackupRunner::Context {
+  std::shared_ptr<BackupStore> store;
+  std::unique_ptr<RequestCounting> transport;
+  std::int64_t runId = 0;
+  RunKind kind = RunKind::full;
+  std::filesystem::path folder;
+  std::optional<BackupFileSystem> fileSystem;
+  Tally tally;
+  std::string serverNow;
+  std::string startedAt;
+  // Every write to the store passes through it, one at a time.
+  std::recursive_mutex storeLock;
+  // Set by the first thread that must end the run; the others stop at the next page.
+  std::atomic<bool> stopping{false};
+  std::mutex stopMutex;  // guards stopMessage
+  std::string stopMessage;
+
+  void stop(const std::string& message) {
+    std::lock_guard guard(stopMutex);
+    if (stopMessage.empty()) stopMessage = message;
+    stopping = true;
+  }
+};
+
+// ---- Tally ----
+
+BackupProgress::Totals BackupRunner::Tally::totals() const {
+  std::lock_guard guard(mutex_);
+  return totals_;
+}
+
+void BackupRunner::Tally::addRecords(std::int64_t records, std::int64_t bytes) {
+  std::lock_guard guard(mutex_);
+  totals_.records += records;
+  totals_.bytes += bytes;
+  recordBytes_ += bytes;
+}
+
+void BackupRunner::Tally::objectDone() {
+  std::lock_guard guard(mutex_);
+  ++totals_.objectsDone;
+}
+
+void BackupRunner::Tally::setPlanned(int objects, std::int64_t expected) {
+  std::lock_guard guard(mutex_);
+  totals_.objectsTotal = objects;
+  totals_.recordsExpected = expected;
+}
+
+std::int64_t BackupRunner::Tally::recordBytes() const {
+  std::lock_guard guard(mutex_);
+  return recordBytes_;
+}
+
+// ---- Runner ----
+
+BackupRunner::BackupRunner(BackupTransport& transport, BackupConfig config, FreeSpace freeSpace,
+                           FileSystemOf fileSystem, std::chrono::milliseconds firstPollDelay,
+                           Now now, std::map<std::string, std::string> environment,
+                           Progress progress)
+    : transport_(transport),
+      config_(std::move(config)),
+      freeSpace_(std::move(freeSpace)),
+      fileSystem_(std::move(fileSystem)),
+      firstPollDelay_(firstPollDelay),
+      now_(std::move(now)),
+      environment_(std::move(environment)),
+      progress_(std::move(progress)) {}
+
+std::string BackupRunner::csvName(const std::string& object) {
+  return BackupLocation::safeName(object) + ".csv";
+}
+
+bool BackupRunner::stopRequested() const { return shouldStop_ && shouldStop_(); }
+
+void BackupRunner::report(const BackupProgress& progress) {
+  if (!progress_) return;
+  std::vector<BackupProgress> out;
+  {
+    std::lock_guard guard(progressMutex_);
+    const double at = std::chrono::duration<double>(
+                          std::chrono::steady_clock::now().time_since_epoch())
+                          .count();
+    out = coalescer_.accept(progress, at);
+  }
+  for (const auto& value : out) progress_(value);
+}
+
+void BackupRunner::reportStep(BackupProgress::Step step) {
+  report(BackupProgress::simple(step));
+}
+
+RunSummary BackupRunner::run(RunKind kind) {
+  if (auto it = environment_.find("CORVANE_DEMO"); it != environment_.end() && it->second == "1")
+    throw BackupError::demoMode();
+  auto lock = BackupLock::acquire(config_.location.lockURL());
+
+  Context context;
+  context.store = BackupStore::open(config_.location);
+  context.transport = std::make_unique<RequestCounting>(transport_);
+  auto& store = *context.store;
+  reportStep(BackupProgress::Step::starting);
+
+  auto runs = store.runs();
+  if (!runs.empty() && !runs.back().isFinished()) {
+    // Carry on with the unfinished run. A stop counts against it only when the
+    // last attempt got no further than the one before.
+    const auto& unfinished = runs.back();
+    context.runId = unfinished.id;
+    context.kind = unfinished.kind;
+    context.folder = store.runFolder(unfinished);
+    context.serverNow = unfinished.serverNow;
+    context.startedAt = unfinished.startedAt;
+    auto marker = store.db().prepare(
+        "SELECT COALESCE(SUM(csv_bytes), 0), COUNT(*), "
+        "COALESCE(SUM(state IN ('done', 'failed', 'skipped')), 0) FROM jobs WHERE run_id = ?");
+    marker.bindInt(1, context.runId);
+    marker.step();
+    const std::string mark = fmt::format("{}:{}:{}:{}:{}", context.runId, unfinished.stage,
+                                         marker.columnInt(0), marker.columnInt(1),
+                                         marker.columnInt(2));
+    const std::int64_t stops =
+        store.setting("resumeMark") == mark ? unfinished.stops + 1 : 1;
+    store.setSetting("resumeMark", mark);
+    store.db()
+        .prepare("UPDATE runs SET stops = ?, result = '' WHERE id = ?")
+        .bindInt(1, stops)
+        .bindInt(2, context.runId)
+        .run();
+    if (stops > 2) {
+      store.db()
+          .prepare(
+              "UPDATE jobs SET state = 'failed', reason = ? WHERE run_id = ? AND state IN "
+              "('pending', 'running')")
+          .bindText(1, givenUpBeforeRead)
+          .bindInt(2, context.runId)
+          .run();
+      return finish(context, fmt::format("This backup stopped {} times at the same point, so it "
+                                         "was given up on and the next one starts fresh. What it "
+                                         "had already read is kept.",
+                                         stops));
+    }
+  } else {
+    const auto started = now_();
+    std::string name = IsoTime::folderStamp(started);
+    std::set<std::string> used;
+    for (const auto& earlier : runs) used.insert(earlier.folder);
+    for (int n = 2; used.count(name) != 0 ||
+                    std::filesystem::exists(config_.location.folder() / BackupLocation::safeName(name));
+         ++n)
+      name = IsoTime::folderStamp(started) + " " + std::to_string(n);
+    context.kind = kind;
+    context.startedAt = IsoTime::formatPlain(started);
+    context.runId = store.insertRun(name, kind, context.startedAt);
+    context.folder = config_.location.folder() / BackupLocation::safeName(name);
+    store.setSetting("resumeMark", "");
+  }
+  std::filesystem::create_directories(context.folder);
+  context.fileSystem = fileSystem_ ? fileSystem_(context.folder) : std::nullopt;
+
+  try {
+    if (context.serverNow.empty()) {
+      // The org's clock, not ours: the next changes run asks for what changed
+      // since this moment as Salesforce counts it.
+      SystemTime serverNow = now_();
+      try {
+        auto allowance = ApiAllowance::ready(*context.transport);
+        if (allowance.serverDate) serverNow = *allowance.serverDate;
+      } catch (const AllowanceError&) {
+      }
+      context.serverNow = IsoTime::formatPlain(serverNow);
+      store.db()
+          .prepare("UPDATE runs SET server_now = ? WHERE id = ?")
+          .bindText(1, context.serverNow)
+          .bindInt(2, context.runId)
+          .run();
+    }
+    const auto run = store.run(context.runId);
+    if (run && run->stage == "plan") plan(context);
+    copyAll(context);
+  } catch (const BackupError& error) {
+    if (error.kind() == BackupError::Kind::willNotFit ||
+        error.kind() == BackupError::Kind::anotherLogin)
+      throw;
+    context.stop(error.what());
+  } catch (const StopRun& stop) {
+    context.stop(stop.what());
+  } catch (const std::exception& error) {
+    const auto failure = context.transport->classify(error);
+    context.stop(failure.signedOut ? std::string(BackupError::signedOut().what())
+                                   : std::string(stoppedMessage) + " (" + error.what() + ")");
+  }
+  if (stopRequested()) context.stop(stoppedMessage);
+  std::string message;
+  {
+    std::lock_guard guard(context.stopMutex);
+    message = context.stopMessage;
+  }
+  return finish(context, message);
+}
+
+void BackupRunner::plan(Context& context) {
+  auto& store = *context.store;
+  auto& transport = *context.transport;
+  const auto& options = config_.options;
+
+  reportStep(BackupProgress::Step::askingWhatTheOrgHas);
+  const auto global =
+      BackupPlanner::GlobalObject::parse(transport.send("GET", "/sobjects/", {}, std::nullopt));
+  const auto chosen = BackupPlanner::objects(global, options);
+
+  reportStep(BackupProgress::Step::countingRecords);
+  std::map<std::string, std::int64_t> roughCounts;
+  try {
+    roughCounts = BackupEstimator::recordCounts(transport, chosen);
+  } catch (const BackupError&) {
+  }
+
+  struct Planned {
+    BackupPlanner::ObjectPlan plan;
+    std::string state = JobState::pending;
+    std::string reason;
+    std::int64_t rowCount = -1;
+    std::string via;
+  };
+  std::vector<Planned> planned;
+  int done = 0;
+  std::size_t fields = 0;
+  int leftOut = 0;
+  for (const auto& name : chosen) {
+    if (stopRequested()) throw StopRun(stoppedMessage);
+    BackupProgress progress;
+    progress.step = BackupProgress::Step::readingDescriptions;
+    progress.done = done++;
+    progress.total = static_cast<std::int64_t>(chosen.size());
+    report(progress);
+    Planned entry;
+    BackupPlanner::Describe describe;
+    try {
+      describe = BackupPlanner::Describe::parse(
+          transport.send("GET", "/sobjects/" + name + "/describe", {}, std::nullopt));
+    } catch (const std::exception& error) {
+      if (transport.classify(error).signedOut) throw;
+      entry.plan.object = name;
+      entry.state = JobState::failed;
+      entry.reason = BackupPlanner::notDescribedReason;
+      ++leftOut;
+      planned.push_back(std::move(entry));
+      continue;
+    }
+    std::optional<SystemTime> since;
+    std::set<std::string> unsupported;
+    if (auto state = store.objectState(name)) {
+      unsupported.insert(state->unsupportedFields.begin(), state->unsupportedFields.end());
+      if (context.kind == RunKind::changes && !state->needsFull && !state->watermark.empty())
+        since = ServerTime::parse(state->watermark);
+    }
+    entry.plan = BackupPlanner::plan(describe, options, since, unsupported);
+    // A field list that changed since the watermark was taken needs a whole copy.
+    if (since) {
+      auto state = store.objectState(name);
+      if (state && state->fields != entry.plan.fields)
+        entry.plan = BackupPlanner::plan(describe, options, std::nullopt, unsupported);
+    }
+    fields += entry.plan.fields.size();
+    planned.push_back(std::move(entry));
+  }
+  {
+    BackupProgress progress;
+    progress.step = BackupProgress::Step::planned;
+    progress.total = static_cast<std::int64_t>(planned.size()) - leftOut;
+    progress.done = static_cast<std::int64_t>(fields);
+    progress.rows = leftOut;
+    report(progress);
+  }
+
+  // What is to be copied: one count per object, which for a changes run also
+  // says whether anything changed.
+  const auto countStep = context.kind == RunKind::changes
+                             ? BackupProgress::Step::checkingForChanges
+                             : BackupProgress::Step::countingWhatToCopy;
+  std::vector<BackupEstimator::ObjectSize> sizes;
+  std::int64_t expected = 0;
+  int checked = 0;
+  int withRecords = 0;
+  int toCopy = 0;
+  for (auto& entry : planned) {
+    if (entry.state != JobState::pending) continue;
+    if (stopRequested()) throw StopRun(stoppedMessage);
+    BackupProgress progress;
+    progress.step = countStep;
+    progress.done = checked++;
+    progress.total = static_cast<std::int64_t>(planned.size()) - leftOut;
+    progress.rows = withRecords;
+    report(progress);
+    try {
+      const auto body = transport.send(
+          "GET",
+          BackupPlanner::countPath(entry.plan.soql, entry.plan.operation, config_.apiVersion), {},
+          std::nullopt);
+      entry.rowCount = nlohmann::json::parse(body).at("totalSize").get<std::int64_t>();
+    } catch (const std::exception& error) {
+      if (transport.classify(error).signedOut) throw;
+      if (entry.plan.mode != BackupPlanner::Mode::changes) {
+        if (auto it = roughCounts.find(entry.plan.object); it != roughCounts.end())
+          entry.rowCount = it->second;
+      }
+    }
+    if (entry.rowCount == 0) {
+      entry.state = JobState::skipped;
+      entry.reason = entry.plan.mode == BackupPlanner::Mode::changes ? noChangesReason
+                                                                     : noRecordsReason;
+    } else {
+      ++withRecords;
+      ++toCopy;
+      expected += std::max<std::int64_t>(entry.rowCount, 0);
+      sizes.push_back({entry.rowCount, static_cast<int>(entry.plan.fields.size())});
+    }
+    entry.via = entry.rowCount >= 0 && entry.rowCount <= config_.restThreshold ? "rest" : "bulk";
+  }
+
+  // Whether the copy fits, before any record is read.
+  if (freeSpace_) {
+    if (auto free = freeSpace_(context.folder)) {
+      const auto estimate = BackupEstimator::estimate(sizes, 0, *free, config_.freeSpaceFloor);
+      if (estimate.verdict == BackupEstimator::Verdict::willNotFit) {
+        std::lock_guard guard(context.storeLock);
+        store.db()
+            .prepare("UPDATE runs SET stage = 'done', result = ?, message = ? WHERE id = ?")
+            .bindText(1, RunResult::failed)
+            .bindText(2, BackupError::willNotFit(estimate.expected + config_.freeSpaceFloor, *free)
+                             .what())
+            .bindInt(3, context.runId)
+            .run();
+        throw BackupError::willNotFit(estimate.expected + config_.freeSpaceFloor, *free);
+      }
+    }
+  }
+
+  std::lock_guard guard(context.storeLock);
+  auto& db = store.db();
+  db.exec("BEGIN IMMEDIATE");
+  try {
+    auto insert = db.prepare(
+        "INSERT INTO jobs (run_id, seq, object, purpose, mode, operation, soql, fields, "
+        "watermark_field, has_is_deleted, state, reason, field_types, row_count, via) VALUES "
+        "(?, ?, ?, 'records', ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    int seq = 0;
+    for (const auto& entry : planned) {
+      const auto& plan = entry.plan;
+      insert.reset();
+      insert.bindInt(1, context.runId)
+          .bindInt(2, ++seq)
+          .bindText(3, plan.object)
+          .bindText(4, BackupPlanner::toText(plan.mode))
+          .bindText(5, plan.operation.empty() ? "query" : plan.operation)
+          .bindText(6, plan.soql)
+          .bindText(7, jsonList(plan.fields))
+          .bindText(8, plan.watermarkField.value_or(""))
+          .bindInt(9, plan.hasIsDeleted ? 1 : 0)
+          .bindText(10, entry.state)
+          .bindText(11, entry.reason)
+          .bindText(12, plan.fieldTypes ? jsonList(*plan.fieldTypes) : "")
+          .bindInt(13, entry.rowCount)
+          .bindText(14, entry.via);
+      insert.run();
+    }
+    db.prepare("UPDATE runs SET stage = 'copy' WHERE id = ?").bindInt(1, context.runId).run();
+    db.exec("COMMIT");
+  } catch (...) {
+    db.exec("ROLLBACK");
+    throw;
+  }
+  (void)toCopy;
+}
+
+void BackupRunner::copyAll(Context& context) {
+  std::vector<JobRow> jobs;
+  std::int64_t expected = 0;
+  int planned = 0;
+  {
+    std::lock_guard guard(context.storeLock);
+    auto statement = context.store->db().prepare(
+        "SELECT seq, object, purpose, mode, operation, soql, fields, field_types, "
+        "watermark_field, has_is_deleted, state, reason, job_id, created_by, created_date, "
+        "locator, csv_bytes, rows, deleted_rows, row_count, via FROM jobs WHERE run_id = ? AND "
+        "purpose = 'records' ORDER BY seq");
+    statement.bindInt(1, context.runId);
+    while (statement.step()) {
+      JobRow job;
+      job.seq = statement.columnInt(0);
+      job.object = statement.columnText(1);
+      job.purpose = statement.columnText(2);
+      job.mode = statement.columnText(3);
+      job.operation = statement.columnText(4);
+      job.soql = statement.columnText(5);
+      job.fields = listFrom(statement.columnView(6));
+      job.fieldTypes = listFrom(statement.columnView(7));
+      job.watermarkField = statement.columnText(8);
+      job.hasIsDeleted = statement.columnInt(9) != 0;
+      job.state = statement.columnText(10);
+      job.reason = statement.columnText(11);
+      job.jobId = statement.columnText(12);
+      job.createdBy = statement.columnText(13);
+      job.createdDate = statement.columnText(14);
+      job.locator = statement.columnText(15);
+      job.csvBytes = statement.columnInt(16);
+      job.rows = statement.columnInt(17);
+      job.deletedRows = statement.columnInt(18);
+      job.rowCount = statement.columnInt(19);
+      job.via = statement.columnText(20);
+      if (job.state == JobState::failed || job.state == JobState::skipped) continue;
+      ++planned;
+      expected += std::max<std::int64_t>(job.rowCount, 0);
+      context.tally.addRecords(job.rows, job.csvBytes);
+      if (job.state == JobState::done) {
+        context.tally.objectDone();
+        continue;
+      }
+      jobs.push_back(std::move(job));
+    }
+  }
+  context.tally.setPlanned(planned, expected);
+
+  std::atomic<std::size_t> next{0};
+  const int count = static_cast<int>(jobs.size());
+  auto worker = [&] {
+    for (;;) {
+      if (context.stopping || stopRequested()) return;
+      const std::size_t at = next++;
+      if (at >= jobs.size()) return;
+      try {
+        copyObject(context, jobs[at], static_cast<int>(at) + 1, count);
+      } catch (const StopRun& stop) {
+        context.stop(stop.what());
+      } catch (const std::exception& error) {
+        const auto failure = context.transport->classify(error);
+        context.stop(failure.signedOut ? std::string(BackupError::signedOut().what())
+                                       : std::string(stoppedMessage) + " (" + error.what() + ")");
+      }
+    }
+  };
+  const int threads = std::max(1, std::min(config_.objectsAtOnce, count));
+  std::vector<std::thread> pool;
+  for (int i = 1; i < threads; ++i) pool.emplace_back(worker);
+  worker();
+  for (auto& thread : pool) thread.join();
+}
+
+void BackupRunner::copyObject(Context& context, JobRow job, int index, int count) {
+  const auto path = context.folder / csvName(job.object);
+  const std::string header = BackupCSV::line(job.fields);
+  auto failJob = [&](const std::string& reason) {
+    std::lock_guard guard(context.storeLock);
+    context.store->db()
+        .prepare("UPDATE jobs SET state = 'failed', reason = ? WHERE run_id = ? AND seq = ?")
+        .bindText(1, reason)
+        .bindInt(2, context.runId)
+        .bindInt(3, job.seq)
+        .run();
+    BackupProgress progress;
+    progress.step = BackupProgress::Step::objectSkipped;
+    progress.object = job.object;
+    progress.why = reason;
+    progress.totals = context.tally.totals();
+    report(progress);
+  };
+
+  try {
+    const auto limit = context.fileSystem ? context.fileSystem->maximumFileSize : std::nullopt;
+    CommittedFile file(path, job.csvBytes, limit);
+    if (job.csvBytes == 0 || file.length() < job.csvBytes) {
+      // A fresh object, or a file shorter than the database says (moved or
+      // damaged by hand): start it again from its header.
+      CommittedFile fresh(path, 0, limit);
+      job.locator.clear();
+      job.jobId.clear();
+      job.rows = 0;
+      commitPage(context, job, fresh, header, {}, 0, "", false, index, count);
+      fresh.close();
+    }
+    auto writer = std::make_unique<CommittedFile>(path, job.csvBytes, limit);
+    if (job.via == "rest")
+      copyRest(context, job, *writer, index, count);
+    else
+      copyBulk(context, job, writer, index, count);
+    writer->close();
+  } catch (const FileSizeLimitReached& error) {
+    std::string reason = fmt::format(
+        "This kind of record cannot be kept whole on this disk: it cannot hold a file bigger "
+        "than {}, and this kind of record needs {}.",
+        BackupError::byteCount(error.limit()), BackupError::byteCount(error.wanted()));
+    if (context.fileSystem && !context.fileSystem->typeName.empty())
+      reason += " It is formatted " + context.fileSystem->typeName + ", which has that limit.";
+    reason +=
+        " A disk formatted exFAT or APFS does not. Everything else was backed up, and what was "
+        "read of this kind of record is kept.";
+    failJob(reason);
+    return;
+  } catch (const PageUnreadable& error) {
+    failJob("A page of this object could not be read: " + error.reason() +
+            " Nothing was stored from it.");
+    return;
+  } catch (const PageRefused& error) {
+    failJob(error.what());
+    return;
+  } catch (const FileError& error) {
+    failJob(std::string("Could not be saved: ") + error.what());
+    return;
+  } catch (const DownloadError& error) {
+    switch (error.kind()) {
+      case DownloadError::Kind::authExpired:
+        throw StopRun(BackupError::signedOut().what());
+      case DownloadError::Kind::lowDiskSpace:
+        throw StopRun(BackupError::lowDiskSpace(config_.freeSpaceFloor, error.free()).what());
+      case DownloadError::Kind::jobExpired:
+        failJob(lostPlaceTwice);
+        return;
+      default:
+        failJob(error.what());
+        return;
+    }
+  } catch (const StopRun&) {
+    throw;
+  } catch (const std::exception& error) {
+    const auto failure = context.transport->classify(error);
+    if (failure.signedOut) throw StopRun(BackupError::signedOut().what());
+    // A refusal of this object (a 400 or 404) ends only the object; anything
+    // else (no answer, a server failure, the allowance spent) ends the run.
+    const bool refused = failure.httpStatus >= 400 && failure.httpStatus < 500 &&
+                         failure.httpStatus != 401 &&
+                         failure.message.find("REQUEST_LIMIT_EXCEEDED") == std::string::npos;
+    if (!refused) throw;
+    failJob(failure.message.empty() ? std::string(error.what()) : failure.message);
+    return;
+  }
+}
+
+namespace {
+
+// The ids (and watermark values) of CSV rows; data starts with a header.
+// Throws PageRefused when the header has no Id column.
+std::vector<BackupRunner::PageOp> pageOps(std::string_view data, const std::string& watermark,
+                                          BackupCSV::Range& rowsRange) {
+  std::vector<BackupRunner::PageOp> ops;
+  int idAt = -1;
+  int stampAt = -1;
+  bool first = true;
+  rowsRange = {};
+  BackupCSV::scan(
+      data,
+      [&](const BackupCSV::Record& header) {
+        idAt = columnOf(header.fields, "Id");
+        if (!watermark.empty()) stampAt = columnOf(header.fields, watermark);
+        if (idAt < 0) throw PageRefused(noIdColumn);
+        rowsRange.begin = rowsRange.end = header.range.end;
+      },
+      [&](const BackupCSV::Record& record) {
+        if (first) rowsRange.begin = record.range.begin;
+        first = false;
+        rowsRange.end = record.range.end;
+        BackupRunner::PageOp op;
+        if (static_cast<std::size_t>(idAt) < record.fields.size()) op.id = record.fields[idAt];
+        if (stampAt >= 0 && static_cast<std::size_t>(stampAt) < record.fields.size())
+          op.stamp = record.fields[stampAt];
+        if (op.id.empty()) throw PageRefused(noIdColumn);
+        ops.push_back(std::move(op));
+        return true;
+      });
+  if (idAt < 0) throw PageRefused(noIdColumn);
+  return ops;
+}
+
+}  // namespace
+
+void BackupRunner::copyRest(Context& context, JobRow& job, CommittedFile& file, int index,
+                            int count) {
+  RestQueryRunner runner(*context.transport, config_.freeSpaceFloor,
+                         [this](const std::filesystem::path& folder) {
+                           return freeSpace_ ? freeSpace_(folder) : std::nullopt;
+                         });
+  const std::string header = BackupCSV::line(job.fields);
+  const auto operation = job.operation == "queryAll" ? RestQueryRunner::Operation::queryAll
+                                                     : RestQueryRunner::Operation::query;
+  bool finished = false;
+  auto outcome = runner.fetchPages(
+      job.soql, operation, job.fields, job.fieldTypes, job.locator, context.folder,
+      [&](const RestPage::Result& page) {
+        if (context.stopping || stopRequested()) throw StopRun(stoppedMessage);
+        std::string data = header + page.csv;
+        BackupCSV::Range rows;
+        auto ops = pageOps(data, job.watermarkField, rows);
+        finished = page.next.empty();
+        commitPage(context, job, file, std::string_view(page.csv), ops,
+                   static_cast<std::int64_t>(ops.size()), page.next, finished, index, count);
+      });
+  if (outcome.stoppedForSpace) {
+    const auto free = freeSpace_ ? freeSpace_(context.folder).value_or(0) : 0;
+    throw StopRun(BackupError::lowDiskSpace(config_.freeSpaceFloor, free).what());
+  }
+  if (!finished) commitPage(context, job, file, {}, {}, 0, "", true, index, count);
+}
+
+void BackupRunner::copyBulk(Context& context, JobRow& job, std::unique_ptr<CommittedFile>& file,
+                            int index, int count) {
+  BulkQueryRunner::Options options;
+  options.freeSpaceFloor = config_.freeSpaceFloor;
+  if (freeSpace_) {
+    const auto folder = context.folder;
+    options.freeSpace = [this, folder] { return freeSpace_(folder); };
+  }
+  options.storageFactor = 1.0;
+  options.firstPollDelay = firstPollDelay_;
+  BulkQueryRunner bulk(*context.transport, options);
+  const auto operation = job.operation == "queryAll" ? BulkQueryRunner::Operation::queryAll
+                                                     : BulkQueryRunner::Operation::query;
+  const std::string header = BackupCSV::line(job.fields);
+  auto cancel = [&] { return context.stopping.load() || stopRequested(); };
+
+  for (int attempt = 1;; ++attempt) {
+    try {
+      BulkQueryRunner::Job remote{job.jobId, job.createdDate};
+      if (remote.id.empty()) {
+        remote = bulk.create(job.soql, operation);
+        std::lock_guard guard(context.storeLock);
+        context.store->db()
+            .prepare(
+                "UPDATE jobs SET job_id = ?, created_date = ?, state = 'running' WHERE run_id = "
+                "? AND seq = ?")
+            .bindText(1, remote.id)
+            .bindText(2, remote.createdDate)
+            .bindInt(3, context.runId)
+            .bindInt(4, job.seq)
+            .run();
+        job.jobId = remote.id;
+        job.createdDate = remote.createdDate;
+      }
+      BackupProgress waiting;
+      waiting.step = BackupProgress::Step::waitingForSalesforce;
+      waiting.object = job.object;
+      waiting.index = index;
+      waiting.count = count;
+      waiting.totals = context.tally.totals();
+      report(waiting);
+      auto found = bulk.waitForJob(remote, cancel);
+      if (!found) throw StopRun(stoppedMessage);
+      for (;;) {
+        if (cancel()) throw StopRun(stoppedMessage);
+        auto page = bulk.fetchPage(
+            remote,
+            job.locator.empty() ? std::nullopt : std::optional<std::string>(job.locator),
+            config_.bulkPageSize, std::max<std::int64_t>(0, *found - job.rows));
+        BackupCSV::Range rows;
+        auto ops = pageOps(page.csv, job.watermarkField, rows);
+        const std::string body =
+            BackupCSV::terminated(BackupCSV::slice(page.csv, rows));
+        const bool last = page.nextLocator.empty();
+        commitPage(context, job, *file, body, ops, static_cast<std::int64_t>(ops.size()),
+                   page.nextLocator, last, index, count);
+        if (last) break;
+      }
+      bulk.remove(remote);
+      return;
+    } catch (const DownloadError& error) {
+      if (error.kind() != DownloadError::Kind::jobExpired || attempt >= 2) throw;
+      // Salesforce no longer keeps the job: read the object again from its header.
+      const auto url = file->url();
+      const auto limit = file->maximumSize();
+      file->close();
+      file = std::make_unique<CommittedFile>(url, 0, limit);
+      job.jobId.clear();
+      job.locator.clear();
+      job.rows = 0;
+      job.csvBytes = 0;
+      commitPage(context, job, *file, header, {}, 0, "", false, index, count);
+    }
+  }
+}
+
+void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file,
+                              std::string_view rows, const std::vector<PageOp>& ops,
+                              std::int64_t rowCount, const std::string& locator, bool done,
+                              int index, int count) {
+  const std::int64_t before = file.length();
+  if (!rows.empty()) {
+    file.append(rows);
+    file.sync();
+  }
+  {
+    std::lock_guard guard(context.storeLock);
+    auto& store = *context.store;
+    auto& db = store.db();
+    db.exec("BEGIN IMMEDIATE");
+    try {
+      db.prepare(
+            "UPDATE jobs SET locator = ?, csv_bytes = ?, rows = ?, deleted_rows = ?, job_id = ?, "
+            "state = ? WHERE run_id = ? AND seq = ?")
+          .bindText(1, locator)
+          .bindInt(2, file.length())
+          .bindInt(3, job.rows + rowCount)
+          .bindInt(4, job.deletedRows)
+          .bindText(5, done ? "" : job.jobId)
+          .bindText(6, done ? JobState::done : JobState::running)
+          .bindInt(7, context.runId)
+          .bindInt(8, job.seq)
+          .run();
+      if (!ops.empty()) {
+        auto upsert = db.prepare(
+            "INSERT INTO known_ids (object, id, stamp, seen_run) VALUES (?, ?, ?, ?) "
+            "ON CONFLICT(object, id) DO UPDATE SET stamp = excluded.stamp, "
+            "seen_run = excluded.seen_run, deleted = 0");
+        for (const auto& op : ops) {
+          upsert.reset();
+          upsert.bindText(1, job.object)
+              .bindText(2, op.id)
+              .bindText(3, op.stamp)
+              .bindInt(4, context.runId);
+          upsert.run();
+        }
+      }
+      if (done) {
+        store.storeWatermark(job.object, job.watermarkField,
+                             job.watermarkField.empty() ? "" : context.serverNow, job.fields);
+      }
+      db.exec("COMMIT");
+    } catch (...) {
+      db.exec("ROLLBACK");
+      throw;
+    }
+  }
+  job.rows += rowCount;
+  job.csvBytes = file.length();
+  job.locator = locator;
+  if (done) job.state = JobState::done;
+  context.tally.addRecords(rowCount, file.length() - before);
+  if (done) context.tally.objectDone();
+
+  BackupProgress progress;
+  progress.step =
+      done ? BackupProgress::Step::objectFinished : BackupProgress::Step::downloadingRecords;
+  progress.object = job.object;
+  progress.index = index;
+  progress.count = count;
+  progress.rows = job.rows;
+  if (job.rowCount >= 0) progress.expected = job.rowCount;
+  progress.bytes = job.csvBytes;
+  progress.totals = context.tally.totals();
+  report(progress);
+}
+
+RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage) {
+  auto& store = *context.store;
+  std::lock_guard guard(context.storeLock);
+  auto& db = store.db();
+  const bool gaveUp = stopMessage.rfind("This backup stopped ", 0) == 0;
+  const bool stopped = !stopMessage.empty() && !gaveUp;
+
+  std::vector<std::string> refused;
+  std::vector<std::string> notRead;
+  std::vector<Manifest::ObjectReason> leftOut;
+  std::vector<std::string> copied;
+  std::int64_t records = 0;
+  std::int64_t bytes = 0;
+  {
+    auto statement = db.prepare(
+        "SELECT object, state, reason, rows, csv_bytes FROM jobs WHERE run_id = ? AND purpose = "
+        "'records' ORDER BY seq");
+    statement.bindInt(1, context.runId);
+    while (statement.step()) {
+      const std::string object = statement.columnText(0);
+      const std::string state = statement.columnText(1);
+      const std::string reason = statement.columnText(2);
+      records += statement.columnInt(3);
+      bytes += statement.columnInt(4);
+      if (state == JobState::done) copied.push_back(object);
+      if (state == JobState::failed) {
+        leftOut.push_back({object, reason});
+        if (reason == BackupPlanner::notDescribedReason)
+          notRead.push_back(object);
+        else if (reason != givenUpBeforeRead)
+          refused.push_back(object);
+      }
+    }
+  }
+
+  std::string result;
+  std::string message;
+  if (gaveUp) {
+    result = RunResult::gaveUp;
+    message = stopMessage;
+  } else if (stopped) {
+    result = RunResult::stopped;
+    message = stopMessage;
+  } else {
+    result = leftOut.empty() ? RunResult::complete : RunResult::partial;
+    if (!refused.empty())
+      message += "Salesforce would not give these objects: " + joined(refused) +
+                 ". The rest of the backup is complete.";
+    if (!notRead.empty())
+      message += std::string(message.empty() ? "" : " ") +
+                 "Left out because Salesforce will not read them: " + joined(notRead) +
+                 ". The manifest says why for each.";
+  }
+  const std::string finishedAt = IsoTime::formatPlain(now_());
+
+  // The run's own files. A failure here loses no record: the CSVs are complete.
+  try {
+    reportStep(BackupProgress::Step::writingDeletedList);
+    std::string deleted = BackupCSV::line(std::vector<std::string>{"Object", "Id", "DeletedAt", "How"});
+    for (const auto& deletion : store.deletions(context.runId))
+      BackupCSV::appendLine(deleted, {deletion.object, deletion.id, deletion.at, deletion.how});
+    Durable::replace(context.folder / "Deleted.csv", deleted);
+
+    reportStep(BackupProgress::Step::writingFileList);
+    std::string files = BackupCSV::line(std::vector<std::string>{
+        "Id", "Object", "DocumentId", "Title", "NameOnDisk", "Size", "Checksum", "Downloaded",
+        "Failure"});
+    for (const auto& version : store.fileVersions()) {
+      const std::string size = std::to_string(version.size);
+      BackupCSV::appendLine(files, {version.id, version.object, version.documentId, version.title,
+                                    version.nameOnDisk, size, version.checksum,
+                                    version.downloaded ? "true" : "false", version.failure});
+    }
+    Durable::replace(context.folder / "Files.csv", files);
+
+    reportStep(BackupProgress::Step::writingLinks);
+    std::string links =
+        BackupCSV::line(std::vector<std::string>{"ContentDocumentId", "LinkedEntityId"});
+    if (auto data = Durable::readWhole(context.folder / csvName("ContentDocumentLink"))) {
+      int documentAt = -1;
+      int entityAt = -1;
+      BackupCSV::scan(
+          *data,
+          [&](const BackupCSV::Record& header) {
+            documentAt = columnOf(header.fields, "ContentDocumentId");
+            entityAt = columnOf(header.fields, "LinkedEntityId");
+          },
+          [&](const BackupCSV::Record& record) {
+            if (documentAt < 0 || entityAt < 0) return false;
+            const auto size = record.fields.size();
+            if (static_cast<std::size_t>(std::max(documentAt, entityAt)) < size)
+              BackupCSV::appendLine(links, {record.fields[documentAt], record.fields[entityAt]});
+            return true;
+          });
+    }
+    Durable::replace(context.folder / "FileLinks.csv", links);
+
+    reportStep(BackupProgress::Step::writingManifest);
+    Manifest manifest;
+    manifest.kind = context.kind;
+    manifest.username = config_.location.username;
+    manifest.startedAt = context.startedAt;
+    manifest.finishedAt = finishedAt;
+    manifest.result = result;
+    manifest.message = message;
+    manifest.objects = copied;
+    manifest.files.salesforceTimeAtStart = context.serverNow;
+    manifest.objectsLeftOut = leftOut;
+    manifest.write(context.folder);
+    ReadMe::write(context.folder);
+  } catch (const std::exception& error) {
+    message += std::string(" Its own summary files could not be written (") + error.what() +
+               ") so what is in its folder may be incomplete.";
+  }
+
+  const std::int64_t requests = context.transport->count();
+  // A stopped run keeps its stage: the next run carries on from there.
+  db.prepare(
+        "UPDATE runs SET stage = CASE WHEN ? THEN stage ELSE 'done' END, finished_at = ?, "
+        "result = ?, message = ?, records = ?, bytes = ?, api_requests = api_requests + ? "
+        "WHERE id = ?")
+      .bindInt(1, stopped ? 1 : 0)
+      .bindText(2, finishedAt)
+      .bindText(3, result)
+      .bindText(4, message)
+      .bindInt(5, records)
+      .bindInt(6, bytes)
+      .bindInt(7, requests)
+      .bindInt(8, context.runId)
+      .run();
+
+  const auto run = store.run(context.runId);
+  LastRun last;
+  last.startedAt = context.startedAt;
+  last.finishedAt = finishedAt;
+  last.kind = toText(context.kind);
+  last.result = result;
+  last.message = message;
+  last.records = records;
+  last.bytes = bytes;
+  last.folder = run ? run->folder : context.folder.filename().string();
+  try {
+    last.write(config_.location);
+  } catch (const std::exception&) {
+  }
+
+  RunSummary summary;
+  summary.runId = context.runId;
+  summary.kind = context.kind;
+  summary.folder = context.folder;
+  summary.result = result;
+  summary.message = message;
+  summary.records = records;
+  summary.apiRequests = run ? run->apiRequests : requests;
+  return summary;
+}
+
+}  // namespace corvane
