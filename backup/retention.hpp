@@ -6,6 +6,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "backup/run_kind.hpp"
 
@@ -37,5 +38,22 @@ struct RunInfo {
 
   bool operator==(const RunInfo&) const = default;
 };
+
+// The ids of runs the policy no longer needs. Runs come oldest first
+// (BackupStore::retentionRuns). The newest n full runs that are usable and
+// complete (every planned object copied, none left out) are kept, with every run
+// after the oldest of them: changes runs build on it, and a full run that is
+// usable but incomplete is kept beside the complete ones without counting
+// towards n. Everything older is removable. With fewer than n such full runs, or
+// with keepEverything or n < 1, nothing is.
+std::set<std::int64_t> removable(const std::vector<RunInfo>& runs, const Policy& policy);
+
+// The runs to remove now: removable, finished, and not `keeping` (the run that
+// just finished). Oldest first.
+std::vector<RunInfo> plan(const std::vector<RunInfo>& runs, const Policy& policy,
+                          std::optional<std::int64_t> keeping);
+
+// A full run whose copy can be restored from on its own.
+bool isCompleteFull(const RunInfo& run);
 
 }  // namespace corvane::Retention
