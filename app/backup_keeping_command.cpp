@@ -61,8 +61,7 @@ void eject(CommandContext& context, const Arguments& arguments) {
   const auto volume = volumes.ejectableVolume(location.folder());
   if (!volume) {
     if (auto name = volumes.volumeName(location.folder());
-        name && volumes.reach(location.folder()).kind ==
-                    BackupFolderState::Kind::driveNotConnected)
+        name && volumes.reach(location.folder()).kind == BackupFolderState::Kind::driveNotConnected)
       throw UserFacingError(BackupEjectText::notConnected(*name));
     throw UserFacingError("The backups of " + location.username +
                           " are not kept on a disk that can be ejected. Nothing was changed.");

@@ -30,8 +30,8 @@ FolderAccess touch(const fs::path& folder) {
       ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor < 0) return FolderAccess::refused;
   const std::string text = std::string(stamp) + "\n";
-  const bool written = ::write(descriptor, text.data(), text.size()) ==
-                       static_cast<ssize_t>(text.size());
+  const bool written =
+      ::write(descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   const bool closed = ::close(descriptor) == 0;
   return written && closed ? FolderAccess::writable : FolderAccess::refused;
 }
@@ -85,8 +85,8 @@ std::string needsPermission(const std::string& org, const std::optional<std::str
   const std::string where =
       disk && !disk->empty() ? *disk : std::string("the folder these backups are kept in");
   return "Backups of " + org + " did not run because macOS has not given Corvane " +
-         "permission to write to " + where + ". Open Data Backup for " + org +
-         " and press Allow " + "Access. macOS asks you once, and backups start again after that.";
+         "permission to write to " + where + ". Open Data Backup for " + org + " and press Allow " +
+         "Access. macOS asks you once, and backups start again after that.";
 }
 
 std::string windowNeedsPermission(const std::optional<std::string>& disk) {

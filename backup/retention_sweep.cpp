@@ -26,8 +26,8 @@ std::int64_t RetentionSweep::bytesUnder(const fs::path& path) {
   if (!fs::is_directory(status)) return 0;
   std::int64_t total = 0;
   // The iterator does not descend into linked folders unless told to.
-  for (fs::recursive_directory_iterator it(path, fs::directory_options::skip_permission_denied,
-                                           error),
+  for (fs::recursive_directory_iterator
+           it(path, fs::directory_options::skip_permission_denied, error),
        end;
        !error && it != end; it.increment(error)) {
     std::error_code entryError;
@@ -52,8 +52,8 @@ bool RetentionSweep::removeRun(BackupStore& store, std::int64_t id, const std::s
       store.unmarkRetired(id);
       outcome.couldNotRemove.push_back(folder);
       if (outcome.problem.empty())
-        outcome.problem = "The backup folder \"" + folder + "\" could not be removed: " +
-                          failure.what();
+        outcome.problem =
+            "The backup folder \"" + folder + "\" could not be removed: " + failure.what();
       return false;
     }
     outcome.bytes += bytes;

@@ -22,15 +22,15 @@ TEST(DeletionAlarmTest, ThresholdsAreExactAtTheirEdges) {
 }
 
 TEST(DeletionAlarmTest, ObjectsThatVanishWithAnotherNeverRaiseTheAlarm) {
-  for (const char* object : {"AccountShare", "Opportunity__Share", "AccountHistory",
-                             "CaseFeed", "ContentVersion", "ContentDocumentLink"})
+  for (const char* object : {"AccountShare", "Opportunity__Share", "AccountHistory", "CaseFeed",
+                             "ContentVersion", "ContentDocumentLink"})
     EXPECT_TRUE(DeletionAlarm::goesWithAnother(object)) << object;
   for (const char* object : {"Account", "ContentDocument", "Shared__c", "Share_Price__c"})
     EXPECT_FALSE(DeletionAlarm::goesWithAnother(object)) << object;
 
-  const auto unusual = DeletionAlarm::unusual(
-      {count("AccountShare", 50000, 0, 60000), count("Contact", 1000, 0, 1000000),
-       count("Lead", 10, 0, 20)});
+  const auto unusual =
+      DeletionAlarm::unusual({count("AccountShare", 50000, 0, 60000),
+                              count("Contact", 1000, 0, 1000000), count("Lead", 10, 0, 20)});
   ASSERT_EQ(unusual.size(), 1u);
   EXPECT_EQ(unusual[0].object, "Contact");
 }

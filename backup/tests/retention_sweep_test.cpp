@@ -25,11 +25,11 @@ class RetentionSweepTest : public ::testing::Test {
   // A finished, complete run with a 100-byte CSV in its dated folder.
   std::int64_t addRun(const std::string& name, RunKind kind) {
     const auto id = store.insertRun(name, kind, "2026-01-01T00:00:00Z");
-    store.db().exec("UPDATE runs SET stage = 'done', result = 'complete' WHERE id = " +
-                    std::to_string(id) +
-                    "; INSERT INTO jobs (run_id, seq, object, purpose, soql, state, reason) "
-                    "VALUES (" +
-                    std::to_string(id) + ", 1, 'Account', 'records', 'q', 'done', '')");
+    store.db().exec(
+        "UPDATE runs SET stage = 'done', result = 'complete' WHERE id = " + std::to_string(id) +
+        "; INSERT INTO jobs (run_id, seq, object, purpose, soql, state, reason) "
+        "VALUES (" +
+        std::to_string(id) + ", 1, 'Account', 'records', 'q', 'done', '')");
     writeFile(location.folder() / name / "Account.csv", 100);
     return id;
   }
@@ -63,9 +63,9 @@ TEST_F(RetentionSweepTest, KeepsTheLastThreeFullsWithTheirChangesAndReclaimsOrph
   EXPECT_EQ(outcome.removed, (std::vector<std::string>{"2026-01-01 0000", "2026-01-02 0000"}));
   EXPECT_EQ(outcome.bytes, 100 + 100 + 30);
   EXPECT_TRUE(outcome.couldNotRemove.empty());
-  EXPECT_EQ(runFolders(), (std::vector<std::string>{"2026-01-08 0000", "2026-01-09 0000",
-                                                    "2026-01-15 0000", "2026-01-16 0000",
-                                                    "2026-01-22 0000"}));
+  EXPECT_EQ(runFolders(),
+            (std::vector<std::string>{"2026-01-08 0000", "2026-01-09 0000", "2026-01-15 0000",
+                                      "2026-01-16 0000", "2026-01-22 0000"}));
   EXPECT_FALSE(fs::exists(location.folder() / "2026-01-01 0000"));
   EXPECT_TRUE(fs::exists(location.folder() / "2026-01-08 0000" / "Account.csv"));
   EXPECT_TRUE(fs::exists(location.filesFolder() / "a.pdf"));
@@ -116,8 +116,8 @@ TEST_F(RetentionSweepTest, NeverFollowsALinkOutOfTheBackupFolderAndForgetsFolder
   const auto latest = addRun("2026-01-04 0000", RunKind::full);
 
   const auto outcome = RetentionSweep(location).apply(store, Retention::Policy{1}, latest);
-  EXPECT_EQ(outcome.removed, (std::vector<std::string>{"2026-01-01 0000", "2026-01-02 0000",
-                                                       "2026-01-03 0000"}));
+  EXPECT_EQ(outcome.removed,
+            (std::vector<std::string>{"2026-01-01 0000", "2026-01-02 0000", "2026-01-03 0000"}));
   EXPECT_EQ(outcome.bytes, 100);  // the linked-to file is neither counted nor removed
   EXPECT_TRUE(fs::exists(outside / "keep.txt"));
   EXPECT_FALSE(fs::exists(fs::symlink_status(location.folder() / "2026-01-02 0000")));

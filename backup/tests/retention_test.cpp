@@ -29,9 +29,8 @@ constexpr auto full = RunKind::full;
 constexpr auto changes = RunKind::changes;
 
 TEST(RetentionTest, KeepsTheLastFullRunsAndTheChangesRunsThatFollowThem) {
-  const std::vector<RunInfo> runs = {run(1, full),    run(2, changes), run(3, full),
-                                     run(4, changes), run(5, full),    run(6, changes),
-                                     run(7, full),    run(8, changes)};
+  const std::vector<RunInfo> runs = {run(1, full), run(2, changes), run(3, full), run(4, changes),
+                                     run(5, full), run(6, changes), run(7, full), run(8, changes)};
   EXPECT_EQ(Retention::removable(runs, Retention::Policy::standard()),
             (std::set<std::int64_t>{1, 2}));
   EXPECT_EQ(Retention::removable(runs, Retention::Policy{1}),
