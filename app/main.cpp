@@ -2,6 +2,7 @@
 // beside this one; this file only wires them up.
 #include <functional>
 #include <iostream>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 
@@ -23,6 +24,12 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
 
   corvane::SalesforceCLI cli;
+  // The hourly scheduled check runs headless, outside the command tree.
+  for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]) == "--backup-tick")
+      return corvane::ScheduleCommand::runBackupTick(cli,
+                                                     corvane::ScheduleCommand::Setup::standard());
+  }
   corvane::CommandContext context{cli, std::cout};
   std::function<void()> chosen;
   corvane::OrgsCommand::add(app, context, chosen);
