@@ -1471,6 +1471,9 @@ OrgServer::OrgServer(const std::filesystem::path& stateDir, ServerOptions option
   };
   impl_->http.set_payload_max_length(512u << 20);
   impl_->http.set_keep_alive_max_count(1000);
+  // An idle kept-alive connection holds its worker until this runs out, and
+  // stop() waits for every worker: a short idle time keeps stopping quick.
+  impl_->http.set_keep_alive_timeout(1);
   impl_->http.set_read_timeout(std::chrono::seconds(60));
   auto handler = [this](const httplib::Request& req, httplib::Response& res) {
     impl_->handle(req, res);
