@@ -10,3 +10,9 @@ if(TARGET corvane_import)
   target_link_libraries(import_xlsx_bench PRIVATE corvane_import PkgConfig::XLSXWRITER
                         PkgConfig::LIBZIP benchmark::benchmark)
 endif()
+
+if(TARGET corvane_import)
+  # Mapping and coercion of a 100,000 x 20 grid (target: under 1 second).
+  add_executable(import_run_bench ${PROJECT_SOURCE_DIR}/bench/import_run_bench.cpp)
+  target_link_libraries(import_run_bench PRIVATE corvane_import benchmark::benchmark)
+endif()
