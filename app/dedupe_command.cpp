@@ -4,18 +4,28 @@
 
 #include <csignal>
 #include <iostream>
+#include <map>
+#include <set>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "connections/api_transport.hpp"
+#include "dedupe/matcher.hpp"
 #include "dedupe/normalizer.hpp"
 #include "dedupe/record_store.hpp"
 #include "dedupe/snapshot_catalog.hpp"
 #include "platform/volume_info.hpp"
 
 namespace corvane {
+
+DedupeCommandError DedupeCommandError::unknownRecord(const std::string& id) {
+  return {Kind::unknownRecord,
+          "The record " + id +
+              " is not in this snapshot, so nothing was marked. Check the Id, or download a "
+              "fresh copy if the record is new."};
+}
 
 DedupeCommandError DedupeCommandError::badMatchSpec(const std::string& spec) {
   return DedupeCommandError(
@@ -369,6 +379,149 @@ void remove(CommandContext& context, const std::filesystem::path& snapshot) {
 
 namespace {
 
+std::shared_ptr<RecordStore> openSnapshot(const std::filesystem::path& snapshot) {
+  try {
+    return RecordStore::open(snapshot);
+  } catch (const SQLiteError&) {
+    throw DedupeCommandError::notASnapshot(snapshot);
+  }
+}
+
+std::string why(const DuplicateGroup& group) {
+  return group.weakestLink >= 1.0 ? "All matching fields are exactly the same."
+                                   : "Matching fields are the same or very close.";
+}
+
+nlohmann::json statsJSON(const MatchStats& stats) {
+  nlohmann::json fillers = nlohmann::json::array();
+  for (const auto& values : stats.fillerValuesPerField) {
+    nlohmann::json field = nlohmann::json::array();
+    for (const ValueCount& value : values) field.push_back({{"value", value.value}, {"count", value.count}});
+    fillers.push_back(std::move(field));
+  }
+  return {{"recordsScanned", stats.recordsScanned},
+          {"skippedBlankPerField", stats.skippedBlankPerField},
+          {"skippedFillerPerField", stats.skippedFillerPerField},
+          {"fillerValuesPerField", fillers},
+          {"skippedTotal", stats.skippedTotal},
+          {"excludedByUser", stats.excludedByUser},
+          {"groupCount", stats.groupCount},
+          {"recordsInGroups", stats.recordsInGroups},
+          {"largestGroup", stats.largestGroup},
+          {"exactOnlyGroups", stats.exactOnlyGroups},
+          {"comparisons", stats.comparisons},
+          {"splitExamined", stats.splitExamined},
+          {"splitPerformed", stats.splitPerformed},
+          {"splitPieces", stats.splitPieces},
+          {"splitTooBig", stats.splitTooBig},
+          {"largestGroupBefore", stats.largestGroupBefore}};
+}
+
+}  // namespace
+
+MatchOutcome match(CommandContext& context, const std::filesystem::path& snapshot,
+                   const MatchOptions& options) {
+  auto store = openSnapshot(snapshot);
+  std::set<Rid> excluded;
+  for (const auto& [rid, sfid] : store->exclusions()) excluded.insert(rid);
+  Matcher::Progress progress;
+  if (!options.json) progress = [&context](const std::string& text) { context.out << text << '\n'; };
+  MatchOutcome outcome = Matcher::findDuplicates(*store, options.settings, excluded, progress, {});
+
+  std::vector<Rid> grouped;
+  for (const DuplicateGroup& group : outcome.groups) {
+    grouped.insert(grouped.end(), group.members.begin(), group.members.end());
+  }
+  std::map<Rid, SnapshotRecord> records;
+  for (SnapshotRecord& record : store->records(grouped)) records.emplace(record.rid, std::move(record));
+  const std::vector<MatchField>& fields = store->matchFields();
+
+  if (options.json) {
+    nlohmann::json groups = nlohmann::json::array();
+    for (const DuplicateGroup& group : outcome.groups) {
+      nlohmann::json members = nlohmann::json::array();
+      for (const Rid rid : group.members) {
+        const SnapshotRecord& record = records[rid];
+        nlohmann::json values = nlohmann::json::object();
+        for (std::size_t f = 0; f < fields.size() && f < record.values.size(); ++f) {
+          values[fields[f].name] = record.values[f];
+        }
+        members.push_back({{"rid", rid}, {"id", record.sfid}, {"name", record.name}, {"values", values}});
+      }
+      groups.push_back({{"id", group.id},
+                        {"members", members},
+                        {"weakestLink", group.weakestLink},
+                        {"distinctCount", group.distinctCount},
+                        {"fromSplit", group.fromSplit},
+                        {"why", why(group)}});
+    }
+    context.out << nlohmann::json{{"groups", groups}, {"stats", statsJSON(outcome.stats)}}.dump(2)
+                << '\n';
+    return outcome;
+  }
+
+  for (const DuplicateGroup& group : outcome.groups) {
+    context.out << fmt::format("Group {}: {} records, weakest link {:.4f}{}. {}\n", group.id,
+                               group.members.size(), group.weakestLink,
+                               group.fromSplit ? ", split from a larger group" : "", why(group));
+    for (const Rid rid : group.members) {
+      const SnapshotRecord& record = records[rid];
+      std::string values;
+      for (std::size_t f = 0; f < fields.size() && f < record.values.size(); ++f) {
+        values += (f == 0 ? "" : " | ") + record.values[f];
+      }
+      context.out << fmt::format("  {}  {}  ({})\n", record.sfid, record.name, values);
+    }
+  }
+  const MatchStats& stats = outcome.stats;
+  context.out << fmt::format(
+      "{} groups holding {} records (largest {}; {} exactly the same) among {} records; "
+      "{} comparisons.\n",
+      stats.groupCount, stats.recordsInGroups, stats.largestGroup, stats.exactOnlyGroups,
+      stats.recordsScanned, stats.comparisons);
+  for (std::size_t f = 0; f < fields.size(); ++f) {
+    const std::int64_t blank = stats.skippedBlankPerField[f];
+    const std::int64_t filler = stats.skippedFillerPerField[f];
+    if (blank == 0 && filler == 0) continue;
+    context.out << fmt::format("{}: {} blank, {} filler (\"we do not know\") values left out.\n",
+                               fields[f].label, blank, filler);
+  }
+  if (stats.excludedByUser > 0) {
+    context.out << fmt::format("{} records marked \"not a duplicate\" were left out.\n",
+                               stats.excludedByUser);
+  }
+  if (stats.splitExamined > 0) {
+    context.out << fmt::format(
+        "{} large groups looked at again, {} split into {} pieces, {} too big to split "
+        "(largest before: {}).\n",
+        stats.splitExamined, stats.splitPerformed, stats.splitPieces, stats.splitTooBig,
+        stats.largestGroupBefore);
+  }
+  return outcome;
+}
+
+void exclude(CommandContext& context, const std::filesystem::path& snapshot,
+             const std::vector<std::string>& ids) {
+  auto store = openSnapshot(snapshot);
+  std::vector<std::pair<Rid, std::string>> marked;
+  for (const std::string& id : ids) {
+    std::optional<Rid> found;
+    const std::vector<Rid> candidates = store->searchRids(id);
+    for (const auto& [rid, sfid] : store->sfids(candidates)) {
+      if (sfid == id) found = rid;
+    }
+    if (!found) throw DedupeCommandError::unknownRecord(id);
+    marked.emplace_back(*found, id);
+  }
+  store->exclude(marked);
+  context.out << fmt::format("Marked {} record{} \"not a duplicate\": {} will be left out of every "
+                             "later match.\n",
+                             marked.size(), marked.size() == 1 ? "" : "s",
+                             marked.size() == 1 ? "it" : "they");
+}
+
+namespace {
+
 std::atomic<bool> pauseRequested{false};
 
 extern "C" void requestPause(int) { pauseRequested.store(true); }
@@ -476,6 +629,48 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
     chosen = [&context, listLogin, makeClient] {
       auto api = makeClient();
       listSnapshots(context, *api, *listLogin);
+    };
+  });
+
+  struct MatchArguments {
+    std::string snapshot;
+    std::string strictness = "normal";
+    int window = defaultWindow;
+    bool noSplit = false;
+    bool json = false;
+  };
+  auto matchArgs = std::make_shared<MatchArguments>();
+  CLI::App* matchCommand =
+      dedupe->add_subcommand("match", "Find the duplicate groups in a snapshot");
+  matchCommand->add_option("SNAPSHOT", matchArgs->snapshot, "The snapshot file")->required();
+  matchCommand->add_option("--strictness", matchArgs->strictness, "strict, normal or loose")
+      ->check(CLI::IsMember({"strict", "normal", "loose"}));
+  matchCommand->add_option("--window", matchArgs->window,
+                           "Neighbours each record is compared with in every sorted pass")
+      ->check(CLI::Range(1, 1000));
+  matchCommand->add_flag("--no-split", matchArgs->noSplit, "Keep large groups whole");
+  matchCommand->add_flag("--json", matchArgs->json, "Print the groups and statistics as JSON");
+  matchCommand->callback([&context, &chosen, matchArgs] {
+    chosen = [&context, matchArgs] {
+      MatchOptions options;
+      options.settings.strictness =
+          strictnessFromRaw(matchArgs->strictness).value_or(Strictness::normal);
+      options.settings.window = matchArgs->window;
+      options.settings.split.enabled = !matchArgs->noSplit;
+      options.json = matchArgs->json;
+      match(context, matchArgs->snapshot, options);
+    };
+  });
+
+  auto excludeSnapshot = std::make_shared<std::string>();
+  auto excludeIds = std::make_shared<std::vector<std::string>>();
+  CLI::App* excludeCommand = dedupe->add_subcommand(
+      "exclude", "Mark records \"not a duplicate\" so that no later match groups them");
+  excludeCommand->add_option("SNAPSHOT", *excludeSnapshot, "The snapshot file")->required();
+  excludeCommand->add_option("ID", *excludeIds, "Salesforce record Ids")->required();
+  excludeCommand->callback([&context, &chosen, excludeSnapshot, excludeIds] {
+    chosen = [&context, excludeSnapshot, excludeIds] {
+      exclude(context, *excludeSnapshot, *excludeIds);
     };
   });
 

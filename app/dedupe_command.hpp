@@ -5,6 +5,8 @@
 //   dedupe resume SNAPSHOT [--login LOGIN]
 //   dedupe snapshots LOGIN
 //   dedupe delete SNAPSHOT
+//   dedupe match SNAPSHOT [--strictness strict|normal|loose] [--window N] [--no-split] [--json]
+//   dedupe exclude SNAPSHOT ID...
 //
 // A download runs through a Bulk API query job into a new snapshot file under
 // the application-support folder, with a progress line; Ctrl-C pauses it, and
@@ -21,6 +23,7 @@
 #include "app/orgs_command.hpp"
 #include "connections/salesforce_api.hpp"
 #include "dedupe/match_kind.hpp"
+#include "dedupe/match_settings.hpp"
 #include "dedupe/snapshot_downloader.hpp"
 #include "platform/user_facing_error.hpp"
 
@@ -32,13 +35,22 @@ namespace corvane {
 
 class DedupeCommandError : public UserFacingError {
  public:
-  enum class Kind { badMatchSpec, unknownField, noMatchFields, notASnapshot, otherLogin, noLogin };
+  enum class Kind {
+    badMatchSpec,
+    unknownField,
+    noMatchFields,
+    notASnapshot,
+    otherLogin,
+    noLogin,
+    unknownRecord
+  };
   static DedupeCommandError badMatchSpec(const std::string& spec);
   static DedupeCommandError unknownField(const std::string& object, const std::string& field);
   static DedupeCommandError noMatchFields();
   static DedupeCommandError notASnapshot(const std::filesystem::path& path);
   static DedupeCommandError otherLogin(const std::string& downloadedBy, const std::string& login);
   static DedupeCommandError noLogin();
+  static DedupeCommandError unknownRecord(const std::string& id);
   Kind kind() const { return kind_; }
 
  private:
@@ -78,6 +90,20 @@ std::filesystem::path resume(CommandContext& context, SalesforceAPI::Client& api
                              const DownloadOptions& options);
 void listSnapshots(CommandContext& context, SalesforceAPI::Client& api, const std::string& login);
 void remove(CommandContext& context, const std::filesystem::path& snapshot);
+
+struct MatchOptions {
+  MatchSettings settings;
+  bool json = false;
+};
+// Finds the duplicate groups of a snapshot, leaving out the records marked
+// "not a duplicate", and prints them with the statistics (progress texts
+// first, unless json).
+MatchOutcome match(CommandContext& context, const std::filesystem::path& snapshot,
+                   const MatchOptions& options);
+// Marks records (by Salesforce Id) "not a duplicate"; throws unknownRecord,
+// marking nothing, when an Id is not in the snapshot.
+void exclude(CommandContext& context, const std::filesystem::path& snapshot,
+             const std::vector<std::string>& ids);
 
 // Adds the command to app; when chosen, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);

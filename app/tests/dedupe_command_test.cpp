@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "app/command_error.hpp"
 #include "connections/tests/fake_cli.hpp"
@@ -143,6 +144,81 @@ TEST_F(DedupeCommandTest, UnknownFieldsAndBadSpecsAreRefusedBeforeAnythingIsMade
       << err.str();
   EXPECT_TRUE(SnapshotCatalog::snapshots(store().identity().orgId).empty() ||
               std::filesystem::is_empty(SnapshotCatalog::directory(store().identity().orgId)));
+}
+
+}  // namespace
+}  // namespace corvane
+
+namespace corvane {
+namespace {
+
+// Matching a snapshot on disk: the printed groups, the JSON form, and records
+// marked "not a duplicate" left out afterwards.
+class DedupeMatchCommandTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    RecordStore::Creation creation;
+    creation.orgId = "00D000000000001";
+    creation.objectName = "Contact";
+    creation.nameFieldLabel = "Full Name";
+    creation.matchFields = {{"Name", "Full Name", MatchKind::personName, MatchMode::close},
+                            {"Email", "Email", MatchKind::email, MatchMode::exact}};
+    url_ = folder_.path() / "contacts.sqlite";
+    auto store = RecordStore::create(url_, creation);
+    const auto row = [](std::string id, std::string name, std::string email) {
+      return RecordStore::Incoming{id, name, "", "", {name, email}, {}};
+    };
+    store->ingest({row("003000000000001", "Martha Jones", "m@x.com"),
+                   row("003000000000002", "Marhta Jones", "m@x.com"),
+                   row("003000000000003", "Peter Quinn", "p@x.com"),
+                   row("003000000000004", "Peter Quinn", "p@x.com"),
+                   row("003000000000005", "Anna Lee", "a@x.com")},
+                  "null");
+  }
+
+  CommandContext context() { return CommandContext{cli_, out_}; }
+
+  TemporaryFolder folder_;
+  std::filesystem::path url_;
+  testing::FakeCLI fake_;
+  SalesforceCLI cli_{fake_.options()};
+  std::ostringstream out_;
+};
+
+TEST_F(DedupeMatchCommandTest, PrintsGroupsWithWhyAndStatistics) {
+  auto ctx = context();
+  DedupeCommand::MatchOptions options;
+  const MatchOutcome outcome = DedupeCommand::match(ctx, url_, options);
+  ASSERT_EQ(outcome.groups.size(), 2U);
+  const std::string text = out_.str();
+  EXPECT_NE(text.find("Finding exact matches"), std::string::npos) << text;
+  EXPECT_NE(text.find("Matching fields are the same or very close."), std::string::npos) << text;
+  EXPECT_NE(text.find("All matching fields are exactly the same."), std::string::npos) << text;
+  EXPECT_NE(text.find("003000000000002  Marhta Jones"), std::string::npos) << text;
+  EXPECT_NE(text.find("2 groups holding 4 records"), std::string::npos) << text;
+
+  out_.str("");
+  options.json = true;
+  DedupeCommand::match(ctx, url_, options);
+  const auto json = nlohmann::json::parse(out_.str());
+  ASSERT_EQ(json["groups"].size(), 2U);
+  EXPECT_EQ(json["groups"][1]["weakestLink"], 1.0);
+  EXPECT_EQ(json["groups"][0]["members"][1]["values"]["Name"], "Marhta Jones");
+  EXPECT_EQ(json["stats"]["groupCount"], 2);
+}
+
+TEST_F(DedupeMatchCommandTest, ExcludedRecordsStayOutOfLaterMatches) {
+  auto ctx = context();
+  DedupeCommand::exclude(ctx, url_, {"003000000000004"});
+  EXPECT_NE(out_.str().find("Marked 1 record"), std::string::npos) << out_.str();
+  const MatchOutcome outcome = DedupeCommand::match(ctx, url_, {});
+  ASSERT_EQ(outcome.groups.size(), 1U);
+  EXPECT_EQ(outcome.stats.excludedByUser, 1);
+
+  // An unknown Id marks nothing, not even the known ones given with it.
+  EXPECT_THROW(DedupeCommand::exclude(ctx, url_, {"003000000000001", "003999999999999"}),
+               DedupeCommandError);
+  EXPECT_EQ(RecordStore::open(url_)->exclusions().size(), 1U);
 }
 
 }  // namespace
