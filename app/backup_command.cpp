@@ -4,11 +4,17 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <csignal>
 #include <map>
 #include <set>
 
 #include "backup/backup_error.hpp"
+#include "backup/backup_runner.hpp"
+#include "backup/last_run.hpp"
 #include "connections/api_transport.hpp"
 #include "platform/volume_info.hpp"
 
@@ -242,6 +248,94 @@ std::string json(const Survey& survey) {
 
 namespace {
 
+std::atomic<bool> stopRequested{false};
+
+extern "C" void requestStop(int) { stopRequested.store(true); }
+
+// Ctrl-C stops the run cleanly, while it lasts: the next run resumes it.
+class StopOnInterrupt {
+ public:
+  StopOnInterrupt() {
+    stopRequested.store(false);
+    previous_ = std::signal(SIGINT, requestStop);
+  }
+  ~StopOnInterrupt() { std::signal(SIGINT, previous_); }
+  StopOnInterrupt(const StopOnInterrupt&) = delete;
+  StopOnInterrupt& operator=(const StopOnInterrupt&) = delete;
+
+ private:
+  void (*previous_)(int);
+};
+
+}  // namespace
+
+std::unique_ptr<BackupRunner> makeRunner(BackupTransport& transport, BackupConfig config,
+                                         std::function<void(const BackupProgress&)> progress) {
+  return std::make_unique<BackupRunner>(
+      transport, std::move(config),
+      [](const std::filesystem::path& folder) -> std::optional<std::int64_t> {
+        try {
+          return static_cast<std::int64_t>(VolumeInfo::freeBytes(existingAncestor(folder)));
+        } catch (const std::exception&) {
+          return std::nullopt;
+        }
+      },
+      [](const std::filesystem::path& folder) -> std::optional<BackupFileSystem> {
+        try {
+          BackupFileSystem system;
+          system.typeName = VolumeInfo::fileSystemName(folder);
+          system.maximumFileSize = VolumeInfo::largestFileSizeOf(system.typeName);
+          return system;
+        } catch (const std::exception&) {
+          return std::nullopt;
+        }
+      },
+      std::chrono::milliseconds(500), [] { return std::chrono::system_clock::now(); },
+      std::map<std::string, std::string>{}, std::move(progress));
+}
+
+std::string statusText(const BackupLocation& location) {
+  std::string out;
+  auto last = LastRun::read(location);
+  if (!last) {
+    out += fmt::format("No backup of {} has finished yet in\n  {}\n", location.username,
+                       location.folder().string());
+  } else {
+    out += fmt::format("Last backup of {}: {} ({}), {} to {}\n", location.username, last->kind,
+                       last->result, last->startedAt, last->finishedAt);
+    if (!last->message.empty()) out += "  " + last->message + "\n";
+    out += fmt::format("  {} records, {} deleted, {} files ({} waiting), in {}\n",
+                       grouped(last->records), grouped(last->deleted), last->files,
+                       last->filesWaiting, last->folder);
+  }
+  if (std::filesystem::exists(location.databaseURL())) {
+    BackupStore store(location);
+    auto runs = store.runs();
+    if (!runs.empty()) out += "\nRecent runs:\n";
+    const std::size_t from = runs.size() > 10 ? runs.size() - 10 : 0;
+    for (std::size_t i = runs.size(); i-- > from;) {
+      const auto& run = runs[i];
+      out += fmt::format("  {:<18} {:<8} {:<9} {:>12} records  {} requests\n", run.folder,
+                         toText(run.kind),
+                         run.result.empty() ? std::string("unfinished") : run.result,
+                         grouped(run.records), run.apiRequests);
+    }
+  }
+  return out;
+}
+
+namespace {
+
+struct RunArguments {
+  std::string login;
+  std::string kind = "full";
+  std::string root;
+  bool files = true;
+  bool noFiles = false;
+  bool json = false;
+  std::vector<std::string> only;
+};
+
 struct PlanArguments {
   std::string login;
   bool json = false;
@@ -287,6 +381,85 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
         return static_cast<std::int64_t>(VolumeInfo::freeBytes(folder));
       });
       context.out << (arguments->json ? json(result) : text(result));
+      context.out.flush();
+    };
+  });
+
+  auto rootOf = [](const std::string& root) {
+    return root.empty() ? BackupLocation::defaultRoot() : std::filesystem::path(root);
+  };
+
+  CLI::App* run = backup->add_subcommand(
+      "run", "Take a backup into a new dated folder, or carry on with the unfinished one");
+  auto runArguments = std::make_shared<RunArguments>();
+  run->add_option("LOGIN", runArguments->login, "A username or alias")->required();
+  run->add_option("--kind", runArguments->kind, "full (every record) or changes (what changed)")
+      ->check(CLI::IsMember({"full", "changes"}));
+  run->add_option("--root", runArguments->root,
+                  "The folder that holds the backups (default: Backups in the app's folder)");
+  run->add_flag("--files", runArguments->files, "Download document bodies (the default)");
+  run->add_flag("--no-files", runArguments->noFiles, "Leave document bodies for a later backup");
+  run->add_option("--only", runArguments->only, "Copy only these objects")->delimiter(',');
+  run->add_flag("--json", runArguments->json, "Print the summary as one JSON object");
+  run->callback([&context, &chosen, runArguments, rootOf] {
+    chosen = [&context, runArguments, rootOf] {
+      auto orgs = context.cli.listOrgs(true, context.listTimeout);
+      const Org& org = OrgsCommand::findLogin(orgs, runArguments->login);
+      SalesforceAPI::Client api(
+          [&context](const std::string& username) { return context.cli.session(username); });
+      APITransport transport(api, org);
+      BackupConfig config;
+      config.location = {rootOf(runArguments->root), org.orgId.value_or("unknown-org"),
+                         org.username};
+      config.downloadFileBodies = !runArguments->noFiles;
+      if (!runArguments->only.empty()) config.options.onlyObjects = runArguments->only;
+      const bool terminal = ::isatty(STDERR_FILENO) != 0;
+      BackupPace pace;
+      auto started = std::chrono::steady_clock::now();
+      auto report = [&](const BackupProgress& progress) {
+        const double at =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+        pace.update(progress, at);
+        std::string line = progressText(progress);
+        if (!pace.text().empty() && (progress.step == BackupProgress::Step::downloadingRecords ||
+                                     progress.step == BackupProgress::Step::downloadingFiles))
+          line += " (" + pace.text() + ")";
+        if (runArguments->json) return;
+        // One line that keeps being redrawn on a terminal; plain lines otherwise.
+        if (terminal)
+          std::fprintf(stderr, "\r\033[K%s", line.c_str());
+        else
+          std::fprintf(stderr, "%s\n", line.c_str());
+      };
+      auto runner = makeRunner(transport, config, report);
+      StopOnInterrupt interrupt;
+      runner->setShouldStop([] { return stopRequested.load(); });
+      auto summary = runner->run(runArguments->kind == "changes" ? RunKind::changes
+                                                                 : RunKind::full);
+      if (terminal && !runArguments->json) std::fprintf(stderr, "\n");
+      context.out << (runArguments->json ? summary.json() : summary.text());
+      context.out.flush();
+      if (!summary.succeeded())
+        throw UserFacingError(summary.result == RunResult::stopped
+                                  ? "The backup did not finish. Run the same command again and "
+                                    "it carries on where it stopped."
+                                  : "The backup did not finish.");
+    };
+  });
+
+  CLI::App* status =
+      backup->add_subcommand("status", "Show the last backup of a login and its recent runs");
+  auto statusArguments = std::make_shared<RunArguments>();
+  status->add_option("LOGIN", statusArguments->login, "A username or alias")->required();
+  status->add_option("--root", statusArguments->root,
+                     "The folder that holds the backups (default: Backups in the app's folder)");
+  status->callback([&context, &chosen, statusArguments, rootOf] {
+    chosen = [&context, statusArguments, rootOf] {
+      auto orgs = context.cli.listOrgs(true, context.listTimeout);
+      const Org& org = OrgsCommand::findLogin(orgs, statusArguments->login);
+      BackupLocation location{rootOf(statusArguments->root), org.orgId.value_or("unknown-org"),
+                              org.username};
+      context.out << statusText(location);
       context.out.flush();
     };
   });

@@ -1,11 +1,14 @@
 // `corvane backup plan LOGIN [--json]`: what a backup of the login's org would
 // take, without copying anything: the objects and their fields, what is left
 // out and why, how many records each holds, and whether it fits on the disk.
+// `corvane backup run LOGIN`: takes the backup (Ctrl-C stops it cleanly; the
+// next run carries on). `corvane backup status LOGIN`: the last run and the recent ones.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,6 +17,7 @@
 #include "backup/backup_config.hpp"
 #include "backup/backup_estimator.hpp"
 #include "backup/backup_planner.hpp"
+#include "backup/backup_runner.hpp"
 #include "backup/transport.hpp"
 
 namespace CLI {
@@ -54,6 +58,13 @@ using FreeSpace = std::function<std::int64_t(const std::filesystem::path&)>;
 // through transport. Objects Salesforce will not describe are left out with
 // the reason; other failures of the org (a signed-out login) are thrown.
 Survey survey(BackupTransport& transport, const BackupConfig& config, const FreeSpace& freeSpace);
+
+// A runner for config through transport, measuring the real disk.
+std::unique_ptr<BackupRunner> makeRunner(BackupTransport& transport, BackupConfig config,
+                                         std::function<void(const BackupProgress&)> progress);
+
+// The last run of the backup at location and its recent runs, for a person.
+std::string statusText(const BackupLocation& location);
 
 // The screen text, and the same as one JSON object.
 std::string text(const Survey& survey);

@@ -93,5 +93,35 @@ TEST_F(BackupPlanTest, SaysWhenTheCopyWillNotFit) {
             std::string::npos);
 }
 
+TEST_F(BackupPlanTest, RunCopiesTheOrgAndStatusShowsTheRun) {
+  orgsim::testing::addAccounts(store(), 30);
+  SalesforceAPI::Client api([this](const std::string&) {
+    return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token, server_->baseUrl(),
+                                  "62.0", {}};
+  });
+  Org org;
+  org.username = store().identity().adminUsername;
+  APITransport transport(api, org);
+  BackupConfig config;
+  config.location = {backups_.path(), "00D", org.username};
+  config.options.onlyObjects = std::vector<std::string>{"Account"};
+  config.freeSpaceFloor = 1000;
+  std::vector<std::string> lines;
+  auto runner = BackupCommand::makeRunner(
+      transport, config, [&](const BackupProgress& progress) { lines.push_back(progressText(progress)); });
+  auto summary = runner->run(RunKind::full);
+  EXPECT_EQ(summary.result, "complete") << summary.message;
+  EXPECT_EQ(summary.records, 30);
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.front(), "Starting the backup…");
+  EXPECT_EQ(nlohmann::json::parse(summary.json())["records"], 30);
+
+  const auto status = BackupCommand::statusText(config.location);
+  EXPECT_NE(status.find("Last backup of " + org.username + ": full (complete)"), std::string::npos)
+      << status;
+  EXPECT_NE(status.find("30 records"), std::string::npos) << status;
+  EXPECT_NE(status.find(summary.folder.filename().string()), std::string::npos) << status;
+}
+
 }  // namespace
 }  // namespace corvane

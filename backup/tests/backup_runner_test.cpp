@@ -7,10 +7,12 @@
 #include <mutex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "backup/backup_csv.hpp"
 #include "backup/last_run.hpp"
 #include "backup/manifest.hpp"
+#include <nlohmann/json.hpp>
 #include "connections/api_transport.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
@@ -177,6 +179,45 @@ TEST_F(BackupRunnerTest, ThirdStopAtTheSamePointGivesTheRunUpAndTheNextStartsFre
   EXPECT_EQ(fresh.result, RunResult::complete) << fresh.message;
   EXPECT_NE(fresh.folder, first.folder);
   EXPECT_EQ(fresh.records, 20);
+}
+
+TEST_F(BackupRunnerTest, ChangesRunCopiesExactlyWhatChangedAndSkipsObjectsWithoutChanges) {
+  const auto accounts = orgsim::testing::addAccounts(store(), 120);
+  only_ = {"Account", "Task"};
+  // Watermarks are whole seconds of the org's clock: let each step fall in a second of its own.
+  auto nextSecond = [] { std::this_thread::sleep_for(std::chrono::milliseconds(1100)); };
+  nextSecond();
+  auto full = run(first_.path(), RunKind::full);
+  ASSERT_EQ(full.result, RunResult::complete) << full.message;
+
+  nextSecond();
+  transport_->send("PATCH", "/sobjects/Account/" + accounts[7], {},
+                   std::string(R"({"Name": "Renamed"})"));
+  const auto created = nlohmann::json::parse(transport_->send(
+      "POST", "/sobjects/Account", {}, std::string(R"({"Name": "Brand new"})")));
+  const std::string newId = created.at("id").get<std::string>();
+  nextSecond();
+
+  auto changes = run(first_.path(), RunKind::changes);
+  ASSERT_EQ(changes.result, RunResult::complete) << changes.message;
+  EXPECT_NE(changes.folder, full.folder);
+  auto page = BackupCSV::scan(readFile(changes.folder / "Account.csv"));
+  std::set<std::string> ids;
+  for (const auto& record : page.records) ids.insert(record.fields.front());
+  EXPECT_EQ(ids, (std::set<std::string>{accounts[7], newId}));
+  EXPECT_EQ(changes.records, 2);
+  EXPECT_TRUE(knownIds(first_.path(), "Account").count(newId));
+
+  // Nothing changed since: each object costs one count request, and nothing is copied.
+  auto quiet = run(first_.path(), RunKind::changes);
+  ASSERT_EQ(quiet.result, RunResult::complete) << quiet.message;
+  EXPECT_EQ(quiet.records, 0);
+  EXPECT_LE(quiet.apiRequests, 10);
+  BackupStore backup(config(first_.path()).location);
+  auto reasons = backup.db().prepare("SELECT reason FROM jobs WHERE run_id = ? AND object = ?");
+  reasons.bindInt(1, quiet.runId).bindText(2, "Account");
+  ASSERT_TRUE(reasons.step());
+  EXPECT_EQ(reasons.columnText(0), "No changes since the last backup.");
 }
 
 }  // namespace
