@@ -4,11 +4,14 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <iostream>
 #include <iterator>
 
 #include "import/delimited_text.hpp"
 #include "import/import_error.hpp"
+#include "import/import_fields.hpp"
+#include "import/import_mapping.hpp"
 #include "import/xlsx_reader.hpp"
 
 namespace corvane::ImportCommand {
@@ -117,6 +120,82 @@ void print(const ImportGrid& grid, bool json, std::ostream& out) {
   out << fmt::format("({} {})\n", grid.rows.size(), grid.rows.size() == 1 ? "row" : "rows");
 }
 
+void printReport(const ImportMapping& mapping, const ImportPlan& plan, const std::string& object,
+                 std::ostream& out) {
+  std::size_t width = 0;
+  for (const auto& column : mapping.columns) width = std::max(width, column.header.size());
+  out << fmt::format("Columns of the file and the fields of {} they fill:\n", object);
+  for (const auto& column : mapping.columns) {
+    const char* how = "";
+    switch (column.match) {
+      case ColumnMapping::Match::apiName:
+        how = "by API name";
+        break;
+      case ColumnMapping::Match::label:
+        how = "by label";
+        break;
+      case ColumnMapping::Match::close:
+        how = "close match: check it";
+        break;
+      case ColumnMapping::Match::user:
+        how = "as you mapped it";
+        break;
+      case ColumnMapping::Match::none:
+        break;
+    }
+    std::string header = column.header.empty() ? "(no header)" : column.header;
+    if (column.field) {
+      out << fmt::format("  {:<{}}  -> {} ({})\n", header, width, *column.field, how);
+    } else {
+      out << fmt::format("  {:<{}}  (not imported)\n", header, width);
+    }
+  }
+  for (const auto& issue : plan.issues) out << issue.sentence(object, plan.operation) << '\n';
+  if (!plan.problems.empty()) {
+    out << fmt::format("{} {} to fix:\n", plan.problems.size(),
+                       plan.problems.size() == 1 ? "value" : "values");
+    for (const auto& problem : plan.problems) out << "  " << problem.sentence() << '\n';
+  }
+  std::size_t ready = plan.readyRows();
+  if (plan.blocked()) {
+    out << "Nothing can be imported until the columns above are fixed.\n";
+  } else {
+    out << fmt::format("{} of {} {} ready to {}", ready, plan.rowCount,
+                       plan.rowCount == 1 ? "row is" : "rows are", plan.operation.verb());
+    std::size_t bad = plan.rowCount - ready;
+    if (bad > 0) out << fmt::format("; {} {} problems", bad, bad == 1 ? "row has" : "rows have");
+    out << ".\n";
+  }
+}
+
+ImportPlan run(CommandContext& context, SalesforceAPI::Client& api, const RunOptions& options,
+               std::istream& pasted) {
+  ImportGrid grid =
+      options.file == "-" ? readPasted(pasted) : readFile(options.file, options.sheet);
+  auto orgs = context.cli.listOrgs(true, context.listTimeout);
+  const Org& org = OrgsCommand::findLogin(orgs, options.login);
+  nlohmann::json describe = api.importObject(options.object, org);
+  std::vector<ImportField> fields = ImportFields::fromDescribe(describe);
+  std::string object =
+      describe.is_object() ? describe.value("name", options.object) : options.object;
+
+  ImportMapping mapping = ImportMapping::automatic(grid.headers, fields);
+  if (options.mapping) mapping.apply(ImportMapping::load(*options.mapping), fields, object);
+  for (const auto& assignment : options.overrides) mapping.override(assignment, fields, object);
+  mapping.checkDistinct();
+  if (options.saveMapping) {
+    mapping.save(*options.saveMapping);
+    context.out << "Saved the mapping to " << options.saveMapping->string() << ".\n";
+  }
+  ImportPlan plan = ImportPlan::build(grid, mapping, fields, options.operation, options.coercion);
+  printReport(mapping, plan, object, context.out);
+  if (!options.dryRun) {
+    context.out << "Nothing was written: writing records is not available yet. Use --dry-run to "
+                   "check a file.\n";
+  }
+  return plan;
+}
+
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) {
   CLI::App* import = app.add_subcommand("import", "Read spreadsheets and pasted text for import");
   import->require_subcommand(1);
@@ -144,6 +223,65 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   paste->add_flag("--json", *pasteJSON, "Print the grid as one JSON object");
   paste->callback([&context, &chosen, pasteJSON] {
     chosen = [&context, pasteJSON] { print(readPasted(std::cin), *pasteJSON, context.out); };
+  });
+
+  struct RunText {
+    RunOptions options;
+    std::string operation;
+    std::optional<std::string> dateOrder;
+    std::optional<std::string> timeZone;
+  };
+  auto runText = std::make_shared<RunText>();
+  CLI::App* runCommand = import->add_subcommand(
+      "run", "Map a file onto an object's fields, check every value, and import the rows");
+  runCommand->add_option("LOGIN", runText->options.login, "Username or alias of the login")
+      ->required();
+  runCommand->add_option("OBJECT", runText->options.object, "API name of the object")->required();
+  runCommand->add_option("FILE", runText->options.file, "The file, or - for pasted text")
+      ->required();
+  runCommand->add_option("--sheet", runText->options.sheet, "The workbook sheet to read");
+  runCommand
+      ->add_option("--operation", runText->operation,
+                   "insert, update, upsert:EXTERNAL_ID_FIELD or delete")
+      ->required()
+      ->check([](const std::string& text) {
+        return ImportOperation::parse(text)
+                   ? std::string()
+                   : "must be insert, update, upsert:EXTERNAL_ID_FIELD or delete";
+      });
+  runCommand->add_option(
+      "--map", runText->options.overrides,
+      "\"Header=Field\" to choose a column's field, \"Header=\" to leave it out");
+  runCommand->add_option("--mapping", runText->options.mapping, "A saved mapping to use");
+  runCommand->add_option("--save-mapping", runText->options.saveMapping,
+                         "Save the mapping used to this file");
+  runCommand->add_option("--date-order", runText->dateOrder, "Order of dates that are not ISO")
+      ->check(CLI::IsMember({"dmy", "mdy", "ymd"}));
+  runCommand
+      ->add_option("--time-zone", runText->timeZone,
+                   "UTC offset of date-times written without one, such as +01:00 (standard: UTC)")
+      ->check([](const std::string& text) {
+        return ValueCoercion::utcOffsetMinutes(text) ? std::string()
+                                                     : "must be UTC or an offset such as +01:00";
+      });
+  runCommand->add_flag("--dry-run", runText->options.dryRun,
+                       "Check the file and report, writing nothing");
+  runCommand->callback([&context, &chosen, runText] {
+    runText->options.operation = *ImportOperation::parse(runText->operation);
+    if (runText->dateOrder) {
+      runText->options.coercion.dateOrder = *runText->dateOrder == "dmy"   ? DateOrder::dmy
+                                            : *runText->dateOrder == "mdy" ? DateOrder::mdy
+                                                                           : DateOrder::ymd;
+    }
+    if (runText->timeZone) {
+      runText->options.coercion.utcOffsetMinutes =
+          *ValueCoercion::utcOffsetMinutes(*runText->timeZone);
+    }
+    chosen = [&context, runText] {
+      SalesforceAPI::Client api(
+          [&context](const std::string& username) { return context.cli.session(username); });
+      run(context, api, runText->options, std::cin);
+    };
   });
 }
 

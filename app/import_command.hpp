@@ -1,7 +1,11 @@
 // `corvane import read FILE [--sheet NAME] [--json]`: a .csv, .tsv, .txt or
 // .xlsx file read into its grid (sheet name, headers, rows) as a person reads
 // it in a spreadsheet program; `corvane import paste [--json]`: pasted text
-// from standard input read the same way.
+// from standard input read the same way; `corvane import run LOGIN OBJECT FILE
+// --operation OP [--map "Header=Field"]... [--mapping FILE] [--save-mapping
+// FILE] [--date-order dmy|mdy|ymd] [--time-zone ZONE] --dry-run`: the grid
+// mapped onto the object's fields and every value checked, with a report of
+// the mapping and of each problem by row and column.
 //
 // Failures are typed (ImportError, FileError); the command runner prints them.
 #pragma once
@@ -13,7 +17,9 @@
 #include <string>
 
 #include "app/orgs_command.hpp"
+#include "connections/salesforce_api.hpp"
 #include "import/import_grid.hpp"
+#include "import/import_plan.hpp"
 
 namespace CLI {
 class App;
@@ -37,5 +43,28 @@ ImportGrid readPasted(std::istream& in);
 // escaped as \t, \n, \r and \\) after a "Sheet: NAME" line for workbooks and
 // before a count of the rows.
 void print(const ImportGrid& grid, bool json, std::ostream& out);
+
+struct RunOptions {
+  std::string login;
+  std::string object;
+  std::string file;  // "-" reads pasted text from standard input
+  std::optional<std::string> sheet;
+  ImportOperation operation;
+  std::vector<std::string> overrides;                // "Header=Field", in order
+  std::optional<std::filesystem::path> mapping;      // a saved mapping to apply first
+  std::optional<std::filesystem::path> saveMapping;  // where to save the final mapping
+  CoercionOptions coercion;
+  bool dryRun = false;
+};
+
+// Reads the grid, maps and checks it against the object's describe, and prints
+// the mapping and the report. Returns the plan. Throws ImportError,
+// MappingError and the transport's errors.
+ImportPlan run(CommandContext& context, SalesforceAPI::Client& api, const RunOptions& options,
+               std::istream& pasted);
+
+// The mapping and the plan's problems as the user reads them.
+void printReport(const ImportMapping& mapping, const ImportPlan& plan, const std::string& object,
+                 std::ostream& out);
 
 }  // namespace corvane::ImportCommand
