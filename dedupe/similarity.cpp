@@ -57,18 +57,20 @@ double jaroShort(std::string_view a, std::string_view b, std::size_t range) {
   std::uint64_t matchedA = 0;
   std::uint64_t matchedB = 0;
   std::size_t matches = 0;
+  // Branch-free: whether a byte finds a partner is as good as random, and a
+  // mispredicted branch per byte would cost more than the work itself.
   for (std::size_t i = 0; i < la; ++i) {
     std::size_t low = i > range ? i - range : 0;
     std::size_t high = std::min(i + range + 1, lb);  // exclusive
-    if (low >= high) continue;
-    std::size_t width = high - low;
-    std::uint64_t window = (width >= 64 ? ~std::uint64_t{0} : ((std::uint64_t{1} << width) - 1)) << low;
+    // Both inputs hold at most 64 bytes, so range <= 31 and the window is
+    // at most 63 wide: the shift below never reaches 64.
+    std::size_t width = high > low ? high - low : 0;
+    std::uint64_t window = ((std::uint64_t{1} << width) - 1) << low;
     std::uint64_t candidates = positions[static_cast<unsigned char>(a[i])] & ~matchedB & window;
-    if (candidates != 0) {
-      matchedB |= candidates & (~candidates + 1);  // the lowest one
-      matchedA |= std::uint64_t{1} << i;
-      ++matches;
-    }
+    std::uint64_t found = candidates != 0;
+    matchedB |= candidates & (~candidates + 1);  // the lowest one, or nothing
+    matchedA |= found << i;
+    matches += found;
   }
   if (matches == 0) return 0.0;
 
@@ -78,7 +80,7 @@ double jaroShort(std::string_view a, std::string_view b, std::size_t range) {
   while (restA != 0) {
     int i = __builtin_ctzll(restA);
     int j = __builtin_ctzll(restB);
-    if (a[static_cast<std::size_t>(i)] != b[static_cast<std::size_t>(j)]) ++outOfOrder;
+    outOfOrder += a[static_cast<std::size_t>(i)] != b[static_cast<std::size_t>(j)];
     restA &= restA - 1;
     restB &= restB - 1;
   }
