@@ -27,10 +27,10 @@ DedupeCommandError DedupeCommandError::unknownRecord(const std::string& id) {
               "fresh copy if the record is new."};
 }
 
-DedupeCommandError DedupeCommandError::badMatchSpec(const std::string& spec) {
+DedupeCommandError DedupeCommandError::badMatchChoice(const std::string& choice) {
   return DedupeCommandError(
-      Kind::badMatchSpec,
-      "\"" + spec + "\" is not a match field. Write FIELD, FIELD:kind or FIELD:kind:mode, where "
+      Kind::badMatchChoice,
+      "\"" + choice + "\" is not a match field. Write FIELD, FIELD:kind or FIELD:kind:mode, where "
                     "kind is text, personName, companyName, email or phone and mode is exact or close.");
 }
 
@@ -247,8 +247,8 @@ void runDownload(CommandContext& context, SalesforceAPI::Client& api, const Org&
 
 }  // namespace
 
-MatchSpec parseMatchSpec(const std::string& text) {
-  MatchSpec spec;
+MatchChoice parseMatchChoice(const std::string& text) {
+  MatchChoice choice;
   std::vector<std::string> parts;
   std::size_t start = 0;
   while (true) {
@@ -257,17 +257,17 @@ MatchSpec parseMatchSpec(const std::string& text) {
     if (colon == std::string::npos) break;
     start = colon + 1;
   }
-  if (parts.size() > 3 || parts[0].empty()) throw DedupeCommandError::badMatchSpec(text);
-  spec.field = parts[0];
+  if (parts.size() > 3 || parts[0].empty()) throw DedupeCommandError::badMatchChoice(text);
+  choice.field = parts[0];
   if (parts.size() >= 2) {
-    spec.kind = matchKindFromRaw(parts[1]);
-    if (!spec.kind) throw DedupeCommandError::badMatchSpec(text);
+    choice.kind = matchKindFromRaw(parts[1]);
+    if (!choice.kind) throw DedupeCommandError::badMatchChoice(text);
   }
   if (parts.size() == 3) {
-    spec.mode = matchModeFromRaw(parts[2]);
-    if (!spec.mode) throw DedupeCommandError::badMatchSpec(text);
+    choice.mode = matchModeFromRaw(parts[2]);
+    if (!choice.mode) throw DedupeCommandError::badMatchChoice(text);
   }
-  return spec;
+  return choice;
 }
 
 std::filesystem::path download(CommandContext& context, SalesforceAPI::Client& api,
@@ -289,11 +289,11 @@ std::filesystem::path download(CommandContext& context, SalesforceAPI::Client& a
   request.nameField = detail.nameField;
   request.scope = options.scope;
   request.pageSize = options.pageSize;
-  for (const MatchSpec& spec : options.match) {
-    const FieldDetail& field = detail.field(spec.field);
-    MatchKind kind = spec.kind.value_or(Normalizer::guessKind(field.name, field.type, detail.name));
+  for (const MatchChoice& choice : options.match) {
+    const FieldDetail& field = detail.field(choice.field);
+    MatchKind kind = choice.kind.value_or(Normalizer::guessKind(field.name, field.type, detail.name));
     bool looseByDefault = kind == MatchKind::personName || kind == MatchKind::companyName;
-    MatchMode mode = spec.mode.value_or(looseByDefault ? MatchMode::close : MatchMode::exact);
+    MatchMode mode = choice.mode.value_or(looseByDefault ? MatchMode::close : MatchMode::exact);
     creation.matchFields.push_back({field.name, field.label, kind, mode});
     request.matchFieldNames.push_back(field.name);
   }
@@ -592,8 +592,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   downloadCommand->callback([&context, &chosen, args, makeClient] {
     chosen = [&context, args, makeClient] {
       DownloadOptions options;
-      for (const std::string& spec : splitList(args->match)) {
-        options.match.push_back(parseMatchSpec(spec));
+      for (const std::string& choice : splitList(args->match)) {
+        options.match.push_back(parseMatchChoice(choice));
       }
       options.extra = splitList(args->extra);
       if (!args->scope.empty()) options.scope = args->scope;

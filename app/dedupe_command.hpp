@@ -36,7 +36,7 @@ namespace corvane {
 class DedupeCommandError : public UserFacingError {
  public:
   enum class Kind {
-    badMatchSpec,
+    badMatchChoice,
     unknownField,
     noMatchFields,
     notASnapshot,
@@ -44,7 +44,7 @@ class DedupeCommandError : public UserFacingError {
     noLogin,
     unknownRecord
   };
-  static DedupeCommandError badMatchSpec(const std::string& spec);
+  static DedupeCommandError badMatchChoice(const std::string& choice);
   static DedupeCommandError unknownField(const std::string& object, const std::string& field);
   static DedupeCommandError noMatchFields();
   static DedupeCommandError notASnapshot(const std::filesystem::path& path);
@@ -62,17 +62,17 @@ class DedupeCommandError : public UserFacingError {
 namespace DedupeCommand {
 
 // One --match entry: the field, and the kind and mode when given.
-struct MatchSpec {
+struct MatchChoice {
   std::string field;
   std::optional<MatchKind> kind;
   std::optional<MatchMode> mode;
-  bool operator==(const MatchSpec&) const = default;
+  bool operator==(const MatchChoice&) const = default;
 };
-// "Email", "Name:personName", "Name:personName:close". Throws badMatchSpec.
-MatchSpec parseMatchSpec(const std::string& text);
+// "Email", "Name:personName", "Name:personName:close". Throws badMatchChoice.
+MatchChoice parseMatchChoice(const std::string& text);
 
 struct DownloadOptions {
-  std::vector<MatchSpec> match;
+  std::vector<MatchChoice> match;
   std::vector<std::string> extra;
   std::optional<std::string> scope;
   int pageSize = 50'000;

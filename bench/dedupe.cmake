@@ -20,6 +20,8 @@ if(TARGET corvane_dedupe)
   # Matcher accuracy on the FEBRL data sets (precision, recall, F1 per strictness).
   add_executable(dedupe_match_febrl_bench dedupe_match_febrl_bench.cpp)
   target_link_libraries(dedupe_match_febrl_bench PRIVATE corvane_dedupe benchmark::benchmark)
+  target_compile_definitions(dedupe_match_febrl_bench PRIVATE
+    CORVANE_FEBRL_DEFAULT="${PROJECT_SOURCE_DIR}/../shared/data/febrl")
 
   # 1,000,000 Contacts with three match fields matched end to end.
   add_executable(dedupe_match_speed_bench dedupe_match_speed_bench.cpp)

@@ -8,7 +8,7 @@
 // blank match field (a blank value fails a pair, on purpose) -- the recall
 // ceiling that rule sets.
 //
-// Data folder: /work/shared/data/febrl, or CORVANE_FEBRL_DIR.
+// Data folder: CORVANE_FEBRL_DIR, else the shared data folder beside the repository.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -41,7 +41,7 @@ std::string trim(const std::string& text) {
 
 Loaded load(const std::string& name) {
   const char* folder = std::getenv("CORVANE_FEBRL_DIR");
-  std::ifstream in(std::string(folder ? folder : "/work/shared/data/febrl") + "/" + name);
+  std::ifstream in(std::string(folder ? folder : CORVANE_FEBRL_DEFAULT) + "/" + name);
   Loaded loaded;
   loaded.fields = {{"Name", "Name", MatchKind::personName, MatchMode::close},
                    {"Birthdate", "Birthdate", MatchKind::text, MatchMode::close},

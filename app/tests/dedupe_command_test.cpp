@@ -42,8 +42,8 @@ class DedupeCommandTest : public orgsim::testing::ServerFixture {
 
   DedupeCommand::DownloadOptions accountOptions() {
     DedupeCommand::DownloadOptions options;
-    options.match = {DedupeCommand::parseMatchSpec("name"),
-                     DedupeCommand::parseMatchSpec("Industry:text:close")};
+    options.match = {DedupeCommand::parseMatchChoice("name"),
+                     DedupeCommand::parseMatchChoice("Industry:text:close")};
     options.extra = {"AnnualRevenue"};
     options.pageSize = 7;
     options.runner.firstPollDelay = std::chrono::milliseconds(5);
@@ -121,21 +121,21 @@ TEST_F(DedupeCommandTest, PausedDownloadResumesToTheSameRows) {
   EXPECT_EQ(a->records(all), b->records(all));
 }
 
-TEST_F(DedupeCommandTest, UnknownFieldsAndBadSpecsAreRefusedBeforeAnythingIsMade) {
+TEST_F(DedupeCommandTest, UnknownFieldsAndBadChoicesAreRefusedBeforeAnythingIsMade) {
   auto ctx = context();
   auto options = accountOptions();
   options.match.push_back({"NoSuchField__c", std::nullopt, std::nullopt});
   EXPECT_THROW(DedupeCommand::download(ctx, *api_, "sample", "Account", options),
                DedupeCommandError);
-  EXPECT_THROW(DedupeCommand::parseMatchSpec("Name:surname"), DedupeCommandError);
-  EXPECT_THROW(DedupeCommand::parseMatchSpec(":email"), DedupeCommandError);
-  EXPECT_EQ(DedupeCommand::parseMatchSpec("Email:email:exact"),
-            (DedupeCommand::MatchSpec{"Email", MatchKind::email, MatchMode::exact}));
+  EXPECT_THROW(DedupeCommand::parseMatchChoice("Name:surname"), DedupeCommandError);
+  EXPECT_THROW(DedupeCommand::parseMatchChoice(":email"), DedupeCommandError);
+  EXPECT_EQ(DedupeCommand::parseMatchChoice("Email:email:exact"),
+            (DedupeCommand::MatchChoice{"Email", MatchKind::email, MatchMode::exact}));
 
   // A query the org refuses is reported in its words and leaves no file behind.
   std::ostringstream err;
   DedupeCommand::DownloadOptions recent = accountOptions();
-  recent.match = {DedupeCommand::parseMatchSpec("Name")};
+  recent.match = {DedupeCommand::parseMatchChoice("Name")};
   recent.extra.clear();
   int status = runReportingFailures(
       [&] { DedupeCommand::download(ctx, *api_, "sample", "RecentlyViewed", recent); }, err);
