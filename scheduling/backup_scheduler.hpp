@@ -61,7 +61,11 @@ class BackupScheduler {
   // The file that holds the schedule.
   virtual std::filesystem::path fileURL() const = 0;
 
-  // The one for this platform, with the real folders and commands.
+  // The one for this platform, with the real folders and commands. When the
+  // environment variable CORVANE_SCHEDULER_FOLDER holds an absolute path, its
+  // files go there instead and its service commands are only recorded, in
+  // "service-commands.log" there: tests of the program use it so that nothing
+  // is ever installed for the machine's user.
   static std::unique_ptr<BackupScheduler> forThisMachine();
 };
 

@@ -1,10 +1,11 @@
 #include "scheduling/scheduled_backups.hpp"
 
-#include <unistd.h>
-
 #include <nlohmann/json.hpp>
 
+#include "backup/backup_error.hpp"
 #include "backup/backup_store.hpp"
+#include "backup/folder_access.hpp"
+#include "platform/app_support.hpp"
 #include "platform/durable_file.hpp"
 
 namespace corvane {
@@ -18,34 +19,51 @@ std::optional<SystemTime> parseTime(const std::string& text) {
   return IsoTime::parsePlain(text);
 }
 
-// The nearest folder at or above path that exists.
-std::filesystem::path existingAncestor(std::filesystem::path path) {
-  std::error_code error;
-  while (!path.empty() && !std::filesystem::exists(path, error)) {
-    if (path == path.parent_path()) break;
-    path = path.parent_path();
-  }
-  return path;
-}
-
 std::string sentence(std::string text) {
   while (!text.empty() && text.back() == ' ') text.pop_back();
   if (!text.empty() && text.back() != '.' && text.back() != '!' && text.back() != '?') text += '.';
   return text;
 }
 
-// Why a set cannot run at all on this machine now, or none.
-std::optional<std::string> folderProblem(const BackupSet& set, const BackupLocation& location) {
+// Why the set's folder cannot be reached now without touching it: its backup
+// disk is not connected, or the folder the user chose is gone. None when it
+// can be.
+std::optional<std::string> placeProblem(const BackupSet& set, const BackupLocation& location,
+                                        const BackupVolumes& volumes) {
+  const auto reach = volumes.reach(location.folder());
+  if (reach.kind == BackupFolderState::Kind::driveNotConnected)
+    return BackupError::driveNotConnected(reach.name).description();
   std::error_code error;
   if (set.rootPath && !std::filesystem::is_directory(location.root, error)) {
     return "Its backup folder " + location.root.string() +
            " cannot be found. If it is on a disk that is not connected, connect the disk; the "
            "backup runs at the next tick.";
   }
-  const auto existing = existingAncestor(location.folder());
-  if (existing.empty() || ::access(existing.c_str(), W_OK | X_OK) != 0) {
-    return "Corvane cannot write to its backup folder " + location.folder().string() +
-           ". Check the folder's permissions, or choose another folder for this backup.";
+  return std::nullopt;
+}
+
+// Why the set's folder cannot be written, found by writing a small file in
+// its deepest existing folder; none when it can. Nothing else is created.
+std::optional<std::string> writeProblem(const BackupSet& set, const BackupLocation& location,
+                                        const BackupVolumes& volumes) {
+  switch (FolderWriteProbe::write(location.folder(), FolderWriteProbe::tickDeadline)) {
+    case FolderAccess::writable:
+      return std::nullopt;
+    case FolderAccess::refused:
+#ifdef __APPLE__
+      return BackupAccessText::needsPermission(set.orgName.value_or(set.username),
+                                               volumes.volumeName(location.folder()));
+#else
+      (void)set;
+      (void)volumes;
+      return "Corvane cannot write to its backup folder " + location.folder().string() +
+             ". Check the folder's permissions, or choose another folder for this backup.";
+#endif
+    case FolderAccess::didNotAnswer:
+      return "The disk of the backup folder " + location.folder().string() +
+             " did not answer within " +
+             std::to_string(static_cast<int>(FolderWriteProbe::tickDeadline)) +
+             " seconds, so the backup did not start. It tries again at the next tick.";
   }
   return std::nullopt;
 }
@@ -139,8 +157,9 @@ BackupTickResult tick(const TickContext& context) {
     SetTickOutcome outcome;
     outcome.username = set.username;
     try {
-      if (auto problem = folderProblem(set, config.location)) {
-        // Only a due set is worth a word: an unplugged disk between slots is normal.
+      if (auto problem = placeProblem(set, config.location, context.volumes)) {
+        // Only a due set is worth a word: an unplugged disk between slots is
+        // normal. Its history is on that disk, so the schedule alone decides.
         const auto decision = set.effectiveSchedule().decide(
             context.now(), context.calendar, set.lastSuccessAt, std::nullopt,
             set.effectiveFullEvery(), false, {});
@@ -169,6 +188,10 @@ BackupTickResult tick(const TickContext& context) {
         result.sets.push_back(outcome);
         continue;
       }
+      if (auto problem = writeProblem(set, config.location, context.volumes)) {
+        result.sets.push_back(failed(set.username, *problem, false));
+        continue;
+      }
       SetRunRequest request{set, config, decision.runKind,
                             decision.downloadFiles && config.downloadFileBodies};
       request.config.downloadFileBodies = request.downloadFiles;
@@ -181,8 +204,9 @@ BackupTickResult tick(const TickContext& context) {
         run = SetRunOutcome::failed("the backup stopped");
       }
       if (!run.succeeded) {
-        result.sets.push_back(
-            failed(set.username, run.failure.empty() ? "the backup stopped" : run.failure, true));
+        result.sets.push_back(failed(set.username,
+                                     run.failure.empty() ? "the backup stopped" : run.failure,
+                                     run.started));
         continue;
       }
       outcome.kind = SetTickOutcome::Kind::succeeded;
@@ -294,6 +318,22 @@ std::vector<std::string> update(const std::filesystem::path& backupRoot,
 
 }  // namespace NoticeLedger
 
+namespace PowerWait {
+
+bool isOn() {
+  try {
+    const auto settings = Settings::load();
+    const auto found = settings.find(settingKey);
+    return found != settings.end() && found->is_boolean() && found->get<bool>();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+void set(bool on) { Settings::set(settingKey, on); }
+
+}  // namespace PowerWait
+
 namespace HeadlessBackup {
 
 int run(const Environment& environment) {
@@ -325,6 +365,7 @@ int run(const Environment& environment) {
   context.heavyWorkWaitsForPower = environment.heavyWorkWaitsForPower;
   context.runSet = environment.runSet;
   context.history = environment.history;
+  context.volumes = environment.volumes;
   const auto result = ScheduledBackups::tick(context);
 
   int status = 0;

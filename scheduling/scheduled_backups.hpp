@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "backup/backup_config.hpp"
+#include "backup/backup_volumes.hpp"
 #include "platform/file_lock.hpp"
 #include "platform/iso_time.hpp"
 #include "platform/user_facing_error.hpp"
@@ -50,12 +51,17 @@ struct SetRunRequest {
   bool downloadFiles = false;
 };
 
-// How a run ended: success, or the sentence of its failure.
+// How a run ended: success, or the sentence of its failure. A failure before
+// the run could start (the login is gone) is not counted as a run.
 struct SetRunOutcome {
   bool succeeded = false;
   std::string failure;
-  static SetRunOutcome success() { return {true, {}}; }
-  static SetRunOutcome failed(std::string sentence) { return {false, std::move(sentence)}; }
+  bool started = true;
+  static SetRunOutcome success() { return {true, {}, true}; }
+  static SetRunOutcome failed(std::string sentence) { return {false, std::move(sentence), true}; }
+  static SetRunOutcome notStarted(std::string sentence) {
+    return {false, std::move(sentence), false};
+  }
 };
 
 // Runs one set to its end. May throw; a UserFacingError's sentence is kept,
@@ -99,15 +105,24 @@ struct TickContext {
   std::function<SystemTime()> now;
   ScheduleCalendar calendar = ScheduleCalendar::local();
   RunConditions conditions;
-  // The user's choice that file downloads wait for mains power.
+  // The user's choice that file downloads wait for mains power (PowerWait).
   bool heavyWorkWaitsForPower = false;
   SetRunner runSet;
   SetHistoryReader history = readSetHistory;
+  // Which backup disks are connected.
+  BackupVolumes volumes = BackupVolumes::system();
 };
 
 namespace ScheduledBackups {
 // One pass over the sets: decide each, run the due ones in order, record each
 // success in the registry.
+//
+// Before a due set runs, its folder is checked: a folder on a backup disk that
+// is not connected fails with the driveNotConnected sentence, and a folder
+// that cannot be written (probed by writing a small file, within
+// FolderWriteProbe::tickDeadline) fails with its own sentence; neither starts
+// the run, so nothing is written anywhere else. A set that is not due is not
+// checked at all: an unplugged disk between its slots is normal.
 BackupTickResult tick(const TickContext& context);
 }  // namespace ScheduledBackups
 
@@ -139,6 +154,20 @@ std::vector<std::string> update(const std::filesystem::path& backupRoot,
                                 const BackupTickResult& result, SystemTime now);
 }  // namespace NoticeLedger
 
+// The power-wait setting: "backupFilesWaitForPower" (true or false) in the
+// settings file, off unless the user turns it on with `corvane schedule
+// power-wait on`. It only ever holds back file downloads, and only on battery:
+// a set that downloads file bodies and has not yet had one complete download
+// of them waits for mains power as a whole (that first download is the big
+// one); later runs on battery go ahead with records only and leave the bodies
+// for a run on mains. Sets without file downloads never wait for power.
+namespace PowerWait {
+inline constexpr const char* settingKey = "backupFilesWaitForPower";
+// Off when unset or unreadable.
+bool isOn();
+void set(bool on);
+}  // namespace PowerWait
+
 namespace HeadlessBackup {
 
 struct Environment {
@@ -148,9 +177,11 @@ struct Environment {
   // The folder of backup-sets.json; empty for the standard one.
   std::filesystem::path registryDirectory;
   ScheduleCalendar calendar = ScheduleCalendar::local();
+  // The user's choice that file downloads wait for mains power (PowerWait).
   bool heavyWorkWaitsForPower = false;
   SetRunner runSet;
   SetHistoryReader history = readSetHistory;
+  BackupVolumes volumes = BackupVolumes::system();
   // Where new notices go (the headless program writes them to standard error).
   std::function<void(const std::string&)> notify;
 };

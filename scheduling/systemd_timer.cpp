@@ -181,13 +181,48 @@ void SystemdUserTimer::remove() {
   systemctl_({"daemon-reload"});
 }
 
+namespace {
+
+// CORVANE_SCHEDULER_FOLDER: the scheduler's files go to that folder and its
+// service commands are only written to "service-commands.log" there, one call
+// a line; is-active / print answer from the files present. For tests and
+// trials of the program itself, which must never install anything for the
+// machine's user.
+ServiceCommandRunner recordingRunner(std::filesystem::path folder, std::string program,
+                                     std::filesystem::path installed) {
+  return [folder = std::move(folder), program = std::move(program),
+          installed = std::move(installed)](const std::vector<std::string>& arguments) {
+    std::string line = program;
+    for (const auto& argument : arguments) line += " " + argument;
+    try {
+      std::filesystem::create_directories(folder);
+      Durable::append(folder / "service-commands.log", line + "\n", 0600);
+    } catch (const std::exception&) {
+    }
+    const bool asks = !arguments.empty() && (arguments[0] == "is-active" || arguments[0] == "print");
+    std::error_code error;
+    return ServiceCommandResult{asks && !std::filesystem::exists(installed, error) ? 3 : 0, ""};
+  };
+}
+
+}  // namespace
+
 std::unique_ptr<BackupScheduler> BackupScheduler::forThisMachine() {
+  const char* injected = std::getenv("CORVANE_SCHEDULER_FOLDER");
+  const bool recording = injected != nullptr && *injected == '/';
 #ifdef __APPLE__
-  return std::make_unique<LaunchAgentManager>(AppSupport::homeFolder() / "Library/LaunchAgents",
-                                              ::getuid(), SystemLaunchctl::run);
+  const std::filesystem::path folder =
+      recording ? std::filesystem::path(injected) : AppSupport::homeFolder() / "Library/LaunchAgents";
+  return std::make_unique<LaunchAgentManager>(
+      folder, ::getuid(),
+      recording ? recordingRunner(folder, "launchctl", folder / LaunchAgentPlist::fileName)
+                : ServiceCommandRunner(SystemLaunchctl::run));
 #else
-  return std::make_unique<SystemdUserTimer>(SystemdUserTimer::standardUnitFolder(),
-                                            SystemSystemctl::run);
+  const std::filesystem::path folder =
+      recording ? std::filesystem::path(injected) : SystemdUserTimer::standardUnitFolder();
+  return std::make_unique<SystemdUserTimer>(
+      folder, recording ? recordingRunner(folder, "systemctl --user", folder / SystemdUnits::timerName)
+                        : ServiceCommandRunner(SystemSystemctl::run));
 #endif
 }
 

@@ -24,6 +24,7 @@ class ScheduledBackupsTest : public ::testing::Test {
  protected:
   TemporaryFolder folder;
   std::filesystem::path root = folder.path() / "Backups";
+  std::filesystem::path volumes = folder.path() / "Volumes";
   BackupRegistry registry{folder.path() / "Corvane"};
   std::vector<SetRunRequest> requests;
   std::vector<std::string> told;
@@ -44,6 +45,7 @@ class ScheduledBackupsTest : public ::testing::Test {
       return SetRunOutcome::success();
     };
     env.history = [](const BackupLocation&) { return SetHistory{}; };
+    env.volumes = BackupVolumes::inFolder(volumes);
     env.notify = [this](const std::string& text) { told.push_back(text); };
     return env;
   }
@@ -104,44 +106,66 @@ TEST_F(ScheduledBackupsTest, UnreadableSetsRunNothingAndAreToldOnce) {
 
 TEST_F(ScheduledBackupsTest, BadSetsAreRecordedOthersStillRunAndTheLedgerTellsOnce) {
   auto unplugged = scheduled("disk@x.example", BackupSchedule::hourly());
-  unplugged.rootPath = (folder.path() / "Volumes/Unplugged").string();
-  registry.save({scheduled("gone@x.example", BackupSchedule::hourly()), unplugged,
+  unplugged.rootPath = (volumes / "BackupDisk/Backups").string();
+  // Nobody may create files in /proc, not even root.
+  auto unwritable = scheduled("proc@x.example", BackupSchedule::hourly());
+  unwritable.rootPath = "/proc";
+  std::filesystem::create_directories(volumes);
+  registry.save({scheduled("gone@x.example", BackupSchedule::hourly()), unplugged, unwritable,
                  scheduled("crash@x.example", BackupSchedule::hourly()),
                  scheduled("fine@x.example", BackupSchedule::hourly())});
 
   EXPECT_EQ(HeadlessBackup::run(environment()), 0);
-  ASSERT_EQ(requests.size(), 3u);  // the unplugged disk is never started
+  ASSERT_EQ(requests.size(), 3u);  // the unplugged disk and /proc are never started
+  EXPECT_FALSE(std::filesystem::exists(volumes / "BackupDisk")) << "nothing written elsewhere";
   const auto summary = LastTick::read(root)->result;
   EXPECT_EQ(summary.rfind("Ran 3 backups. ", 0), 0u) << summary;
   EXPECT_NE(summary.find("The backup of gone@x.example did not finish: The login gone@x.example "
                          "is no longer known to the Salesforce CLI."),
             std::string::npos);
-  EXPECT_NE(summary.find("The backup of disk@x.example did not finish: Its backup folder"),
-            std::string::npos);
+  EXPECT_NE(summary.find("The backup of disk@x.example did not finish: The disk this backup is "
+                         "kept on, BackupDisk, is not connected."),
+            std::string::npos)
+      << summary;
+  EXPECT_NE(summary.find("The backup of proc@x.example did not finish: Corvane cannot write to "
+                         "its backup folder /proc/"),
+            std::string::npos)
+      << summary;
   EXPECT_NE(summary.find("The backup of crash@x.example did not finish: the backup stopped."),
             std::string::npos);
-  EXPECT_EQ(told.size(), 3u);
-  EXPECT_TRUE(registry.load().sets[3].lastSuccessAt);
+  EXPECT_EQ(told.size(), 4u);
+  EXPECT_TRUE(registry.load().sets[4].lastSuccessAt);
   EXPECT_FALSE(registry.load().sets[0].lastSuccessAt);
 
   // An hour later the same problems: nothing new to tell.
   now += 1h;
   HeadlessBackup::run(environment());
-  EXPECT_EQ(told.size(), 3u);
+  EXPECT_EQ(told.size(), 4u);
 
   // The disk comes back and its backup succeeds; when it goes again, that is told again.
-  std::filesystem::create_directories(unplugged.rootPath.value());
+  std::filesystem::create_directories(volumes / "BackupDisk/Backups");
   now += 1h;
   HeadlessBackup::run(environment());
-  EXPECT_EQ(told.size(), 3u);
-  std::filesystem::remove_all(unplugged.rootPath.value());
+  EXPECT_EQ(told.size(), 4u);
+  EXPECT_TRUE(registry.load().sets[1].lastSuccessAt);
+  std::filesystem::remove_all(volumes / "BackupDisk");
   now += 1h;
   HeadlessBackup::run(environment());
-  ASSERT_EQ(told.size(), 4u);
-  EXPECT_EQ(told[3].rfind("The scheduled backup of disk@x.example did not finish: Its backup "
-                          "folder",
+  ASSERT_EQ(told.size(), 5u);
+  EXPECT_EQ(told[4].rfind("The scheduled backup of disk@x.example did not finish: The disk this "
+                          "backup is kept on, BackupDisk,",
                           0),
-            0u);
+            0u)
+      << told[4];
+
+  // Between its slots an unplugged disk is normal: nothing is said.
+  auto daily = registry.load().sets;
+  daily[1].schedule = BackupSchedule::daily(2, 0);
+  daily[1].lastSuccessAt = now;
+  registry.save(daily);
+  now += 1h;
+  HeadlessBackup::run(environment());
+  EXPECT_EQ(LastTick::read(root)->result.find("disk@x.example"), std::string::npos);
 }
 
 TEST_F(ScheduledBackupsTest, WaitsAreSummarisedWithTheRetryAndPowerWaitsTakeFilesIntoAccount) {
