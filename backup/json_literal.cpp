@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "platform/text_escape.hpp"
+
 namespace corvane {
 
 // Builds a JSONLiteral from nlohmann's SAX events. Integers arrive as values
@@ -97,43 +99,7 @@ const JSONLiteral* JSONLiteral::find(std::string_view key) const {
 }
 
 void appendJSONString(std::string& out, std::string_view text) {
-  static constexpr char hex[] = "0123456789abcdef";
-  out += '"';
-  for (char c : text) {
-    auto byte = static_cast<unsigned char>(c);
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      default:
-        if (byte < 0x20) {
-          out += "\\u00";
-          out += hex[byte >> 4];
-          out += hex[byte & 0xF];
-        } else {
-          out += c;
-        }
-    }
-  }
-  out += '"';
+  TextEscape::appendJSONString(out, text);
 }
 
 std::string JSONLiteral::dump() const {

@@ -2,6 +2,7 @@
 
 #include "health/health_error.hpp"
 #include "health/text_table.hpp"
+#include "platform/text_escape.hpp"
 
 namespace corvane::AuditTrail {
 
@@ -25,44 +26,7 @@ std::string oneLine(std::string text) {
 }  // namespace
 
 std::string literal(std::string_view value, bool forLike) {
-  std::string out = "'";
-  for (char c : value) {
-    switch (c) {
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\'':
-        out += "\\'";
-        break;
-      case '"':
-        out += "\\\"";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      case '%':
-      case '_':
-        if (forLike) out += '\\';
-        out += c;
-        break;
-      default:
-        out += c;
-    }
-  }
-  out += '\'';
-  return out;
+  return TextEscape::soqlLiteral(value, forLike);
 }
 
 SystemTime parseSince(std::string_view text) {

@@ -6,6 +6,7 @@
 #include <map>
 #include <set>
 
+#include "platform/text_escape.hpp"
 #include "tools/orgsim/wire_values.hpp"
 
 namespace corvane::orgsim {
@@ -787,42 +788,7 @@ void CompiledQuery::fetch(Database& db, const std::vector<std::int64_t>& rowIds,
 namespace QueryEngine {
 
 void appendJsonString(std::string& out, std::string_view text) {
-  out += '"';
-  for (char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          static constexpr char hex[] = "0123456789abcdef";
-          out += "\\u00";
-          out += hex[(c >> 4) & 15];
-          out += hex[c & 15];
-        } else {
-          out += c;
-        }
-    }
-  }
-  out += '"';
+  TextEscape::appendJSONString(out, text);
 }
 
 }  // namespace QueryEngine
