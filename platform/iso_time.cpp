@@ -88,6 +88,9 @@ std::optional<sys_days> readDate(Reader& reader) {
   const year_month_day date{std::chrono::year(year), std::chrono::month(unsigned(month)),
                             std::chrono::day(unsigned(day))};
   if (!date.ok()) return std::nullopt;
+  // A SystemTime counts nanoseconds in 64 bits: it reaches from 1677 to 2262.
+  // Dates outside the years wholly inside that span are refused, not wrapped.
+  if (year < 1678 || year > 2261) return std::nullopt;
   return sys_days(date);
 }
 

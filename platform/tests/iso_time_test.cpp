@@ -54,12 +54,16 @@ TEST(IsoTime, RejectsAnythingThatIsNotExactlyTheForm) {
         "2024-05-01t10:00:00z", "2024-05-01T10:00:00.123Z"}) {
     EXPECT_FALSE(IsoTime::parsePlain(text)) << text;
   }
+  EXPECT_FALSE(IsoTime::parsePlain("9999-12-31T23:59:59Z"));
+  EXPECT_TRUE(IsoTime::parseDay("2261-12-31"));
   for (const char* text :
        {"2024-05-01T10:00:00Z", "2024-05-01T10:00:00.Z", "2024-05-01T10:00:00.123",
         "2024-05-01T10:00:00.123Z ", "2024-05-01T10:00:00,123Z"}) {
     EXPECT_FALSE(IsoTime::parseFractional(text)) << text;
   }
-  for (const char* text : {"2024-05-01 ", "2024-00-10", "2024-05-00", "24-05-01", "2024/05/01"}) {
+  // Beyond what the clock can count, never wrapped round to another date.
+  for (const char* text : {"2024-05-01 ", "2024-00-10", "2024-05-00", "24-05-01", "2024/05/01",
+                           "9999-12-31", "4000-12-31", "1600-01-01"}) {
     EXPECT_FALSE(IsoTime::parseDay(text)) << text;
   }
   for (const char* text : {"2024-05-01 10:00", "2024-05-01 2400", "2024-05-01T1000",
