@@ -36,7 +36,7 @@ namespace corvane::SalesforceAPI {
 
 // The marker a SOAP envelope holds where the session ID belongs. It is replaced
 // by the token just before sending, so that callers never handle the token.
-inline constexpr std::string_view sessionPlaceholder = "{{corvane-session-id}}";
+inline constexpr std::string_view sessionPlaceholder = "SESSION_ID_HERE";
 
 class APIError : public std::runtime_error {
  public:

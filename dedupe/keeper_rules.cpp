@@ -39,8 +39,9 @@ namespace {
 bool better(const SnapshotRecord& candidate, const SnapshotRecord& best, KeeperRule rule) {
   switch (rule) {
     case KeeperRule::oldest: {
-      std::string_view a = candidate.created.empty() ? "9999" : candidate.created;
-      std::string_view b = best.created.empty() ? "9999" : best.created;
+      constexpr std::string_view undated = "9999";
+      std::string_view a = candidate.created.empty() ? undated : std::string_view(candidate.created);
+      std::string_view b = best.created.empty() ? undated : std::string_view(best.created);
       return a < b;
     }
     case KeeperRule::newest: return candidate.created > best.created;
