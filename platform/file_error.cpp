@@ -7,13 +7,28 @@ namespace corvane {
 
 namespace {
 
-std::string sentence(FileError::Kind kind, const std::string& path, const std::string& reason) {
+// What to do when a file cannot be opened depends on why.
+std::string openAdvice(int osError) {
+  switch (osError) {
+    case ENOENT:
+    case ENOTDIR:
+      return " Check the name, and that the file or its folder exists.";
+    case EACCES:
+    case EPERM:
+    case EROFS:
+      return " Check that you may use this file and its folder.";
+    default:
+      return " Check that the folder exists and that you may write to it.";
+  }
+}
+
+std::string sentence(FileError::Kind kind, const std::string& path, const std::string& reason,
+                     int osError) {
   using Kind = FileError::Kind;
   const std::string because = reason.empty() ? "." : " (" + reason + ").";
   switch (kind) {
     case Kind::open:
-      return "Corvane could not open " + path + because +
-             " Check that the folder exists and that you may write to it.";
+      return "Corvane could not open " + path + because + openAdvice(osError);
     case Kind::read:
       return "Corvane could not read " + path + because +
              " The file was left as it is. Check that its disk is connected.";
@@ -47,9 +62,9 @@ std::string sentence(FileError::Kind kind, const std::string& path, const std::s
 }  // namespace
 
 FileError::FileError(Kind kind, std::filesystem::path path, int osError)
-    : std::runtime_error(
-          sentence(kind, path.string(),
-                   osError == 0 ? std::string() : std::generic_category().message(osError))),
+    : std::runtime_error(sentence(
+          kind, path.string(),
+          osError == 0 ? std::string() : std::generic_category().message(osError), osError)),
       kind_(kind),
       path_(std::move(path)),
       osError_(osError) {}

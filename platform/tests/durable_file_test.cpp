@@ -76,6 +76,7 @@ TEST(DurableFile, ErrorsNameThePathAndTheReason) {
     EXPECT_EQ(error.osError(), ENOENT);
     EXPECT_THAT(error.description(), HasSubstr(missing.string()));
     EXPECT_THAT(error.description(), HasSubstr(error.reason()));
+    EXPECT_THAT(error.description(), HasSubstr("that the file or its folder exists"));
   }
   EXPECT_THROW(Durable::truncate(missing, 0), FileError);
   EXPECT_THROW(Durable::readWhole(folder.path()), FileError);  // a folder is not readable text
