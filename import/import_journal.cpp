@@ -49,7 +49,7 @@ ImportJournal::ImportJournal(const std::filesystem::path& path) {
       "rows TEXT NOT NULL, state TEXT NOT NULL, sent_at TEXT, PRIMARY KEY(run_id, number));"
       "CREATE TABLE IF NOT EXISTS outcomes(run_id INTEGER NOT NULL, row INTEGER NOT NULL, "
       "batch INTEGER NOT NULL, success INTEGER NOT NULL, record_id TEXT, message TEXT, "
-      "PRIMARY KEY(run_id, row));");
+      "created INTEGER NOT NULL DEFAULT 0, PRIMARY KEY(run_id, row));");
 }
 
 ImportJournal::~ImportJournal() = default;
@@ -102,13 +102,13 @@ void ImportJournal::recordOutcome(std::int64_t run, int batch,
                                   const std::vector<RowOutcome>& outcomes) {
   Transaction transaction(*db_);
   Statement insert = db_->prepare(
-      "INSERT OR REPLACE INTO outcomes(run_id, row, batch, success, record_id, message) "
-      "VALUES(?,?,?,?,?,?)");
+      "INSERT OR REPLACE INTO outcomes(run_id, row, batch, success, record_id, message, "
+      "created) VALUES(?,?,?,?,?,?,?)");
   for (const auto& outcome : outcomes) {
     insert.reset();
     insert.bindInt(1, run).bindInt(2, static_cast<std::int64_t>(outcome.row)).bindInt(3, batch);
     insert.bindInt(4, outcome.success ? 1 : 0).bindText(5, outcome.recordId);
-    insert.bindText(6, outcome.message).run();
+    insert.bindText(6, outcome.message).bindInt(7, outcome.created ? 1 : 0).run();
   }
   Statement done =
       db_->prepare("UPDATE batches SET state = 'done' WHERE run_id = ? AND number = ?");
@@ -118,13 +118,14 @@ void ImportJournal::recordOutcome(std::int64_t run, int batch,
 
 std::vector<RowOutcome> ImportJournal::outcomes(std::int64_t run) const {
   Statement select = db_->prepare(
-      "SELECT row, success, record_id, message FROM outcomes WHERE run_id = ? ORDER BY row");
+      "SELECT row, success, record_id, message, created FROM outcomes WHERE run_id = ? "
+      "ORDER BY row");
   select.bindInt(1, run);
   std::vector<RowOutcome> list;
   while (select.step()) {
     list.push_back({static_cast<std::size_t>(select.columnInt(0)), select.columnInt(1) != 0,
                     select.columnOptionalText(2).value_or(""),
-                    select.columnOptionalText(3).value_or("")});
+                    select.columnOptionalText(3).value_or(""), select.columnInt(4) != 0});
   }
   return list;
 }

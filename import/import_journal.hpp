@@ -29,6 +29,7 @@ struct RowOutcome {
   bool success = false;
   std::string recordId;  // the created or changed record, when known
   std::string message;   // Salesforce's words for a failure
+  bool created = false;  // a success that made a new record (insert, upsert)
 
   bool operator==(const RowOutcome&) const = default;
 };
