@@ -13,8 +13,11 @@
 #include "backup/backup_error.hpp"
 #include "backup/backup_estimator.hpp"
 #include "backup/backup_lock.hpp"
+#include "backup/backup_volumes.hpp"
 #include "backup/backup_planner.hpp"
 #include "backup/committed_file.hpp"
+#include "backup/deletion_finder.hpp"
+#include "backup/retention_sweep.hpp"
 #include "backup/last_run.hpp"
 #include "backup/manifest.hpp"
 #include "backup/read_me.hpp"
@@ -125,6 +128,7 @@ struct BackupRunner::Context {
   Tally tally;
   std::string serverNow;
   std::string startedAt;
+  std::vector<DeletionFinder::Failure> deletionFailures;  // checks that failed this run
   // Every write to the store passes through it, one at a time.
   std::recursive_mutex storeLock;
   // Set by the first thread that must end the run; the others stop at the next page.
@@ -210,6 +214,11 @@ void BackupRunner::reportStep(BackupProgress::Step step) {
 RunSummary BackupRunner::run(RunKind kind) {
   if (auto it = environment_.find("CORVANE_DEMO"); it != environment_.end() && it->second == "1")
     throw BackupError::demoMode();
+  // An unplugged disk leaves an empty mount point on the startup disk: nothing
+  // may be written there, not even the lock.
+  if (auto reach = BackupVolumes::fromEnvironment(environment_).reach(config_.location.root);
+      reach.kind == BackupFolderState::Kind::driveNotConnected)
+    throw BackupError::driveNotConnected(reach.name);
   auto lock = BackupLock::acquire(config_.location.lockURL());
 
   Context context;
@@ -295,6 +304,25 @@ RunSummary BackupRunner::run(RunKind kind) {
     const auto run = store.run(context.runId);
     if (run && run->stage == "plan") plan(context);
     copyAll(context);
+    if (!context.stopping && !stopRequested()) {
+      DeletionFinder finder(*context.transport, store, context.storeLock, context.runId,
+                            ServerTime::parse(context.serverNow).value_or(now_()),
+                            DeletionFinder::Options::of(config_, firstPollDelay_));
+      auto found = finder.findAll(
+          DeletionFinder::targetsOf(store, context.runId),
+          [this, &context](bool comparing, const std::string& object, int index, int count) {
+            BackupProgress progress;
+            progress.step = comparing ? BackupProgress::Step::checkingDeletions
+                                      : BackupProgress::Step::findingDeletions;
+            progress.object = object;
+            progress.index = index;
+            progress.count = count;
+            progress.totals = context.tally.totals();
+            report(progress);
+          },
+          [this, &context] { return context.stopping.load() || stopRequested(); });
+      context.deletionFailures = std::move(found.failed);
+    }
   } catch (const BackupError& error) {
     if (error.kind() == BackupError::Kind::willNotFit ||
         error.kind() == BackupError::Kind::anotherLogin)
@@ -918,6 +946,9 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
                  "Left out because Salesforce will not read them: " + joined(notRead) +
                  ". The manifest says why for each.";
   }
+  const auto deletions = DeletionReport::of(store, context.runId, context.deletionFailures);
+  if (!stopped && !gaveUp && !deletions.failed.empty())
+    message += std::string(message.empty() ? "" : " ") + deletions.failureMessage();
   const std::string finishedAt = IsoTime::formatPlain(now_());
 
   // The run's own files. A failure here loses no record: the CSVs are complete.
@@ -973,6 +1004,7 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     manifest.objects = copied;
     manifest.files.salesforceTimeAtStart = context.serverNow;
     manifest.objectsLeftOut = leftOut;
+    deletions.fill(manifest);
     manifest.write(context.folder);
     ReadMe::write(context.folder);
   } catch (const std::exception& error) {
@@ -996,6 +1028,19 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       .bindInt(8, context.runId)
       .run();
 
+  db.prepare("UPDATE runs SET deleted = ? WHERE id = ?")
+      .bindInt(1, deletions.deleted)
+      .bindInt(2, context.runId)
+      .run();
+  // Older copies are tidied once this one is finished; a failure keeps them all.
+  RetentionSweep::Outcome tidied;
+  if (!stopped) {
+    reportStep(BackupProgress::Step::tidyingOldBackups);
+    try {
+      tidied = RetentionSweep(config_.location).apply(store, config_.retention, context.runId);
+    } catch (const std::exception&) {
+    }
+  }
   const auto run = store.run(context.runId);
   LastRun last;
   last.startedAt = context.startedAt;
@@ -1004,6 +1049,8 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
   last.result = result;
   last.message = message;
   last.records = records;
+  last.deleted = deletions.deleted;
+  last.unusualDeletions = deletions.unusual;
   last.bytes = bytes;
   last.folder = run ? run->folder : context.folder.filename().string();
   try {
@@ -1018,6 +1065,10 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
   summary.result = result;
   summary.message = message;
   summary.records = records;
+  summary.deleted = deletions.deleted;
+  summary.unusualDeletions = deletions.unusual;
+  summary.removedBackups = tidied.removed;
+  summary.removedBytes = tidied.bytes;
   summary.apiRequests = run ? run->apiRequests : requests;
   return summary;
 }

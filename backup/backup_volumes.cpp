@@ -57,6 +57,14 @@ BackupVolumes BackupVolumes::system() {
   return volumes;
 }
 
+BackupVolumes BackupVolumes::fromEnvironment(
+    const std::map<std::string, std::string>& environment) {
+  if (auto it = environment.find("CORVANE_VOLUMES_FOLDER");
+      it != environment.end() && !it->second.empty())
+    return inFolder(it->second);
+  return system();
+}
+
 BackupVolumes BackupVolumes::inFolder(fs::path volumesFolder) {
   BackupVolumes volumes;
   volumes.volumesFolder = volumesFolder;

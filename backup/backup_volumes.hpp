@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -70,6 +71,9 @@ struct BackupVolumes {
   // Volumes are the folders in volumesFolder; each is mounted, ejectable and
   // removable. For tests and for tools.
   static BackupVolumes inFolder(std::filesystem::path volumesFolder);
+  // inFolder(CORVANE_VOLUMES_FOLDER) when the environment names one (tests and
+  // demonstrations of an unplugged disk), else system().
+  static BackupVolumes fromEnvironment(const std::map<std::string, std::string>& environment);
 
   VolumePresence presence(const std::filesystem::path& url) const;
   // The disk's name when url lies under volumesFolder (below it, not on it).
