@@ -1,7 +1,13 @@
 #include "backup/backup_volumes.hpp"
 
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
+
+#ifndef __APPLE__
+#include <pwd.h>
+#include <unistd.h>
+#endif
 
 #include "platform/volume_info.hpp"
 
@@ -41,6 +47,24 @@ std::string trimmed(std::string text) {
 BackupVolumes BackupVolumes::system() {
   BackupVolumes volumes;
   volumes.volumesFolder = VolumeInfo::volumesFolder();
+#ifndef __APPLE__
+  // Desktops mount removable disks under /run/media/$USER or /media/$USER;
+  // people mount disks by hand under /mnt.
+  std::string user;
+  if (const char* name = std::getenv("USER"); name != nullptr) user = name;
+  if (user.empty()) {
+    if (const passwd* entry = ::getpwuid(::getuid()); entry != nullptr) user = entry->pw_name;
+  }
+  std::vector<fs::path> candidates;
+  if (!user.empty()) {
+    candidates.push_back(fs::path("/run/media") / user);
+    candidates.push_back(fs::path("/media") / user);
+  }
+  candidates.push_back("/mnt");
+  for (const auto& candidate : candidates)
+    if (candidate.lexically_normal() != volumes.volumesFolder.lexically_normal())
+      volumes.moreVolumesFolders.push_back(candidate);
+#endif
   volumes.mounted = [] {
     std::vector<fs::path> points;
     for (const auto& volume : VolumeInfo::mounted()) points.push_back(volume.mountPoint);
@@ -82,25 +106,35 @@ BackupVolumes BackupVolumes::inFolder(fs::path volumesFolder) {
   return volumes;
 }
 
+std::optional<std::pair<fs::path, std::string>> BackupVolumes::diskOf(
+    const fs::path& url) const {
+  if (auto name = firstPartBelow(volumesFolder, url)) return {{volumesFolder / *name, *name}};
+  for (const auto& folder : moreVolumesFolders)
+    if (auto name = firstPartBelow(folder, url)) return {{folder / *name, *name}};
+  return std::nullopt;
+}
+
 std::optional<std::string> BackupVolumes::volumeName(const fs::path& url) const {
-  return firstPartBelow(volumesFolder, url);
+  if (auto disk = diskOf(url)) return disk->second;
+  return std::nullopt;
 }
 
 BackupVolumes::VolumePresence BackupVolumes::presence(const fs::path& url) const {
-  const auto name = volumeName(url);
-  if (!name) return {VolumePresence::Kind::notOnAVolumeThatCanGo, ""};
+  const auto disk = diskOf(url);
+  if (!disk) return {VolumePresence::Kind::notOnAVolumeThatCanGo, ""};
+  const auto& [mountPoint, name] = *disk;
   std::vector<fs::path> points;
   try {
-    if (!mounted) return {VolumePresence::Kind::cannotTell, *name};
+    if (!mounted) return {VolumePresence::Kind::cannotTell, name};
     points = mounted();
   } catch (const std::exception&) {
-    return {VolumePresence::Kind::cannotTell, *name};
+    return {VolumePresence::Kind::cannotTell, name};
   }
-  const fs::path mountPoint = (volumesFolder / *name).lexically_normal();
   for (const auto& point : points) {
-    if (point.lexically_normal() == mountPoint) return {VolumePresence::Kind::mounted, *name};
+    if (point.lexically_normal() == mountPoint.lexically_normal())
+      return {VolumePresence::Kind::mounted, name};
   }
-  return {VolumePresence::Kind::notMounted, *name};
+  return {VolumePresence::Kind::notMounted, name};
 }
 
 BackupFolderState BackupVolumes::reach(const fs::path& url) const {
@@ -115,7 +149,7 @@ std::optional<BackupVolume> BackupVolumes::ejectableVolume(const fs::path& url) 
   if (found.kind != VolumePresence::Kind::mounted || !volume) return std::nullopt;
   std::optional<BackupVolume> result;
   try {
-    result = volume(volumesFolder / found.name);
+    result = volume(diskOf(url)->first);
   } catch (const std::exception&) {
     return std::nullopt;
   }

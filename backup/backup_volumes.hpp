@@ -14,6 +14,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/child_process.hpp"
@@ -65,6 +66,9 @@ struct BackupVolumes {
   // What the system knows of the volume mounted at a path; none when unknown.
   std::function<std::optional<BackupVolume>(const std::filesystem::path&)> volume;
   std::filesystem::path volumesFolder;
+  // Further folders under which disks are mounted, looked at after
+  // volumesFolder (Linux: the other of /run/media/$USER and /media/$USER, and /mnt).
+  std::vector<std::filesystem::path> moreVolumesFolders;
 
   // Wired to this machine: the mount table, sysfs and the user's volumes folder.
   static BackupVolumes system();
@@ -76,12 +80,19 @@ struct BackupVolumes {
   static BackupVolumes fromEnvironment(const std::map<std::string, std::string>& environment);
 
   VolumePresence presence(const std::filesystem::path& url) const;
-  // The disk's name when url lies under volumesFolder (below it, not on it).
+  // The disk's name when url lies under volumesFolder or one of
+  // moreVolumesFolders (below it, not on it).
   std::optional<std::string> volumeName(const std::filesystem::path& url) const;
   // driveNotConnected for a disk that is not mounted; reachable otherwise.
   BackupFolderState reach(const std::filesystem::path& url) const;
   // The mounted disk holding url when it can be ejected.
   std::optional<BackupVolume> ejectableVolume(const std::filesystem::path& url) const;
+
+ private:
+  // The mount point and name of the disk url lies on, when it lies under one
+  // of the volumes folders.
+  std::optional<std::pair<std::filesystem::path, std::string>> diskOf(
+      const std::filesystem::path& url) const;
 };
 
 // Runs a child process; injected so tests never eject a real disk.

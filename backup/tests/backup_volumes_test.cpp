@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
+
 #include "platform/tests/temporary_folder.hpp"
 
 namespace corvane {
@@ -40,6 +43,40 @@ TEST_F(BackupVolumesTest, AFolderOnAnUnpluggedDiskIsNotReachable) {
   EXPECT_EQ(volumes.reach(onDisk), BackupFolderState::driveNotConnected("Backup Disk"));
   EXPECT_FALSE(fs::exists(onDisk));
 }
+
+TEST_F(BackupVolumesTest, DisksMountedByHandUnderAFurtherFolderCountToo) {
+  const auto byHand = folder_.path() / "mnt";
+  fs::create_directories(byHand / "usb");
+  volumes.mounted = [&] {
+    return std::vector<fs::path>{volumesFolder / "Backup Disk", byHand / "usb"};
+  };
+  volumes.moreVolumesFolders = {byHand};
+  EXPECT_EQ(volumes.presence(byHand / "usb" / "Corvane"), (Presence{Presence::Kind::mounted, "usb"}));
+  // The folder of a disk that is not mounted is only a folder on the startup disk.
+  fs::create_directories(byHand / "data" / "Corvane");
+  EXPECT_EQ(volumes.reach(byHand / "data" / "Corvane"),
+            BackupFolderState::driveNotConnected("data"));
+  EXPECT_EQ(volumes.reach(volumesFolder / "Backup Disk" / "Corvane"),
+            BackupFolderState::reachable());
+  const auto usb = volumes.ejectableVolume(byHand / "usb" / "Corvane");
+  ASSERT_TRUE(usb);
+  EXPECT_EQ(usb->mountPoint, byHand / "usb");
+}
+
+#ifndef __APPLE__
+TEST(BackupVolumesSystem, LinuxLooksUnderTheUsersMediaFoldersAndMnt) {
+  const auto volumes = BackupVolumes::system();
+  std::vector<fs::path> all{volumes.volumesFolder};
+  all.insert(all.end(), volumes.moreVolumesFolders.begin(), volumes.moreVolumesFolders.end());
+  EXPECT_NE(std::find(all.begin(), all.end(), fs::path("/mnt")), all.end());
+  if (const char* user = std::getenv("USER"); user != nullptr && *user != '\0') {
+    for (const auto& base : {fs::path("/media"), fs::path("/run/media")})
+      EXPECT_NE(std::find(all.begin(), all.end(), base / user), all.end()) << base;
+  }
+  // The disk this test runs from is not one that can go.
+  EXPECT_EQ(volumes.reach(fs::temp_directory_path()), BackupFolderState::reachable());
+}
+#endif
 
 TEST_F(BackupVolumesTest, WhenTheMountTableCannotBeReadPresenceCannotTellAndRunsGoAhead) {
   volumes.mounted = []() -> std::vector<fs::path> { throw std::runtime_error("no table"); };
