@@ -8,6 +8,7 @@
 #include <set>
 #include <thread>
 
+#include "backup/allowance_watch.hpp"
 #include "backup/api_allowance.hpp"
 #include "backup/backup_csv.hpp"
 #include "backup/backup_error.hpp"
@@ -18,6 +19,7 @@
 #include "backup/committed_file.hpp"
 #include "backup/deletion_finder.hpp"
 #include "backup/retention_sweep.hpp"
+#include "backup/file_download.hpp"
 #include "backup/last_run.hpp"
 #include "backup/manifest.hpp"
 #include "backup/read_me.hpp"
@@ -40,6 +42,39 @@ constexpr const char* lostPlaceTwice =
     "Salesforce lost its place in this object twice while it was being read. The next backup "
     "reads it again.";
 constexpr const char* givenUpBeforeRead = "The backup was given up on before this object was read.";
+constexpr const char* allowanceLowForFiles =
+    "Some files will be fetched by the next backup. The org's daily API allowance is running low.";
+constexpr const char* refusedFieldReason =
+    "Salesforce refused these fields in a query, so they were left out.";
+constexpr const char* allowanceSpent = " (Salesforce says the org's daily API allowance is used up.)";
+// Tries of one file body before it is given up; the next full backup tries again.
+constexpr int fileTries = 3;
+
+// Salesforce refused a request because the org's daily allowance is spent.
+bool isAllowanceSpent(std::string_view message) {
+  return message.find("REQUEST_LIMIT_EXCEEDED") != std::string_view::npos ||
+         message.find("TotalRequests Limit exceeded") != std::string_view::npos;
+}
+
+// The field named in Salesforce's INVALID_FIELD message ("No such column 'Foo'
+// on entity 'Account'. ..."), or "".
+std::string refusedField(std::string_view message) {
+  static constexpr std::string_view marker = "No such column '";
+  const auto at = message.find(marker);
+  if (at == std::string_view::npos) return {};
+  const auto begin = at + marker.size();
+  const auto end = message.find('\'', begin);
+  if (end == std::string_view::npos) return {};
+  return std::string(message.substr(begin, end - begin));
+}
+
+// A bulk results request whose locator Salesforce no longer knows.
+bool isLostLocator(const DownloadError& error) {
+  return error.kind() == DownloadError::Kind::jobExpired ||
+         (error.kind() == DownloadError::Kind::jobFailed &&
+          (error.platformText().find("INVALID_QUERY_LOCATOR") != std::string::npos ||
+           error.platformText().find("invalid query locator") != std::string::npos));
+}
 
 std::string jsonList(const std::vector<std::string>& names) { return nlohmann::json(names).dump(); }
 
@@ -135,6 +170,15 @@ struct BackupRunner::Context {
   std::atomic<bool> stopping{false};
   std::mutex stopMutex;  // guards stopMessage
   std::string stopMessage;
+  std::unique_ptr<AllowanceWatch> allowance;
+  // Fields Salesforce refused in this run, by object (guarded by storeLock).
+  std::map<std::string, std::vector<std::string>> refusedFields;
+  // The file step's outcome, for the summary (written by the run's own thread only).
+  std::int64_t filesDownloaded = 0;
+  std::int64_t filesWaiting = 0;
+  std::int64_t filesGivenUp = 0;
+  std::int64_t fileBytes = 0;
+  std::string filesMessage;
 
   void stop(const std::string& message) {
     std::lock_guard guard(stopMutex);
@@ -224,6 +268,9 @@ RunSummary BackupRunner::run(RunKind kind) {
   Context context;
   context.store = BackupStore::open(config_.location);
   context.transport = std::make_unique<RequestCounting>(transport_);
+  context.allowance = std::make_unique<AllowanceWatch>(
+      *context.transport, [&context] { return context.transport->count(); },
+      config_.allowanceRecheckEvery, config_.minimumApiRemaining);
   auto& store = *context.store;
   reportStep(BackupProgress::Step::starting);
 
@@ -323,6 +370,7 @@ RunSummary BackupRunner::run(RunKind kind) {
           [this, &context] { return context.stopping.load() || stopRequested(); });
       context.deletionFailures = std::move(found.failed);
     }
+    if (!context.stopping && !stopRequested()) downloadFiles(context);
   } catch (const BackupError& error) {
     if (error.kind() == BackupError::Kind::willNotFit ||
         error.kind() == BackupError::Kind::anotherLogin)
@@ -649,6 +697,10 @@ void BackupRunner::copyObject(Context& context, JobRow job, int index, int count
   } catch (const PageRefused& error) {
     failJob(error.what());
     return;
+  } catch (const BackupCSV::Unreadable& error) {
+    failJob(std::string("A page of this object could not be read: ") + error.what() +
+            " Nothing was stored from it.");
+    return;
   } catch (const FileError& error) {
     failJob(std::string("Could not be saved: ") + error.what());
     return;
@@ -661,7 +713,18 @@ void BackupRunner::copyObject(Context& context, JobRow job, int index, int count
       case DownloadError::Kind::jobExpired:
         failJob(lostPlaceTwice);
         return;
+      case DownloadError::Kind::objectNotSupported:
+        failJob(BackupPlanner::bulkRefusedReason);
+        return;
       default:
+        if (isAllowanceSpent(error.platformText())) {
+          context.allowance->markSpent();
+          throw StopRun(std::string(stoppedMessage) + allowanceSpent);
+        }
+        if (dropRefusedField(context, job, refusedField(error.platformText()))) {
+          copyObject(context, std::move(job), index, count);
+          return;
+        }
         failJob(error.what());
         return;
     }
@@ -670,12 +733,19 @@ void BackupRunner::copyObject(Context& context, JobRow job, int index, int count
   } catch (const std::exception& error) {
     const auto failure = context.transport->classify(error);
     if (failure.signedOut) throw StopRun(BackupError::signedOut().what());
+    if (isAllowanceSpent(failure.message)) {
+      context.allowance->markSpent();
+      throw StopRun(std::string(stoppedMessage) + allowanceSpent);
+    }
     // A refusal of this object (a 400 or 404) ends only the object; anything
-    // else (no answer, a server failure, the allowance spent) ends the run.
+    // else (no answer, a server failure) ends the run, which resumes next time.
     const bool refused = failure.httpStatus >= 400 && failure.httpStatus < 500 &&
-                         failure.httpStatus != 401 &&
-                         failure.message.find("REQUEST_LIMIT_EXCEEDED") == std::string::npos;
+                         failure.httpStatus != 401;
     if (!refused) throw;
+    if (dropRefusedField(context, job, refusedField(failure.message))) {
+      copyObject(context, std::move(job), index, count);
+      return;
+    }
     failJob(failure.message.empty() ? std::string(error.what()) : failure.message);
     return;
   }
@@ -807,7 +877,8 @@ void BackupRunner::copyBulk(Context& context, JobRow& job, std::unique_ptr<Commi
       bulk.remove(remote);
       return;
     } catch (const DownloadError& error) {
-      if (error.kind() != DownloadError::Kind::jobExpired || attempt >= 2) throw;
+      if (!isLostLocator(error)) throw;
+      if (attempt >= 2) throw DownloadError::jobExpired();
       // Salesforce no longer keeps the job: read the object again from its header.
       const auto url = file->url();
       const auto limit = file->maximumSize();
@@ -866,6 +937,11 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
       if (done) {
         store.storeWatermark(job.object, job.watermarkField,
                              job.watermarkField.empty() ? "" : context.serverNow, job.fields);
+        // Fields refused in this run stay left out of the next run's plan.
+        if (auto refused = context.refusedFields.find(job.object);
+            refused != context.refusedFields.end())
+          store.recordUnsupported(job.object, refused->second, refusedFieldReason,
+                                  context.serverNow);
       }
       db.exec("COMMIT");
     } catch (...) {
@@ -891,6 +967,140 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
   progress.bytes = job.csvBytes;
   progress.totals = context.tally.totals();
   report(progress);
+  // Read when due; a low allowance leaves the file bodies for the next run.
+  context.allowance->isLow();
+}
+
+bool BackupRunner::dropRefusedField(Context& context, JobRow& job, const std::string& field) {
+  if (field.empty() || columnOf(std::vector<std::string>{"Id"}, field) == 0) return false;
+  const int at = columnOf(job.fields, field);
+  const auto from = job.soql.find(" FROM ");
+  if (at < 0 || from == std::string::npos) return false;
+  job.fields.erase(job.fields.begin() + at);
+  if (static_cast<std::size_t>(at) < job.fieldTypes.size())
+    job.fieldTypes.erase(job.fieldTypes.begin() + at);
+  job.soql = "SELECT " + joined(job.fields) + job.soql.substr(from);
+  job.locator.clear();
+  job.jobId.clear();
+  job.rows = 0;
+  job.csvBytes = 0;
+
+  std::lock_guard guard(context.storeLock);
+  auto& store = *context.store;
+  auto& db = store.db();
+  auto& refused = context.refusedFields[job.object];
+  refused.push_back(field);
+  std::vector<std::string> remembered = refused;
+  if (auto state = store.objectState(job.object))
+    for (const auto& earlier : state->unsupportedFields)
+      if (columnOf(remembered, earlier) < 0) remembered.push_back(earlier);
+  db.exec("BEGIN IMMEDIATE");
+  try {
+    store.recordUnsupported(job.object, remembered, refusedFieldReason,
+                            IsoTime::formatPlain(now_()));
+    db.prepare(
+          "UPDATE jobs SET fields = ?, field_types = ?, soql = ?, locator = '', job_id = '', "
+          "csv_bytes = 0, rows = 0 WHERE run_id = ? AND seq = ?")
+        .bindText(1, jsonList(job.fields))
+        .bindText(2, job.fieldTypes.empty() ? "" : jsonList(job.fieldTypes))
+        .bindText(3, job.soql)
+        .bindInt(4, context.runId)
+        .bindInt(5, job.seq)
+        .run();
+    db.exec("COMMIT");
+  } catch (...) {
+    db.exec("ROLLBACK");
+    throw;
+  }
+  return true;
+}
+
+void BackupRunner::downloadFiles(Context& context) {
+  if (!config_.downloadFileBodies) return;
+  reportStep(BackupProgress::Step::measuringFiles);
+  const auto& location = config_.location;
+  auto& store = *context.store;
+
+  // What this run's copies say about bodies: new documents, new versions,
+  // attachments whose body changed.
+  for (const auto& object : {"Attachment", "ContentVersion", "Document"}) {
+    auto data = Durable::readWhole(context.folder / csvName(object));
+    if (!data) continue;
+    std::vector<FileDownload::Body> bodies;
+    try {
+      bodies = FileDownload::bodiesIn(object, *data);
+    } catch (const BackupCSV::Unreadable&) {
+      continue;
+    }
+    std::lock_guard guard(context.storeLock);
+    store.db().exec("BEGIN IMMEDIATE");
+    try {
+      FileDownload::record(store.db(), bodies);
+      store.db().exec("COMMIT");
+    } catch (...) {
+      store.db().exec("ROLLBACK");
+      throw;
+    }
+  }
+
+  std::vector<FileDownload::Pending> pending;
+  {
+    std::lock_guard guard(context.storeLock);
+    pending = FileDownload::pending(store.db(), config_.latestFileVersionsOnly);
+  }
+  std::int64_t done = 0;
+  for (const auto& body : pending) {
+    if (stopRequested()) throw StopRun(stoppedMessage);
+    if (context.allowance->isLow()) {
+      context.filesMessage = allowanceLowForFiles;
+      break;
+    }
+    if (freeSpace_) {
+      const auto free = freeSpace_(location.folder());
+      if (free && *free - body.size < config_.freeSpaceFloor) {
+        context.filesMessage =
+            BackupError::lowDiskSpace(config_.freeSpaceFloor + body.size, *free).what();
+        break;
+      }
+    }
+    BackupProgress progress;
+    progress.step = BackupProgress::Step::downloadingFiles;
+    progress.object = body.nameOnDisk;
+    progress.done = done;
+    progress.total = static_cast<std::int64_t>(pending.size());
+    progress.bytes = context.fileBytes;
+    progress.totals = context.tally.totals();
+    progress.totals.files = context.filesDownloaded;
+    report(progress);
+    ++done;
+
+    FileDownload::Fetched fetched;
+    try {
+      fetched = FileDownload::fetch(*context.transport, location, body);
+    } catch (const std::exception& error) {
+      const auto failure = context.transport->classify(error);
+      if (failure.signedOut) throw StopRun(BackupError::signedOut().what());
+      if (isAllowanceSpent(failure.message)) {
+        context.allowance->markSpent();
+        context.filesMessage = allowanceLowForFiles;
+        break;
+      }
+      fetched.failure = failure.message.empty() ? std::string(error.what()) : failure.message;
+    }
+    {
+      std::lock_guard guard(context.storeLock);
+      FileDownload::recordFetch(store.db(), body, fetched, fileTries, context.runId);
+    }
+    if (fetched.stored) {
+      ++context.filesDownloaded;
+      context.fileBytes += fetched.bytes;
+    } else if (body.attempts + 1 >= fileTries) {
+      ++context.filesGivenUp;
+    }
+  }
+  std::lock_guard guard(context.storeLock);
+  context.filesWaiting =
+      static_cast<std::int64_t>(FileDownload::pending(store.db(), config_.latestFileVersionsOnly).size());
 }
 
 RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage) {
@@ -945,6 +1155,17 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       message += std::string(message.empty() ? "" : " ") +
                  "Left out because Salesforce will not read them: " + joined(notRead) +
                  ". The manifest says why for each.";
+    auto add = [&message](const std::string& sentence) {
+      message += (message.empty() ? "" : " ") + sentence;
+    };
+    if (!context.filesMessage.empty()) add(context.filesMessage);
+    if (context.filesGivenUp > 0)
+      add(fmt::format("{} could not be downloaded after {} tries and were left out. The next "
+                      "full backup tries again. Files.csv says which.",
+                      context.filesGivenUp, fileTries));
+    if (context.filesWaiting > 0 && context.filesMessage.empty())
+      add(fmt::format("{} still to download. They will be fetched by the next backup.",
+                      context.filesWaiting));
   }
   const auto deletions = DeletionReport::of(store, context.runId, context.deletionFailures);
   if (!stopped && !gaveUp && !deletions.failed.empty())
@@ -1003,6 +1224,9 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     manifest.message = message;
     manifest.objects = copied;
     manifest.files.salesforceTimeAtStart = context.serverNow;
+    manifest.files.downloadedThisRun = context.filesDownloaded;
+    manifest.files.waiting = context.filesWaiting;
+    manifest.files.leftOutThisRun = context.filesGivenUp;
     manifest.objectsLeftOut = leftOut;
     deletions.fill(manifest);
     manifest.write(context.folder);
@@ -1016,8 +1240,8 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
   // A stopped run keeps its stage: the next run carries on from there.
   db.prepare(
         "UPDATE runs SET stage = CASE WHEN ? THEN stage ELSE 'done' END, finished_at = ?, "
-        "result = ?, message = ?, records = ?, bytes = ?, api_requests = api_requests + ? "
-        "WHERE id = ?")
+        "result = ?, message = ?, records = ?, bytes = ?, api_requests = api_requests + ?, "
+        "files = files + ?, files_waiting = ? WHERE id = ?")
       .bindInt(1, stopped ? 1 : 0)
       .bindText(2, finishedAt)
       .bindText(3, result)
@@ -1025,7 +1249,9 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       .bindInt(5, records)
       .bindInt(6, bytes)
       .bindInt(7, requests)
-      .bindInt(8, context.runId)
+      .bindInt(8, context.filesDownloaded)
+      .bindInt(9, context.filesWaiting)
+      .bindInt(10, context.runId)
       .run();
 
   db.prepare("UPDATE runs SET deleted = ? WHERE id = ?")
@@ -1053,6 +1279,8 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
   last.unusualDeletions = deletions.unusual;
   last.bytes = bytes;
   last.folder = run ? run->folder : context.folder.filename().string();
+  last.files = run ? run->files : context.filesDownloaded;
+  last.filesWaiting = context.filesWaiting;
   try {
     last.write(config_.location);
   } catch (const std::exception&) {
@@ -1069,6 +1297,8 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
   summary.unusualDeletions = deletions.unusual;
   summary.removedBackups = tidied.removed;
   summary.removedBytes = tidied.bytes;
+  summary.filesDownloaded = run ? run->files : context.filesDownloaded;
+  summary.filesWaiting = context.filesWaiting;
   summary.apiRequests = run ? run->apiRequests : requests;
   return summary;
 }

@@ -131,6 +131,12 @@ class BackupRunner {
   void commitPage(Context& context, JobRow& job, CommittedFile& file,
                   std::string_view rows, const std::vector<PageOp>& ops, std::int64_t rowCount,
                   const std::string& locator, bool done, int index, int count);
+  // Leaves a field Salesforce refused out of job (and its jobs row), remembers
+  // it in objects.unsupported_fields and restarts the object's CSV. False when
+  // the field is not one the job can do without.
+  bool dropRefusedField(Context& context, JobRow& job, const std::string& field);
+  // Records the bodies this run's copies describe and fetches the waiting ones.
+  void downloadFiles(Context& context);
   RunSummary finish(Context& context, const std::string& stopMessage);
 
   BackupTransport& transport_;
