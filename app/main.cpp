@@ -44,5 +44,8 @@ int main(int argc, char** argv) {
 
   CLI11_PARSE(app, argc, argv);
   if (!chosen) return 0;
+  // Keeps the hourly scheduled-backup check in step with the backup sets.
+  corvane::ScheduleCommand::reconcileAtLaunch(corvane::ScheduleCommand::Setup::standard(),
+                                              std::cerr);
   return corvane::runReportingFailures(chosen, std::cerr);
 }

@@ -3,10 +3,14 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include <cstdlib>
 #include <iostream>
 
+#include "app/backup_command.hpp"
 #include "app/command_error.hpp"
 #include "backup/backup_location.hpp"
+#include "connections/api_transport.hpp"
+#include "connections/ascii.hpp"
 #include "platform/app_support.hpp"
 
 namespace corvane::ScheduleCommand {
@@ -57,27 +61,43 @@ std::string keepText(const BackupSet& set) {
 
 BackupRegistry registryOf(const Setup& setup) { return BackupRegistry(setup.registryDirectory); }
 
+// What a reconciliation changed, for a person; empty when nothing did.
+std::string changeText(const BackupScheduleSetup::Result& result, const BackupScheduler& scheduler) {
+  switch (result.kind) {
+    case BackupScheduleSetup::Result::Kind::installed:
+      return fmt::format("Scheduled backups are on: the {} starts a check every hour at minute "
+                         "{}.\n",
+                         scheduler.kindName(), result.minute);
+    case BackupScheduleSetup::Result::Kind::removed:
+      return fmt::format("No backup set has a schedule any more: the {} was removed.\n",
+                         scheduler.kindName());
+    case BackupScheduleSetup::Result::Kind::setsUnreadable:
+      return result.message + "\n";
+    case BackupScheduleSetup::Result::Kind::unchanged:
+      break;
+  }
+  return {};
+}
+
+bool isDemo() {
+  const char* demo = std::getenv("CORVANE_DEMO");
+  return demo != nullptr && std::string_view(demo) == "1";
+}
+
 // Brings the wake-up in line with the sets and says what changed.
 void reconcile(CommandContext& context, const Setup& setup) {
   const auto scheduler = setup.scheduler();
   const auto result = BackupScheduleSetup::reconcileAtLaunch(
-      registryOf(setup), *scheduler, setup.defaults, false, setup.executable);
-  switch (result.kind) {
-    case BackupScheduleSetup::Result::Kind::installed:
-      context.out << fmt::format("Scheduled backups are on: the {} starts a check every hour at "
-                                 "minute {}.\n",
-                                 scheduler->kindName(), result.minute);
-      break;
-    case BackupScheduleSetup::Result::Kind::removed:
-      context.out << fmt::format("No backup set has a schedule any more: the {} was removed.\n",
-                                 scheduler->kindName());
-      break;
-    case BackupScheduleSetup::Result::Kind::setsUnreadable:
-      context.out << result.message << "\n";
-      break;
-    case BackupScheduleSetup::Result::Kind::unchanged:
-      break;
-  }
+      registryOf(setup), *scheduler, setup.defaults, isDemo(), setup.executable);
+  context.out << changeText(result, *scheduler);
+}
+
+// The login of a set: its username, in any case. Aliases are not used here: a
+// set names one login for good.
+const Org* loginOf(const std::vector<Org>& orgs, const std::string& username) {
+  for (const auto& org : orgs)
+    if (Ascii::equalsIgnoringCase(org.username, username)) return &org;
+  return nullptr;
 }
 
 }  // namespace
@@ -217,6 +237,7 @@ void status(CommandContext& context, const Setup& setup) {
                         : "No backup set has a schedule, yet a schedule is installed. Remove or "
                           "re-add a set to take it away.\n");
   }
+  context.out << "Files wait for mains power: " << (PowerWait::isOn() ? "yes" : "no") << "\n";
   if (const auto tick = LastTick::read(setup.backupRoot)) {
     context.out << "Last tick: " << tick->startedAt << ": " << tick->result << "\n";
   } else {
@@ -224,24 +245,89 @@ void status(CommandContext& context, const Setup& setup) {
   }
 }
 
+SetRunner backupSetRunner(OrgAccess access) {
+  struct Shared {
+    OrgAccess access;
+    std::optional<std::vector<Org>> orgs;  // listed at the first due set
+    std::string listFailure;
+  };
+  auto shared = std::make_shared<Shared>();
+  shared->access = std::move(access);
+  return [shared](const SetRunRequest& request) {
+    if (!shared->orgs && shared->listFailure.empty()) {
+      try {
+        shared->orgs = shared->access.logins();
+      } catch (const std::exception& error) {
+        shared->listFailure = error.what();
+      }
+    }
+    if (!shared->orgs)
+      return SetRunOutcome::notStarted(
+          "The Salesforce CLI could not list its logins, so the backup did not run (" +
+          shared->listFailure + "). It tries again at the next tick.");
+    const Org* org = loginOf(*shared->orgs, request.set.username);
+    if (org == nullptr)
+      return SetRunOutcome::notStarted(
+          "The login " + request.set.username +
+          " is no longer known to the Salesforce CLI, so its backup did not run. Log in again "
+          "with \"sf org login web\" and the backup runs at the next tick, or remove its backup "
+          "set.");
+    SalesforceAPI::Client api(shared->access.session);
+    APITransport transport(api, *org);
+    auto progress = shared->access.progress;
+    auto runner = BackupCommand::makeRunner(transport, request.config,
+                                            [progress](const BackupProgress& value) {
+                                              if (progress) progress(value);
+                                            });
+    const auto summary = runner->run(request.kind);
+    if (summary.succeeded()) return SetRunOutcome::success();
+    return SetRunOutcome::failed(summary.message.empty() ? "the backup stopped" : summary.message);
+  };
+}
+
 int runBackupTick(SalesforceCLI& cli, const Setup& setup) {
   HeadlessBackup::Environment environment;
   environment.backupRoot = setup.backupRoot;
   environment.registryDirectory = setup.registryDirectory;
+  environment.heavyWorkWaitsForPower = PowerWait::isOn();
   environment.notify = [](const std::string& text) { std::cerr << text << "\n"; };
-  auto orgs = std::make_shared<std::optional<std::vector<Org>>>();
-  environment.runSet = [&cli, orgs](const SetRunRequest& request) {
-    // The logins are listed once per tick.
-    if (!*orgs) *orgs = cli.listOrgs(true, std::chrono::milliseconds(120'000));
-    try {
-      OrgsCommand::findLogin(**orgs, request.set.username);
-    } catch (const CommandError& error) {
-      return SetRunOutcome::failed(error.description());
-    }
-    return SetRunOutcome::failed(
-        "This build of Corvane cannot run backups by itself yet, so the backup was not taken.");
-  };
+  OrgAccess access;
+  access.logins = [&cli] { return cli.listOrgs(true, std::chrono::milliseconds(120'000)); };
+  access.session = [&cli](const std::string& username) { return cli.session(username); };
+  environment.runSet = backupSetRunner(std::move(access));
   return HeadlessBackup::run(environment);
+}
+
+void reconcileAtLaunch(const Setup& setup, std::ostream& err) {
+  try {
+    const auto registry = registryOf(setup);
+    std::error_code error;
+    if (!std::filesystem::exists(registry.fileURL(), error)) return;
+    const auto wish = registry.scheduleWish();
+    if (wish == ScheduleWish::unknown) {
+      err << registry.unreadableMessage() << "\n";
+      return;
+    }
+    const auto scheduler = setup.scheduler();
+    const auto state = scheduler->current(false);
+    if (wish == ScheduleWish::none && !state.installed) return;
+    const auto minute = setup.defaults.tickMinute();
+    if (wish == ScheduleWish::scheduled && state.installed && minute && state.minute == minute &&
+        state.executablePath == setup.executable.string())
+      return;
+    const auto result = BackupScheduleSetup::reconcileAtLaunch(
+        registry, *scheduler, setup.defaults, isDemo(), setup.executable);
+    err << changeText(result, *scheduler);
+  } catch (const std::exception& error) {
+    err << error.what() << "\n";
+  }
+}
+
+void setPowerWait(CommandContext& context, bool on) {
+  PowerWait::set(on);
+  context.out << (on ? "On battery, scheduled backups leave file downloads for a run on mains "
+                       "power; a first download of files waits for mains power.\n"
+                     : "Scheduled backups download files also on battery.\n");
 }
 
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) {
@@ -292,6 +378,15 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       "status", "What is installed, the tick minute and the last tick's outcome");
   statusCommand->callback(
       [&context, &chosen] { chosen = [&context] { status(context, Setup::standard()); }; });
+  CLI::App* powerWait = schedule->add_subcommand(
+      "power-wait", "Whether scheduled file downloads wait for mains power (on or off)");
+  auto powerWord = std::make_shared<std::string>();
+  powerWait->add_option("STATE", *powerWord, "on or off")
+      ->required()
+      ->check(CLI::IsMember({"on", "off"}));
+  powerWait->callback([&context, &chosen, powerWord] {
+    chosen = [&context, powerWord] { setPowerWait(context, *powerWord == "on"); };
+  });
 }
 
 }  // namespace corvane::ScheduleCommand

@@ -5,17 +5,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "backup/last_run.hpp"
 #include "connections/tests/fake_cli.hpp"
 #include "platform/child_process.hpp"
 #include "platform/durable_file.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "scheduling/systemd_timer.hpp"
+#include "tools/orgsim/tests/sample_org.hpp"
 
 namespace corvane {
 namespace {
 
 using ::testing::HasSubstr;
 using testing::FakeCLI;
+using namespace std::chrono_literals;
 
 class ScheduleCommandTest : public ::testing::Test {
  protected:
@@ -157,6 +160,261 @@ TEST_F(ScheduleCommandTest, TheProgramRunsTheTickHeadless) {
   ASSERT_TRUE(tick);
   EXPECT_THAT(tick->result, HasSubstr("The backup of gone@acme.example did not finish"));
   EXPECT_THAT(result.standardError, HasSubstr("gone@acme.example"));
+}
+
+
+TEST_F(ScheduleCommandTest, LaunchReconcilesOnlyWhenTheSetsAndTheTimerDiffer) {
+  std::ostringstream err;
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_EQ(err.str(), "");
+  EXPECT_TRUE(calls.empty()) << "a home without sets is left alone";
+  EXPECT_FALSE(minute);
+
+  BackupSet set;
+  set.orgKey = "00D";
+  set.username = "admin@acme.example";
+  set.schedule = BackupSchedule::hourly();
+  const BackupRegistry registry(setup.registryDirectory);
+  registry.save({set});
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_THAT(err.str(), HasSubstr("Scheduled backups are on"));
+  EXPECT_TRUE(std::filesystem::exists(folder.path() / "units/corvane-backup.timer"));
+
+  // Nothing changed: not one service command.
+  calls.clear();
+  err.str("");
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_EQ(err.str(), "");
+  EXPECT_TRUE(calls.empty());
+
+  // A stored minute out of range is drawn again; then the timer follows it.
+  minute = 60;
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_EQ(minute, 41);
+  EXPECT_THAT(*Durable::readWhole(folder.path() / "units/corvane-backup.timer"),
+              HasSubstr("OnCalendar=*-*-* *:41:00"));
+
+  // Unreadable sets: told, and the timer stays.
+  Durable::replace(registry.fileURL(), "not json");
+  err.str("");
+  calls.clear();
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_THAT(err.str(), HasSubstr("Your backup settings could not be read"));
+  EXPECT_TRUE(calls.empty());
+  EXPECT_TRUE(std::filesystem::exists(folder.path() / "units/corvane-backup.timer"));
+
+  set.schedule = BackupSchedule::manual();
+  registry.save({set});
+  err.str("");
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_THAT(err.str(), HasSubstr("was removed"));
+  EXPECT_FALSE(std::filesystem::exists(folder.path() / "units/corvane-backup.timer"));
+}
+
+#ifdef __linux__
+// The program as a user starts it: a command installs the timer for the sets
+// (into CORVANE_SCHEDULER_FOLDER, never for the machine's user); the command
+// the timer would start runs the tick; and with no schedule left the timer goes.
+TEST_F(ScheduleCommandTest, TheProgramInstallsTheTimerWhoseCommandRunsTheTick) {
+  const auto home = folder.path() / "home";
+  const auto units = folder.path() / "installed";
+  std::filesystem::create_directories(home);
+  BackupSet set;
+  set.orgKey = "00D";
+  set.username = "gone@acme.example";
+  set.schedule = BackupSchedule::hourly();
+  BackupRegistry(home).save({set});
+
+  auto corvane = [&](std::vector<std::string> arguments) {
+    ProcessRequest request;
+    request.executable = CORVANE_EXECUTABLE;
+    request.arguments = std::move(arguments);
+    request.environment = {{"PATH", "/usr/bin:/bin"},
+                           {"HOME", fake.folder().string()},
+                           {"CORVANE_HOME", home.string()},
+                           {"CORVANE_SCHEDULER_FOLDER", units.string()},
+                           {"CORVANE_SF_PATH", fake.path()}};
+    request.timeout = std::chrono::seconds(60);
+    return ChildProcess::run(request);
+  };
+  auto status = corvane({"schedule", "status"});
+  EXPECT_EQ(status.exitStatus, 0) << status.standardError;
+  EXPECT_THAT(status.standardError, HasSubstr("Scheduled backups are on"));
+  EXPECT_THAT(status.standardOutput, HasSubstr("Installed: the systemd user timer"));
+  const auto service = Durable::readWhole(units / SystemdUnits::serviceName);
+  ASSERT_TRUE(service);
+  EXPECT_THAT(*Durable::readWhole(units / "service-commands.log"),
+              HasSubstr("systemctl --user enable corvane-backup.timer"));
+
+  // What systemd would start, run by hand.
+  const auto execStart = service->substr(service->find("ExecStart=") + 10);
+  const auto line = execStart.substr(0, execStart.find('\n'));
+  ASSERT_EQ(line.substr(0, 1), "\"");
+  const auto executable = line.substr(1, line.find('"', 1) - 1);
+  EXPECT_TRUE(std::filesystem::equivalent(executable, CORVANE_EXECUTABLE));
+  EXPECT_EQ(line.substr(line.find('"', 1) + 1), " --backup-tick");
+  EXPECT_EQ(corvane({"--backup-tick"}).exitStatus, 0);
+  const auto tick = LastTick::read(home / "Backups");
+  ASSERT_TRUE(tick);
+  EXPECT_THAT(tick->result, HasSubstr("Ran 0 backups. The backup of gone@acme.example"));
+
+  set.schedule = BackupSchedule::manual();
+  BackupRegistry(home).save({set});
+  status = corvane({"schedule", "status"});
+  EXPECT_THAT(status.standardError, HasSubstr("was removed"));
+  EXPECT_THAT(status.standardOutput, HasSubstr("Installed: nothing"));
+  EXPECT_FALSE(std::filesystem::exists(units / SystemdUnits::timerName));
+  EXPECT_THAT(*Durable::readWhole(units / "service-commands.log"),
+              HasSubstr("systemctl --user disable --now corvane-backup.timer"));
+}
+#endif
+
+// The tick wired to the real backup run, against the sample org.
+class ScheduledRunTest : public orgsim::testing::ServerFixture {
+ protected:
+  void SetUp() override {
+    ServerFixture::SetUp();
+    orgsim::testing::addAccounts(store(), 30);
+    org.username = store().identity().adminUsername;
+    org.orgId = "00D000000000001AAA";
+    std::filesystem::create_directories(home.path() / "Volumes");
+  }
+
+  BackupSet set(const std::string& username, BackupSchedule schedule) {
+    BackupSet result;
+    result.orgKey = "00D000000000001AAA";
+    result.username = username;
+    result.schedule = schedule;
+    result.onlyObjects = std::vector<std::string>{"Account"};
+    return result;
+  }
+
+  HeadlessBackup::Environment environment() {
+    HeadlessBackup::Environment env;
+    env.now = [this] { return now; };
+    env.conditions = [] { return RunConditions{}; };
+    env.backupRoot = root;
+    env.registryDirectory = home.path();
+    env.calendar = ScheduleCalendar::utc();
+    env.volumes = BackupVolumes::inFolder(home.path() / "Volumes");
+    env.notify = [this](const std::string& text) { told.push_back(text); };
+    ScheduleCommand::OrgAccess access;
+    access.logins = [this] {
+      ++listings;
+      return std::vector<Org>{org};
+    };
+    access.session = [this](const std::string&) {
+      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
+                                    server_->baseUrl(), "62.0", {}};
+    };
+    access.progress = [this](const BackupProgress& progress) {
+      if (duringRun) std::exchange(duringRun, nullptr)(progress);
+    };
+    env.runSet = ScheduleCommand::backupSetRunner(std::move(access));
+    return env;
+  }
+
+  TemporaryFolder home;
+  std::filesystem::path root = home.path() / "Backups";
+  BackupRegistry registry{home.path()};
+  Org org;
+  SystemTime now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
+  std::vector<std::string> told;
+  int listings = 0;
+  std::function<void(const BackupProgress&)> duringRun;
+};
+
+TEST_F(ScheduledRunTest, ATickBacksUpOnlyTheDueSetWhileASecondTickExitsOnTheLock) {
+  auto notDue = set("later@acme.example", BackupSchedule::daily(2, 0));
+  notDue.lastSuccessAt = now;
+  registry.save({set(org.username, BackupSchedule::hourly()), notDue});
+
+  // While the backup runs, the program is started the way the timer starts it.
+  FakeCLI fake;
+  ProcessResult second;
+  duringRun = [&](const BackupProgress&) {
+    ProcessRequest request;
+    request.executable = CORVANE_EXECUTABLE;
+    request.arguments = {"--backup-tick"};
+    request.environment = {{"PATH", "/usr/bin:/bin"},
+                           {"HOME", fake.folder().string()},
+                           {"CORVANE_HOME", home.path().string()},
+                           {"CORVANE_SF_PATH", fake.path()}};
+    request.timeout = std::chrono::seconds(60);
+    second = ChildProcess::run(request);
+    EXPECT_EQ(LastTick::read(root)->result, LastTick::checking);
+  };
+  ASSERT_EQ(HeadlessBackup::run(environment()), 0);
+
+  EXPECT_EQ(second.exitStatus, 0) << second.standardError;
+  EXPECT_EQ(second.standardError, "");
+  EXPECT_FALSE(std::filesystem::exists(fake.folder() / "calls.log")) << "the second tick ran sf";
+  EXPECT_FALSE(duringRun) << "the run reported no progress";
+
+  const auto sets = registry.load().sets;
+  EXPECT_EQ(sets[0].lastSuccessAt, now);
+  EXPECT_EQ(sets[1].lastSuccessAt, notDue.lastSuccessAt);
+  EXPECT_EQ(listings, 1);
+  EXPECT_EQ(LastTick::read(root)->result, "Ran 1 backup. ");
+  const auto last = LastRun::read(sets[0].location(root));
+  ASSERT_TRUE(last);
+  EXPECT_EQ(last->kind, "full");
+  EXPECT_EQ(last->records, 30);
+  EXPECT_TRUE(told.empty());
+
+  // The next hour's tick takes the changes only.
+  now += 1h;
+  ASSERT_EQ(HeadlessBackup::run(environment()), 0);
+  EXPECT_EQ(LastRun::read(sets[0].location(root))->kind, "changes");
+  EXPECT_EQ(registry.load().sets[0].lastSuccessAt, now);
+}
+
+TEST_F(ScheduledRunTest, BadSetsAreToldOnceAndTheGoodOneStillRuns) {
+  auto unplugged = set(org.username, BackupSchedule::daily(0, 0));
+  unplugged.username = "disk@acme.example";
+  unplugged.rootPath = (home.path() / "Volumes/Archive/Backups").string();
+  auto unwritable = set("proc@acme.example", BackupSchedule::daily(0, 0));
+  unwritable.rootPath = "/proc";  // nobody may create files there, not even root
+  registry.save({set("gone@acme.example", BackupSchedule::daily(0, 0)), unplugged, unwritable,
+                 set(org.username, BackupSchedule::daily(0, 0))});
+
+  ASSERT_EQ(HeadlessBackup::run(environment()), 0);
+  const auto summary = LastTick::read(root)->result;
+  EXPECT_EQ(summary.rfind("Ran 1 backup. ", 0), 0u) << summary;
+  EXPECT_THAT(summary, HasSubstr("The backup of gone@acme.example did not finish: The login "
+                                 "gone@acme.example is no longer known to the Salesforce CLI"));
+  EXPECT_THAT(summary, HasSubstr("The backup of disk@acme.example did not finish: The disk this "
+                                 "backup is kept on, Archive, is not connected."));
+  EXPECT_THAT(summary, HasSubstr("The backup of proc@acme.example did not finish: Corvane cannot "
+                                 "write to its backup folder"));
+  EXPECT_TRUE(registry.load().sets[3].lastSuccessAt);
+  EXPECT_FALSE(std::filesystem::exists(home.path() / "Volumes/Archive"));
+  ASSERT_EQ(told.size(), 3u);
+  EXPECT_THAT(told[0], HasSubstr("gone@acme.example"));
+
+  // An hour later the same sets are still due and still stuck: nothing is told again.
+  now += 1h;
+  ASSERT_EQ(HeadlessBackup::run(environment()), 0);
+  EXPECT_EQ(told.size(), 3u);
+  EXPECT_THAT(LastTick::read(root)->result, HasSubstr("Ran 0 backups. The backup of gone@"));
+}
+
+TEST_F(ScheduledRunTest, CorruptSetsRunNothingAndTheNextChangeKeepsThemAside) {
+  Durable::replace(registry.fileURL(), "{\"format\": 1, \"sets\": [{\"orgKey\": ");
+  ASSERT_EQ(HeadlessBackup::run(environment()), 0);
+  EXPECT_EQ(listings, 0);
+  EXPECT_FALSE(std::filesystem::exists(root / "00D000000000001AAA"));
+  EXPECT_THAT(LastTick::read(root)->result, HasSubstr("could not be read, so nothing was run"));
+
+  registry.upsert(set(org.username, BackupSchedule::hourly()));
+  std::vector<std::filesystem::path> aside;
+  for (const auto& entry : std::filesystem::directory_iterator(home.path()))
+    if (entry.path().filename().string().rfind("backup-sets-unreadable-", 0) == 0)
+      aside.push_back(entry.path());
+  ASSERT_EQ(aside.size(), 1u);
+  EXPECT_EQ(aside[0].filename().string().find(':'), std::string::npos);
+  EXPECT_EQ(*Durable::readWhole(aside[0]), "{\"format\": 1, \"sets\": [{\"orgKey\": ");
+  EXPECT_EQ(registry.load().sets.size(), 1u);
 }
 
 }  // namespace
