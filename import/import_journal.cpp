@@ -46,7 +46,8 @@ ImportJournal::ImportJournal(const std::filesystem::path& path) {
       "object TEXT, operation TEXT, source TEXT, started_at TEXT, finished_at TEXT);"
       "CREATE INDEX IF NOT EXISTS runs_key ON runs(key);"
       "CREATE TABLE IF NOT EXISTS batches(run_id INTEGER NOT NULL, number INTEGER NOT NULL, "
-      "rows TEXT NOT NULL, state TEXT NOT NULL, sent_at TEXT, PRIMARY KEY(run_id, number));"
+      "rows TEXT NOT NULL, state TEXT NOT NULL, sent_at TEXT, job_id TEXT, "
+      "PRIMARY KEY(run_id, number));"
       "CREATE TABLE IF NOT EXISTS outcomes(run_id INTEGER NOT NULL, row INTEGER NOT NULL, "
       "batch INTEGER NOT NULL, success INTEGER NOT NULL, record_id TEXT, message TEXT, "
       "created INTEGER NOT NULL DEFAULT 0, PRIMARY KEY(run_id, row));");
@@ -74,7 +75,7 @@ ImportJournal::Run ImportJournal::begin(const std::string& key, const std::strin
 
 std::vector<JournalBatch> ImportJournal::batches(std::int64_t run) const {
   Statement select = db_->prepare(
-      "SELECT number, rows, state, sent_at FROM batches WHERE run_id = ? ORDER BY number");
+      "SELECT number, rows, state, sent_at, job_id FROM batches WHERE run_id = ? ORDER BY number");
   select.bindInt(1, run);
   std::vector<JournalBatch> list;
   while (select.step()) {
@@ -84,6 +85,7 @@ std::vector<JournalBatch> ImportJournal::batches(std::int64_t run) const {
     batch.state =
         select.columnView(2) == "done" ? JournalBatch::State::done : JournalBatch::State::sent;
     batch.sentAt = select.columnOptionalText(3).value_or("");
+    batch.jobId = select.columnOptionalText(4).value_or("");
     list.push_back(std::move(batch));
   }
   return list;
@@ -91,11 +93,11 @@ std::vector<JournalBatch> ImportJournal::batches(std::int64_t run) const {
 
 void ImportJournal::recordSending(std::int64_t run, const JournalBatch& batch) {
   Statement insert = db_->prepare(
-      "INSERT INTO batches(run_id, number, rows, state, sent_at) VALUES(?,?,?,'sent',?) "
+      "INSERT INTO batches(run_id, number, rows, state, sent_at, job_id) VALUES(?,?,?,'sent',?,?) "
       "ON CONFLICT(run_id, number) DO UPDATE SET rows = excluded.rows, state = 'sent', "
-      "sent_at = excluded.sent_at");
+      "sent_at = excluded.sent_at, job_id = excluded.job_id");
   insert.bindInt(1, run).bindInt(2, batch.number).bindText(3, joinRows(batch.rows));
-  insert.bindText(4, batch.sentAt).run();
+  insert.bindText(4, batch.sentAt).bindText(5, batch.jobId).run();
 }
 
 void ImportJournal::recordOutcome(std::int64_t run, int batch,

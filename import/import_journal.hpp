@@ -41,6 +41,7 @@ struct JournalBatch {
   std::vector<std::size_t> rows;  // grid data rows, in the order sent
   State state = State::sent;
   std::string sentAt;  // ISO 8601, UTC
+  std::string jobId;   // the Bulk API ingest job that carries the rows; empty for collections
 
   bool operator==(const JournalBatch&) const = default;
 };

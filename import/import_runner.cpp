@@ -1,8 +1,8 @@
 #include "import/import_runner.hpp"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 #include <openssl/evp.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -10,9 +10,11 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <thread>
 
 #include "backup/api_allowance.hpp"
 #include "backup/server_time.hpp"
+#include "import/bulk_ingest_client.hpp"
 #include "import/sobject_collections.hpp"
 #include "platform/iso_time.hpp"
 
@@ -70,8 +72,7 @@ std::string jsonText(const nlohmann::json& value) {
 }
 
 bool comparableType(const std::string& type) {
-  return type != "base64" && type != "address" && type != "location" &&
-         type != "encryptedstring";
+  return type != "base64" && type != "address" && type != "location" && type != "encryptedstring";
 }
 
 std::string sha256(const std::string& text) {
@@ -115,7 +116,8 @@ class Run {
     }
 
     ApiAllowance allowance = call([&] { return ApiAllowance::ready(transport_); });
-    if (allowance.serverDate) clockOffset_ = *allowance.serverDate - std::chrono::system_clock::now();
+    if (allowance.serverDate)
+      clockOffset_ = *allowance.serverDate - std::chrono::system_clock::now();
 
     std::vector<JournalBatch> batches = journal_.batches(run_);
     for (const auto& batch : batches) nextBatch_ = std::max(nextBatch_, batch.number + 1);
@@ -132,22 +134,35 @@ class Run {
         std::clamp<std::size_t>(options_.batchSize, 1, SObjectCollections::kMaxRecords);
     auto needed = static_cast<std::int64_t>((pending.size() + size - 1) / size);
     std::int64_t left = allowance.headroom(options_.allowanceFloor);
-    if (needed > left) throw ImportRunError::allowance(needed, left);
     report();
 
+    bool bulk = pending.size() > options_.bulkThreshold;
+    if (bulk) size = std::max<std::size_t>(options_.bulkJobRows, 1);
+    if (bulk) needed = static_cast<std::int64_t>((pending.size() + size - 1) / size) * 8;
+    if (needed > left) throw ImportRunError::allowance(needed, left);
     for (std::size_t at = 0; at < pending.size(); at += size) {
-      std::vector<std::size_t> rows(pending.begin() + static_cast<std::ptrdiff_t>(at),
-                                    pending.begin() + static_cast<std::ptrdiff_t>(
-                                                          std::min(at + size, pending.size())));
-      sendBatch(std::move(rows));
+      std::vector<std::size_t> rows(
+          pending.begin() + static_cast<std::ptrdiff_t>(at),
+          pending.begin() + static_cast<std::ptrdiff_t>(std::min(at + size, pending.size())));
+      if (bulk) {
+        sendJob(std::move(rows));
+      } else {
+        sendBatch(std::move(rows));
+      }
     }
     // Rows a settled batch found unwritten are sent after the rest.
     while (!retry_.empty()) {
       std::vector<std::size_t> rows;
       rows.swap(retry_);
       for (std::size_t at = 0; at < rows.size(); at += size) {
-        sendBatch({rows.begin() + static_cast<std::ptrdiff_t>(at),
-                   rows.begin() + static_cast<std::ptrdiff_t>(std::min(at + size, rows.size()))});
+        std::vector<std::size_t> part(
+            rows.begin() + static_cast<std::ptrdiff_t>(at),
+            rows.begin() + static_cast<std::ptrdiff_t>(std::min(at + size, rows.size())));
+        if (bulk) {
+          sendJob(std::move(part));
+        } else {
+          sendBatch(std::move(part));
+        }
       }
     }
     journal_.finish(run_, IsoTime::formatPlain(std::chrono::system_clock::now()));
@@ -217,8 +232,8 @@ class Run {
 
   void sendBatch(std::vector<std::size_t> rows) {
     if (cancelled_ && cancelled_()) throw ImportRunError::cancelled(known_.size(), toWrite_);
-    JournalBatch batch{nextBatch_++, rows, JournalBatch::State::sent,
-                       IsoTime::formatFractional(orgNow())};
+    JournalBatch batch{
+        nextBatch_++, rows, JournalBatch::State::sent, IsoTime::formatFractional(orgNow()), {}};
     journal_.recordSending(run_, batch);
     SObjectCollections::Request request =
         SObjectCollections::request(plan_, fields_, options_.object, rows);
@@ -254,8 +269,65 @@ class Run {
     report();
   }
 
+  // Writes rows through one Bulk API ingest job and waits for its results.
+  void sendJob(std::vector<std::size_t> rows) {
+    if (cancelled_ && cancelled_()) throw ImportRunError::cancelled(known_.size(), toWrite_);
+    // A job that is created but never recorded stays Open and empty: harmless.
+    BulkIngestClient::JobState job = call(
+        [&] { return BulkIngestClient::create(transport_, options_.object, plan_.operation); });
+    JournalBatch batch{nextBatch_++, rows, JournalBatch::State::sent,
+                       IsoTime::formatFractional(orgNow()), job.id};
+    journal_.recordSending(run_, batch);
+    std::string csv = BulkIngestClient::csv(plan_, rows);
+    call([&] {
+      BulkIngestClient::upload(transport_, job.id, csv);
+      return 0;
+    });
+    call([&] { return BulkIngestClient::setState(transport_, job.id, "UploadComplete"); });
+    finishJob(batch);
+  }
+
+  // Waits for a recorded job to finish and records what became of its rows.
+  void finishJob(const JournalBatch& batch) {
+    BulkIngestClient::JobState job =
+        call([&] { return BulkIngestClient::status(transport_, batch.jobId); });
+    if (job.state == "Open") {
+      // UploadComplete never reached the org: it wrote nothing.
+      call([&] { return BulkIngestClient::setState(transport_, batch.jobId, "Aborted"); });
+      record(batch.number, {});
+      for (std::size_t row : batch.rows) {
+        if (!known_.count(row)) retry_.push_back(row);
+      }
+      return;
+    }
+    while (!job.finished()) {
+      if (cancelled_ && cancelled_()) throw ImportRunError::cancelled(known_.size(), toWrite_);
+      std::this_thread::sleep_for(options_.pollInterval);
+      job = call([&] { return BulkIngestClient::status(transport_, batch.jobId); });
+    }
+    std::vector<RowOutcome> outcomes =
+        call([&] { return BulkIngestClient::results(transport_, batch.jobId, plan_, batch.rows); });
+    ++requests_;  // the results come in two files
+    std::set<std::size_t> answered;
+    for (const auto& outcome : outcomes) answered.insert(outcome.row);
+    std::string reason = job.errorMessage.empty()
+                             ? std::string("Salesforce reported nothing for this row.")
+                             : "The Bulk API job failed: " + job.errorMessage;
+    for (std::size_t row : batch.rows) {
+      if (!answered.count(row)) outcomes.push_back({row, false, {}, reason, false});
+    }
+    record(batch.number, std::move(outcomes));
+    report();
+  }
+
   // Learns from the org what became of a batch whose reply never arrived.
   void settle(const JournalBatch& batch) {
+    if (!batch.jobId.empty()) return finishJob(batch);
+    if (auto sent = IsoTime::parseFractional(batch.sentAt)) {
+      SystemTime ready = *sent + options_.settleDelay;
+      SystemTime now = orgNow();
+      if (now < ready) std::this_thread::sleep_for(ready - now);
+    }
     std::vector<RowOutcome> found;
     if (plan_.operation.kind == Kind::insert) {
       found = findCreated(batch);
@@ -296,7 +368,8 @@ class Run {
     std::vector<std::pair<std::size_t, std::string>> compared;  // plan index, type
     for (std::size_t index = 0; index < plan_.fields.size(); ++index) {
       const ImportField* field = fieldNamed(plan_.fields[index], fields_);
-      if (field != nullptr && comparableType(field->type)) compared.emplace_back(index, field->type);
+      if (field != nullptr && comparableType(field->type))
+        compared.emplace_back(index, field->type);
     }
     auto keyOfRow = [&](std::size_t row) {
       std::string key;

@@ -1,8 +1,12 @@
 // Writes an import plan's rows to the org, never a row twice and none lost.
 //
-// Rows go out in sObject collections of up to 200 (allOrNone=false), each
-// batch recorded in the journal before its request leaves and its outcome per
-// row after the reply has been read. A run stopped anywhere (Ctrl-C, crash,
+// Rows go out in sObject collections of up to 200 (allOrNone=false), or for
+// large imports (Options::bulkThreshold) in Bulk API 2.0 ingest jobs, each
+// batch or job recorded in the journal before its request leaves and its
+// outcome per row after the reply has been read. A job left behind by a
+// stopped run is found again by its id: the next run waits for it to finish
+// and reads its results (an Open job, whose rows the org never took, is
+// aborted and its rows sent again). A run stopped anywhere (Ctrl-C, crash,
 // sign-out, lost network) and started again with the same file and choices
 // finds its journal entry and goes on after the last batch whose outcome is
 // known. A batch whose request left without a readable reply is settled
@@ -19,6 +23,7 @@
 // check is asked before every request. Not thread-safe.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -89,6 +94,16 @@ class ImportRunner {
     // How often a run settles a batch of unknown outcome itself and goes on,
     // before it stops and leaves that to the next run.
     int recoveries = 3;
+    // More rows than this to write go through Bulk API ingest jobs instead of
+    // collections: above it a job spends fewer API requests (create, upload,
+    // close, a few polls, two result files) than batches of 200 would.
+    std::size_t bulkThreshold = 2000;
+    std::size_t bulkJobRows = 10000;  // rows per ingest job
+    std::chrono::milliseconds pollInterval{1000};
+    // A request whose reply was lost may still be at work in the org: a batch
+    // is checked no sooner than this after it left, so that what it writes
+    // is seen and not sent again.
+    std::chrono::milliseconds settleDelay{10'000};
   };
 
   ImportRunner(DedupeTransport& transport, ImportJournal& journal, Options options);

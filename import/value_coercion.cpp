@@ -348,8 +348,11 @@ Coerced dateTime(std::string_view cell, std::string_view text, const CoercionOpt
     while (index < text.size() && text[index] == ' ') ++index;
     if (!readZone(text, index, zone)) return fail(Kind::notDateTime, cell);
   }
-  long long seconds = daysFromCivil(civil) * 86400 + time.hour * 3600 + time.minute * 60 +
-                      time.second - 60LL * zone.value_or(options.utcOffsetMinutes);
+  long long wall = daysFromCivil(civil) * 86400 + time.hour * 3600 + time.minute * 60 + time.second;
+  if (!zone) {
+    zone = options.timeZone ? options.timeZone->offsetMinutes(wall) : options.utcOffsetMinutes;
+  }
+  long long seconds = wall - 60LL * *zone;
   long long days = seconds >= 0 ? seconds / 86400 : (seconds - 86399) / 86400;
   long long rest = seconds - days * 86400;
   Civil utc = civilFromDays(days);

@@ -8,11 +8,13 @@
 // only required fields complain about it, which is the planner's business.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "import/import_fields.hpp"
+#include "import/named_time_zone.hpp"
 
 namespace corvane {
 
@@ -22,6 +24,9 @@ enum class DateOrder { dmy, mdy, ymd };
 struct CoercionOptions {
   std::optional<DateOrder> dateOrder;  // absent: only ISO dates are accepted
   int utcOffsetMinutes = 0;            // the zone of date-times written without one
+  // A named zone for them instead (its offset depends on the date); wins
+  // over utcOffsetMinutes when set.
+  std::shared_ptr<const NamedTimeZone> timeZone;
 };
 
 // What is wrong with one value. The sentence is built by sentence(), never at

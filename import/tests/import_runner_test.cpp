@@ -27,7 +27,9 @@ class CrashingTransport : public DedupeTransport {
   std::string send(const std::string& method, const std::string& path, const QueryItems& query,
                    const std::optional<std::string>& body) override {
     std::string reply = inner_.send(method, path, query, body);
-    if (path.starts_with("composite/") && ++writes_ == crashAfterWrite) throw Crash{};
+    bool write =
+        path.starts_with("composite/") || (path.starts_with("jobs/ingest/") && method == "PATCH");
+    if (write && ++writes_ == crashAfterWrite) throw Crash{};
     return reply;
   }
   std::pair<std::string, ResponseHeaders> getRaw(const std::string& path, const QueryItems& query,
@@ -53,8 +55,8 @@ class ImportRunnerTest : public orgsim::testing::ServerFixture {
   void SetUp() override {
     ServerFixture::SetUp();
     api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
+      return SalesforceAPI::Session{
+          orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
     });
     org_.username = store().identity().adminUsername;
     transport_ = std::make_unique<DedupeAPITransport>(*api_, org_);
@@ -69,9 +71,14 @@ class ImportRunnerTest : public orgsim::testing::ServerFixture {
   }
 
   ImportRunSummary run(const ImportPlan& plan, DedupeTransport& transport,
-                       std::size_t batchSize = 2) {
+                       std::size_t batchSize = 2, const std::string& object = "Account") {
     ImportJournal journal(journalPath_);
-    ImportRunner runner(transport, journal, {"admin", "Account", "accounts.csv", batchSize});
+    ImportRunner::Options options{"admin", object, "accounts.csv", batchSize};
+    options.bulkThreshold = bulkThreshold_;
+    options.bulkJobRows = 3;
+    options.pollInterval = std::chrono::milliseconds(5);
+    options.settleDelay = std::chrono::milliseconds(0);
+    ImportRunner runner(transport, journal, options);
     return runner.run(plan, fields_, [this](const ImportProgress& p) { progress_.push_back(p); });
   }
 
@@ -89,6 +96,7 @@ class ImportRunnerTest : public orgsim::testing::ServerFixture {
   std::vector<ImportField> fields_;
   std::filesystem::path journalPath_;
   std::vector<ImportProgress> progress_;
+  std::size_t bulkThreshold_ = 2000;
 };
 
 TEST_F(ImportRunnerTest, InsertsInBatchesAndReportsEachRowsOutcome) {
@@ -128,11 +136,10 @@ TEST_F(ImportRunnerTest, InsertsInBatchesAndReportsEachRowsOutcome) {
 }
 
 TEST_F(ImportRunnerTest, AReplyLostAfterTheOrgWroteTheBatchIsSettledWithoutDuplicates) {
-  admin("faults", {{"path", "/services/data/*/composite/sobjects"},
-                   {"fault", "drop"},
-                   {"count", 1}});
-  ImportRunSummary summary = run(plan("Name,Website\nOne,a.example\nOne,a.example\nTwo,\n"),
-                                 *transport_);
+  admin("faults",
+        {{"path", "/services/data/*/composite/sobjects"}, {"fault", "drop"}, {"count", 1}});
+  ImportRunSummary summary =
+      run(plan("Name,Website\nOne,a.example\nOne,a.example\nTwo,\n"), *transport_);
   EXPECT_EQ(summary.created, 3u);
   EXPECT_EQ(summary.failed, 0u);
   std::map<std::string, int> names = accountsByName();
@@ -180,6 +187,50 @@ TEST_F(ImportRunnerTest, UpdatesAndDeletesResumeToo) {
   EXPECT_EQ(query("SELECT Id FROM Account")["totalSize"], 0);
 }
 
+TEST_F(ImportRunnerTest, UpsertsCreateThenUpdateByExternalId) {
+  fields_ =
+      ImportFields::fromDescribe(getJson("/services/data/v62.0/sobjects/Invoice__c/describe"));
+  std::string op = "upsert:invoice_number__c";
+  ImportRunSummary first =
+      run(plan("Invoice Number,Invoice Name,Amount\nINV-1,First,10\nINV-2,Second,20\n", op),
+          *transport_, 200, "Invoice__c");
+  EXPECT_EQ(first.created, 2u);
+  ImportRunSummary second =
+      run(plan("Invoice Number,Invoice Name,Amount\ninv-1,First again,11\nINV-3,Third,30\n", op),
+          *transport_, 200, "Invoice__c");
+  EXPECT_EQ(second.created, 1u);
+  EXPECT_EQ(second.changed, 1u);
+  EXPECT_EQ(second.outcomes[0].recordId, first.outcomes[0].recordId);
+  nlohmann::json invoices =
+      query("SELECT Name, Amount__c FROM Invoice__c WHERE Invoice_Number__c = 'INV-1'");
+  EXPECT_EQ(invoices["totalSize"], 1);
+  EXPECT_EQ(invoices["records"][0]["Name"], "First again");
+}
+
+TEST_F(ImportRunnerTest, LargeImportsGoThroughBulkJobsThatAResumedRunFindsAgain) {
+  bulkThreshold_ = 2;
+  for (auto& field : fields_) {
+    if (field.name == "Name") field.length = 1000;
+  }
+  ImportPlan accounts = plan("Name,Description\nB1,x\nB2,\"a, \"\"quoted\"\" one\"\nB1,x\n" +
+                             std::string(300, 'y') + ",\nB5,\nB6,\nB7,\n");
+  CrashingTransport crashing(*transport_);
+  crashing.crashAfterWrite = 2;  // the second job is closed, its results never read
+  EXPECT_THROW(run(accounts, crashing), Crash);
+
+  ImportRunSummary summary = run(accounts, *transport_);
+  EXPECT_TRUE(summary.resumed);
+  EXPECT_EQ(summary.created, 6u);
+  EXPECT_EQ(summary.failed, 1u);
+  EXPECT_THAT(summary.outcomes[3].message, HasSubstr("STRING_TOO_LONG"));
+  EXPECT_EQ(summary.outcomes[1].recordId.substr(0, 3), "001");
+  std::map<std::string, int> names = accountsByName();
+  EXPECT_EQ(names["B1"], 2);
+  EXPECT_EQ(names["B5"], 1);
+  EXPECT_EQ(names["B7"], 1);
+  EXPECT_EQ(names.size(), 5u);
+}
+
 TEST_F(ImportRunnerTest, StopsWithASentenceWhenTheAllowanceOrTheSessionRunsOut) {
   ImportPlan accounts = plan("Name\nA\nB\nC\n");
   admin("settings", {{"dailyApiMax", 20}, {"dailyApiUsedOffset", 17}});
@@ -193,8 +244,8 @@ TEST_F(ImportRunnerTest, StopsWithASentenceWhenTheAllowanceOrTheSessionRunsOut) 
   EXPECT_EQ(query("SELECT Id FROM Account")["totalSize"], 0);
   admin("settings", {{"dailyApiMax", 15000}, {"dailyApiUsedOffset", 0}});
 
-  admin("faults", {{"path", "/services/data/*/composite/sobjects"}, {"fault", "503"},
-                   {"count", 10}});
+  admin("faults",
+        {{"path", "/services/data/*/composite/sobjects"}, {"fault", "503"}, {"count", 10}});
   try {
     run(accounts, *transport_);
     ADD_FAILURE() << "the run went ahead";

@@ -82,20 +82,22 @@ TEST(ValueCoercion, DatesAreISOOrFollowTheNamedOrder) {
   EXPECT_EQ(problem("2024-03-01 13:00:00", day), Kind::notDate);
   EXPECT_EQ(problem("2023-02-29", day), Kind::notDate);
   EXPECT_EQ(problem("03/04/2024", day), Kind::ambiguousDate);
-  EXPECT_EQ(value("03/04/2024", day, {DateOrder::dmy, 0}), "2024-04-03");
-  EXPECT_EQ(value("03/04/2024", day, {DateOrder::mdy, 0}), "2024-03-04");
-  EXPECT_EQ(value("1.2.29", day, {DateOrder::dmy, 0}), "2029-02-01");
-  EXPECT_EQ(value("1.2.30", day, {DateOrder::dmy, 0}), "1930-02-01");
-  EXPECT_EQ(problem("31/02/2024", day, {DateOrder::dmy, 0}), Kind::notDate);
-  EXPECT_EQ(problem("03/04-2024", day, {DateOrder::dmy, 0}), Kind::notDate);
+  EXPECT_EQ(value("03/04/2024", day, {DateOrder::dmy, 0, nullptr}), "2024-04-03");
+  EXPECT_EQ(value("03/04/2024", day, {DateOrder::mdy, 0, nullptr}), "2024-03-04");
+  EXPECT_EQ(value("1.2.29", day, {DateOrder::dmy, 0, nullptr}), "2029-02-01");
+  EXPECT_EQ(value("1.2.30", day, {DateOrder::dmy, 0, nullptr}), "1930-02-01");
+  EXPECT_EQ(problem("31/02/2024", day, {DateOrder::dmy, 0, nullptr}), Kind::notDate);
+  EXPECT_EQ(problem("03/04-2024", day, {DateOrder::dmy, 0, nullptr}), Kind::notDate);
 }
 
 TEST(ValueCoercion, DateTimesBecomeUTCFromTheirOwnOrTheChosenZone) {
   ImportField when = field("datetime");
   EXPECT_EQ(value("2024-03-31 14:30", when), "2024-03-31T14:30:00.000Z");
   EXPECT_EQ(value("2024-03-31T14:30:05.25+02:00", when), "2024-03-31T12:30:05.250Z");
-  EXPECT_EQ(value("2024-01-01 00:30:00", when, {std::nullopt, 60}), "2023-12-31T23:30:00.000Z");
-  EXPECT_EQ(value("12/31/2024 11:45 PM", when, {DateOrder::mdy, -300}), "2025-01-01T04:45:00.000Z");
+  EXPECT_EQ(value("2024-01-01 00:30:00", when, {std::nullopt, 60, nullptr}),
+            "2023-12-31T23:30:00.000Z");
+  EXPECT_EQ(value("12/31/2024 11:45 PM", when, {DateOrder::mdy, -300, nullptr}),
+            "2025-01-01T04:45:00.000Z");
   EXPECT_EQ(value("2024-03-31", when), "2024-03-31T00:00:00.000Z");
   EXPECT_EQ(problem("2024-03-31 25:00", when), Kind::notDateTime);
   EXPECT_EQ(problem("2024-03-31 10:00 CEST", when), Kind::notDateTime);

@@ -314,6 +314,64 @@ void markDeleted(Database& db, const ObjectDef& object, const std::string& id,
 
 }  // namespace
 
+SaveResult upsert(OrgStore& store, const ObjectDef& object, const FieldDef& key,
+                  const std::string& value, nlohmann::json fields, const std::string& userId,
+                  bool dryRun) {
+  if (!key.externalId && key.name != "Id") {
+    return failed(error("INVALID_FIELD", "Field " + key.name +
+                                             " is not an external id field and cannot be used "
+                                             "for upsert.",
+                        {key.name}));
+  }
+  if (!fields.is_object()) return failed(error("JSON_PARSER_ERROR", "The body must be a JSON object."));
+  for (auto it = fields.begin(); it != fields.end();) {
+    if (it.key() == key.name || (it.key().size() == key.name.size() &&
+                                 std::equal(it.key().begin(), it.key().end(), key.name.begin(),
+                                            [](char a, char b) {
+                                              return std::tolower(static_cast<unsigned char>(a)) ==
+                                                     std::tolower(static_cast<unsigned char>(b));
+                                            }))) {
+      auto given = jsonText(*it);
+      if (given && *given != value) {
+        return failed(error("INVALID_FIELD",
+                            "The value of " + key.name + " in the body differs from the one in "
+                            "the request.",
+                            {key.name}));
+      }
+      it = fields.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  std::vector<std::string> matches;
+  {
+    auto lease = store.read();
+    std::string sql = "SELECT \"Id\" FROM " + quoteIdentifier(object.name) + " WHERE " +
+                      quoteIdentifier(key.name) + " = ? COLLATE NOCASE";
+    if (object.has("IsDeleted")) sql += " AND \"IsDeleted\" = 'false'";
+    auto statement = lease->prepare(sql + " LIMIT 2");
+    statement.bind(1, value);
+    while (statement.step()) matches.emplace_back(statement.text(0));
+  }
+  if (matches.size() > 1) {
+    return failed(error("MULTIPLE_CHOICES",
+                        "More than one record found for external id field " + key.name + ": " +
+                            value),
+                  300);
+  }
+  if (matches.empty()) {
+    if (key.name == "Id") return notFound();
+    fields[key.name] = value;
+    SaveResult result = create(store, object, fields, userId, dryRun);
+    result.created = result.success;
+    return result;
+  }
+  SaveResult result = update(store, object, matches.front(), fields, userId, false, dryRun);
+  if (result.success && result.id.empty()) result.id = matches.front();
+  if (result.success) result.httpStatus = 200;
+  return result;
+}
+
 SaveResult remove(OrgStore& store, std::string_view rawId, const std::string& userId, bool dryRun) {
   auto id = RecordIds::normalize(rawId);
   const ObjectDef* object = id ? Schema::objectForId(*id) : nullptr;

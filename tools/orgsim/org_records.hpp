@@ -37,6 +37,7 @@ struct SaveResult {
   std::vector<RecordError> errors;
   // HTTP status a single-record REST call answers with when this failed.
   int httpStatus = 400;
+  bool created = false;  // an upsert made a new record
 };
 
 struct MergeRequest {
@@ -81,6 +82,14 @@ SaveResult create(OrgStore& store, const ObjectDef& object, const nlohmann::json
 // stored fields may be set too, and given timestamps are kept.
 SaveResult update(OrgStore& store, const ObjectDef& object, std::string_view id,
                   const nlohmann::json& fields, const std::string& userId, bool force = false,
+                  bool dryRun = false);
+
+// Salesforce's upsert: the live records whose external id field `key` holds
+// `value` (letter case ignored, as for text external ids) decide: none, a new
+// record with the key set (created); one, that record updated; more,
+// MULTIPLE_CHOICES (HTTP 300). `fields` may repeat the key with the same value.
+SaveResult upsert(OrgStore& store, const ObjectDef& object, const FieldDef& key,
+                  const std::string& value, nlohmann::json fields, const std::string& userId,
                   bool dryRun = false);
 
 // Moves a record to the Recycle Bin (IsDeleted, deletion date, deletion log).

@@ -671,6 +671,12 @@ std::vector<ObjectDef> buildCatalog() {
   {
     std::vector<FieldDef> f;
     f.push_back(F("Name", "Invoice Name", T::String).len(80).name());
+    {
+      // The external id that imports upsert by.
+      FieldDef number = F("Invoice_Number__c", "Invoice Number", T::String).len(20).unique();
+      number.externalId = true;
+      f.push_back(std::move(number));
+    }
     f.push_back(F("Account__c", "Account", T::Reference).ref({"Account"}, "Account__r"));
     f.push_back(F("Amount__c", "Amount", T::Currency).num(16, 2));
     f.push_back(F("Tax_Rate__c", "Tax Rate", T::Percent).num(5, 2));

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <regex>
 
+#include "tools/orgsim/bulk_ingest.hpp"
 #include "tools/orgsim/bulk_jobs.hpp"
 #include "tools/orgsim/database.hpp"
 #include "tools/orgsim/describe.hpp"
@@ -164,11 +165,13 @@ struct OrgServer::Impl {
   ServerOptions options;
   httplib::Server http;
   BulkJobs jobs;
+  BulkIngest ingest;
   std::mutex cursorMutex;  // guards cursors and cursorAge
   std::map<std::string, Cursor> cursors;
   std::list<std::string> cursorAge;  // most recently used first
 
-  Impl(OrgStore& s, ServerOptions o) : store(s), options(std::move(o)), jobs(s) {}
+  Impl(OrgStore& s, ServerOptions o)
+      : store(s), options(std::move(o)), jobs(s), ingest(s, s.folder() / "ingest") {}
 
   // ------------------------------------------------------------------ helpers
 
@@ -568,7 +571,17 @@ struct OrgServer::Impl {
     if (head == "composite" && parts.size() == 2 && parts[1] == "sobjects") {
       return composite(ex);
     }
+    if (head == "composite" && parts.size() == 4 && parts[1] == "sobjects" && method == "PATCH") {
+      // Upsert by external id: composite/sobjects/{Object}/{ExternalIdField}.
+      const ObjectDef* object = Schema::object(parts[2]);
+      const FieldDef* key = object ? object->field(parts[3]) : nullptr;
+      if (key == nullptr) return notFound(ex);
+      return composite(ex, key);
+    }
     if (head == "jobs" && parts.size() >= 2 && parts[1] == "query") return bulk(ex, version, parts);
+    if (head == "jobs" && parts.size() >= 2 && parts[1] == "ingest") {
+      return bulkIngest(ex, version, parts);
+    }
     notFound(ex);
   }
 
@@ -604,6 +617,20 @@ struct OrgServer::Impl {
       return getDeleted(ex, *object);
     }
     if (parts.size() == 4 && method == "GET") return body(ex, *object, third, parts[3]);
+    if (parts.size() == 4 && method == "PATCH") {
+      // Upsert of one record: sobjects/{Object}/{ExternalIdField}/{value}.
+      const FieldDef* key = object->field(third);
+      if (key == nullptr) return notFound(ex);
+      Json body = Json::parse(ex.req.body, nullptr, false);
+      if (body.is_discarded()) {
+        return sendError(ex, 400, "JSON_PARSER_ERROR", "The request body is not valid JSON.");
+      }
+      SaveResult result = OrgRecords::upsert(store, *object, *key, parts[3], body, ex.userId);
+      if (!result.success) return sendRecordErrors(ex, result);
+      OrderedJson json = OrderedJson::parse(saveResultJson(result));
+      json["created"] = result.created;
+      return sendJson(ex, result.created ? 201 : 200, json.dump());
+    }
     if (parts.size() != 3) return notFound(ex);
     if (method == "GET") return getRecord(ex, version, *object, third);
     if (method == "PATCH") {
@@ -1010,7 +1037,8 @@ struct OrgServer::Impl {
 
   // ---- composite
 
-  void composite(Exchange& ex) {
+  // sObject Collections; with upsertKey, the upsert form (PATCH by external id).
+  void composite(Exchange& ex, const FieldDef* upsertKey = nullptr) {
     const std::string& method = ex.req.method;
     bool allOrNone = false;
     std::vector<std::function<SaveResult(bool dryRun)>> operations;
@@ -1049,6 +1077,32 @@ struct OrgServer::Impl {
           }
         }
         bool create = method == "POST";
+        if (upsertKey != nullptr) {
+          std::optional<std::string> value;
+          for (const auto& [name, item] : fields.items()) {
+            if (Schema::object(type) != nullptr && Schema::object(type)->field(name) == upsertKey &&
+                item.is_string()) {
+              value = item.get<std::string>();
+            }
+          }
+          operations.push_back([this, type, fields, value, upsertKey, &ex](bool dryRun) {
+            const ObjectDef* object = Schema::object(type);
+            SaveResult result;
+            if (object == nullptr) {
+              result.errors.push_back(
+                  {"INVALID_TYPE", "sObject type '" + type + "' is not supported.", {}});
+            } else if (!value || value->empty()) {
+              result.errors.push_back({"MISSING_ARGUMENT",
+                                       upsertKey->name + " not specified",
+                                       {upsertKey->name}});
+            } else {
+              result = OrgRecords::upsert(store, *object, *upsertKey, *value, fields, ex.userId,
+                                          dryRun);
+            }
+            return result;
+          });
+          continue;
+        }
         operations.push_back([this, type, fields, id, create, &ex](bool dryRun) {
           const ObjectDef* object = Schema::object(type);
           if (object == nullptr && !create) object = Schema::objectForId(id);
@@ -1097,9 +1151,78 @@ struct OrgServer::Impl {
     std::string out = "[";
     for (std::size_t i = 0; i < results.size(); ++i) {
       if (i > 0) out += ',';
-      out += saveResultJson(results[i]);
+      if (upsertKey == nullptr) {
+        out += saveResultJson(results[i]);
+      } else {
+        OrderedJson json = OrderedJson::parse(saveResultJson(results[i]));
+        json["created"] = results[i].created;
+        out += json.dump();
+      }
     }
     sendJson(ex, 200, out + "]");
+  }
+
+  // ---- Bulk API 2.0 ingest jobs
+
+  void bulkIngest(Exchange& ex, const std::string& version, const std::vector<std::string>& parts) {
+    const std::string& method = ex.req.method;
+    auto answer = [&](const std::variant<IngestJobInfo, BulkError>& outcome, int status) {
+      if (const auto* e = std::get_if<BulkError>(&outcome)) {
+        return sendError(ex, e->status, e->errorCode, e->message);
+      }
+      sendJson(ex, status, std::get<IngestJobInfo>(outcome).toJson().dump());
+    };
+    if (parts.size() == 2) {
+      if (method == "POST") {
+        Json body = Json::parse(ex.req.body, nullptr, false);
+        return answer(ingest.create(body, version, ex.userId), 200);
+      }
+      if (method != "GET") return notFound(ex);
+      Json records = Json::array();
+      for (const auto& job : ingest.list()) records.push_back(job.toJson());
+      return sendJson(ex, 200, Json{{"done", true}, {"records", records},
+                                    {"nextRecordsUrl", nullptr}}.dump());
+    }
+    const std::string& id = parts[2];
+    if (parts.size() == 3) {
+      if (method == "GET") {
+        auto job = ingest.get(id);
+        if (!job) return notFound(ex);
+        return sendJson(ex, 200, job->toJson().dump());
+      }
+      if (method == "PATCH") {
+        Json body = Json::parse(ex.req.body, nullptr, false);
+        std::string state = body.is_object() ? body.value("state", "") : std::string();
+        return answer(ingest.setState(id, state, ex.userId, ex.path), 200);
+      }
+      if (method == "DELETE") {
+        auto outcome = ingest.remove(id);
+        if (const auto* e = std::get_if<BulkError>(&outcome)) {
+          return sendError(ex, e->status, e->errorCode, e->message);
+        }
+        ex.res.status = 204;
+        return;
+      }
+      return notFound(ex);
+    }
+    if (parts.size() == 4 && parts[3] == "batches" && method == "PUT") {
+      auto outcome = ingest.upload(id, ex.req.body);
+      if (const auto* e = std::get_if<BulkError>(&outcome)) {
+        return sendError(ex, e->status, e->errorCode, e->message);
+      }
+      ex.res.status = 201;
+      return;
+    }
+    if (parts.size() == 4 && method == "GET") {
+      auto outcome = ingest.results(id, parts[3]);
+      if (const auto* e = std::get_if<BulkError>(&outcome)) {
+        return sendError(ex, e->status, e->errorCode, e->message);
+      }
+      ex.res.status = 200;
+      ex.res.set_content(std::get<std::string>(outcome), "text/csv");
+      return;
+    }
+    notFound(ex);
   }
 
   // ---- Bulk API 2.0
