@@ -11,6 +11,7 @@
 #include "app/command_error.hpp"
 #include "app/complete_command.hpp"
 #include "app/dedupe_command.hpp"
+#include "app/dedupe_workbook_command.hpp"
 #include "app/health_command.hpp"
 #include "app/import_command.hpp"
 #include "app/orgs_command.hpp"
@@ -39,6 +40,7 @@ int main(int argc, char** argv) {
   corvane::BackupKeepingCommand::add(app, context, chosen);
   corvane::ScheduleCommand::add(app, context, chosen);
   corvane::DedupeCommand::add(app, context, chosen);
+  corvane::DedupeWorkbookCommand::add(app, context, chosen);
   corvane::ImportCommand::add(app, context, chosen);
   corvane::HealthCommand::add(app, context, chosen);
 
