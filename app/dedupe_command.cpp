@@ -12,7 +12,10 @@
 #include <nlohmann/json.hpp>
 
 #include "connections/api_transport.hpp"
+#include "dedupe/delete_runner.hpp"
+#include "dedupe/keeper_rules.hpp"
 #include "dedupe/matcher.hpp"
+#include "dedupe/resolution_preflight.hpp"
 #include "dedupe/normalizer.hpp"
 #include "dedupe/record_store.hpp"
 #include "dedupe/snapshot_catalog.hpp"
@@ -64,6 +67,36 @@ DedupeCommandError DedupeCommandError::noLogin() {
   return DedupeCommandError(Kind::noLogin,
                             "This snapshot does not say which login made it. Name one with "
                             "--login to continue it.");
+}
+
+DedupeCommandError DedupeCommandError::badKeeperRule(const std::string& text) {
+  return DedupeCommandError(Kind::badKeeperRule,
+                            "\"" + text + "\" is not a keeper rule. Use oldest, newest, "
+                                          "mostComplete or recentlyUpdated.");
+}
+
+DedupeCommandError DedupeCommandError::badAction(const std::string& text) {
+  return DedupeCommandError(Kind::badAction,
+                            "\"" + text + "\" is not an action. Use merge, deleteLosers, "
+                                          "fillGaps, tag:FIELD or exportOnly.");
+}
+
+DedupeCommandError DedupeCommandError::signedOutPartWay(std::size_t done, std::size_t notDone) {
+  return DedupeCommandError(
+      Kind::signedOutPartWay,
+      fmt::format("Salesforce signed you out part-way: {} change{} {} made, {} {} not. Log in "
+                  "again, then download a fresh copy and apply again to finish.",
+                  done, done == 1 ? "" : "s", done == 1 ? "was" : "were", notDone,
+                  notDone == 1 ? "was" : "were"));
+}
+
+DedupeCommandError DedupeCommandError::notApplied(std::size_t failed, std::size_t unknown) {
+  return DedupeCommandError(
+      Kind::notApplied,
+      fmt::format("{} change{} failed and {} may or may not have gone through; each is listed "
+                  "above. Check those records in Salesforce, then download a fresh copy before "
+                  "trying again.",
+                  failed, failed == 1 ? "" : "s", unknown));
 }
 
 namespace DedupeCommand {
@@ -522,6 +555,332 @@ void exclude(CommandContext& context, const std::filesystem::path& snapshot,
 
 namespace {
 
+struct ResolveSetting {
+  std::shared_ptr<RecordStore> store;
+  SnapshotInfo info;
+  Org org;
+  std::vector<ResolvedGroup> groups;
+  ResolutionPlan plan;
+};
+
+std::map<std::string, std::vector<ResolutionPlanner::WritableField>> writableFields(
+    SalesforceAPI::Client& api, const Org& org, const std::vector<std::string>& objects) {
+  std::map<std::string, std::vector<ResolutionPlanner::WritableField>> out;
+  for (const std::string& object : objects) {
+    nlohmann::json json = api.describe(object, org);
+    auto& fields = out[object];
+    try {
+      for (const auto& field : json.at("fields")) {
+        if (!field.value("updateable", false)) continue;
+        const std::string type = field.value("type", "");
+        fields.push_back({field.at("name").get<std::string>(),
+                          type == "string" || type == "textarea"});
+      }
+    } catch (const nlohmann::json::exception&) {
+      throw DownloadError::unreadableReply();
+    }
+  }
+  return out;
+}
+
+std::string recordText(const SnapshotRecord& record) {
+  return record.name.empty() ? record.sfid : record.sfid + " (" + record.name + ")";
+}
+
+std::string valuesText(const std::map<std::string, std::string>& values) {
+  std::string out;
+  for (const auto& [field, value] : values) {
+    out += (out.empty() ? "" : ", ") + field + " = \"" + value + "\"";
+  }
+  return out;
+}
+
+std::string actionText(const ResolutionAction& action) {
+  switch (action.kind) {
+    case ResolutionAction::Kind::merge: return "merge the other records into the kept one";
+    case ResolutionAction::Kind::deleteLosers: return "delete the other records";
+    case ResolutionAction::Kind::fillGaps:
+      return "fill the kept record's empty fields from the others";
+    case ResolutionAction::Kind::tagLosers:
+      return "write the kept record's Id into " + action.fieldName + " of the others";
+    case ResolutionAction::Kind::exportOnly: return "change nothing";
+  }
+  return "";
+}
+
+ResolveSetting buildPlan(CommandContext& context, SalesforceAPI::Client& api,
+                         const std::filesystem::path& snapshot, const ResolveOptions& options,
+                         bool needOrg) {
+  ResolveSetting setting;
+  setting.store = openSnapshot(snapshot);
+  setting.info = setting.store->info();
+  using Kind = ResolutionAction::Kind;
+  const bool writes = options.action.kind == Kind::merge || options.action.kind == Kind::fillGaps ||
+                      options.action.kind == Kind::tagLosers;
+  if (needOrg || writes) {
+    std::string chosen = options.login.empty() ? setting.info.downloadedBy : options.login;
+    if (chosen.empty()) throw DedupeCommandError::noLogin();
+    auto orgs = context.cli.listOrgs(true, context.listTimeout);
+    setting.org = OrgsCommand::findLogin(orgs, chosen);
+  }
+
+  std::set<Rid> excluded;
+  for (const auto& [rid, sfid] : setting.store->exclusions()) excluded.insert(rid);
+  MatchOutcome outcome = Matcher::findDuplicates(*setting.store, options.settings, excluded, {}, {});
+  setting.groups = ResolutionPlanner::resolve(*setting.store, outcome.groups, options.keeper);
+
+  ResolutionPlanner::Context planning = ResolutionPlanner::contextFor(*setting.store);
+  planning.includeHeldBack = options.includeHeldBack;
+  if (writes) {
+    std::vector<std::string> objects;
+    for (const auto& object : planning.objects) objects.push_back(object.name);
+    if (objects.empty()) objects.push_back(setting.info.objectName);
+    planning.writableFields = writableFields(api, setting.org, objects);
+  }
+  setting.plan = ResolutionPlanner::plan(setting.groups, options.action, planning);
+  return setting;
+}
+
+void printPlan(CommandContext& context, const ResolveSetting& setting,
+               const ResolveOptions& options) {
+  const ResolutionPlan& plan = setting.plan;
+  std::map<std::int64_t, std::string> skipped(plan.skipped.begin(), plan.skipped.end());
+  std::map<std::int64_t, int> heldBack(plan.heldBack.begin(), plan.heldBack.end());
+  std::map<std::string, const SnapshotRecord*> bySfid;
+  for (const ResolvedGroup& group : setting.groups) {
+    for (const SnapshotRecord& record : group.records) bySfid[record.sfid] = &record;
+  }
+  auto named = [&bySfid](const std::string& sfid) {
+    auto found = bySfid.find(sfid);
+    return found == bySfid.end() ? sfid : recordText(*found->second);
+  };
+
+  if (options.json) {
+    nlohmann::json groups = nlohmann::json::array();
+    for (const ResolvedGroup& group : setting.groups) {
+      nlohmann::json entry{{"id", group.group.id}, {"members", nlohmann::json::array()}};
+      for (const SnapshotRecord& record : group.records) {
+        entry["members"].push_back({{"id", record.sfid}, {"name", record.name}});
+      }
+      if (const SnapshotRecord* keeper = group.keeper()) {
+        entry["keeper"] = keeper->sfid;
+        entry["why"] = KeeperRules::why(*keeper, options.keeper, group.records.size());
+      }
+      if (auto found = skipped.find(group.group.id); found != skipped.end()) {
+        entry["skipped"] = found->second;
+      }
+      if (auto found = heldBack.find(group.group.id); found != heldBack.end()) {
+        entry["heldBack"] = found->second;
+      }
+      groups.push_back(std::move(entry));
+    }
+    auto changes = [](const std::vector<PlannedChange>& list) {
+      nlohmann::json out = nlohmann::json::array();
+      for (const PlannedChange& change : list) {
+        out.push_back({{"id", change.sfid},
+                       {"modified", change.modified},
+                       {"groupId", change.groupId},
+                       {"fields", change.fields},
+                       {"object", change.object}});
+      }
+      return out;
+    };
+    nlohmann::json merges = nlohmann::json::array();
+    for (const PlannedMerge& merge : plan.merges) {
+      merges.push_back({{"primary", merge.primary},
+                        {"primaryModified", merge.primaryModified},
+                        {"loser", merge.loser},
+                        {"loserModified", merge.loserModified},
+                        {"groupId", merge.groupId},
+                        {"fieldValues", merge.fieldValues},
+                        {"object", merge.object}});
+    }
+    nlohmann::json skippedJSON = nlohmann::json::array();
+    for (const auto& [id, reason] : plan.skipped) skippedJSON.push_back({{"groupId", id}, {"reason", reason}});
+    nlohmann::json heldJSON = nlohmann::json::array();
+    for (const auto& [id, count] : plan.heldBack) heldJSON.push_back({{"groupId", id}, {"distinctCount", count}});
+    context.out << nlohmann::json{{"action", plan.action.text()},
+                                  {"keeper", std::string(rawValue(options.keeper))},
+                                  {"groupCount", plan.groupCount},
+                                  {"groups", groups},
+                                  {"merges", merges},
+                                  {"deletes", changes(plan.deletes)},
+                                  {"updates", changes(plan.updates)},
+                                  {"skipped", skippedJSON},
+                                  {"heldBack", heldJSON},
+                                  {"heldBackIncluded", plan.heldBackIncluded}}
+                       .dump(2)
+                << '\n';
+    return;
+  }
+
+  context.out << fmt::format("Plan for {} {} records: {}. {}\n", setting.info.recordCount,
+                             setting.info.objectLabel, actionText(plan.action),
+                             KeeperRules::label(options.keeper));
+  for (const ResolvedGroup& group : setting.groups) {
+    const std::int64_t id = group.group.id;
+    if (auto found = skipped.find(id); found != skipped.end()) {
+      context.out << fmt::format("Group {} ({} records) skipped: {}\n", id, group.records.size(),
+                                 found->second);
+      continue;
+    }
+    const SnapshotRecord* keeper = group.keeper();
+    context.out << fmt::format("Group {} ({} records): keep {}. {}.\n", id, group.records.size(),
+                               recordText(*keeper),
+                               KeeperRules::why(*keeper, options.keeper, group.records.size()));
+    if (auto found = heldBack.find(id); found != heldBack.end()) {
+      context.out << fmt::format(
+          "  Held back: {} of its records differ from all the others. {}\n", found->second,
+          plan.heldBackIncluded ? "Included, as you asked."
+                                : "Look at it, then add --include-held-back to resolve it too.");
+      if (!plan.heldBackIncluded) continue;
+    }
+    for (const PlannedMerge& merge : plan.merges) {
+      if (merge.groupId != id) continue;
+      context.out << "  merge " << named(merge.loser) << " into it";
+      if (!merge.fieldValues.empty()) context.out << ", setting " << valuesText(merge.fieldValues);
+      context.out << '\n';
+    }
+    for (const PlannedChange& change : plan.deletes) {
+      if (change.groupId == id) context.out << "  delete " << named(change.sfid) << '\n';
+    }
+    for (const PlannedChange& change : plan.updates) {
+      if (change.groupId == id) {
+        context.out << "  update " << named(change.sfid) << ": " << valuesText(change.fields)
+                    << '\n';
+      }
+    }
+  }
+  context.out << fmt::format(
+      "{} groups: {} to resolve ({} merges, {} deletes, {} updates), {} skipped, {} held back.\n",
+      setting.groups.size(), plan.groupCount, plan.merges.size(), plan.deletes.size(),
+      plan.updates.size(), plan.skipped.size(), plan.heldBack.size());
+}
+
+}  // namespace
+
+ResolutionPlan plan(CommandContext& context, SalesforceAPI::Client& api,
+                    const std::filesystem::path& snapshot, const ResolveOptions& options) {
+  ResolveSetting setting = buildPlan(context, api, snapshot, options, false);
+  printPlan(context, setting, options);
+  return setting.plan;
+}
+
+void apply(CommandContext& context, SalesforceAPI::Client& api,
+           const std::filesystem::path& snapshot, const ResolveOptions& options) {
+  ResolveOptions quiet = options;
+  quiet.json = false;
+  ResolveSetting setting = buildPlan(context, api, snapshot, quiet, true);
+  printPlan(context, setting, quiet);
+  const ResolutionPlan& plan = setting.plan;
+  using Kind = ResolutionAction::Kind;
+  if (plan.action.kind == Kind::exportOnly) {
+    context.out << "This action changes nothing in Salesforce.\n";
+    return;
+  }
+  if (plan.action.kind == Kind::fillGaps || plan.action.kind == Kind::tagLosers) {
+    context.out << "Writing updates is done through an import of the decision workbook; nothing "
+                   "was changed.\n";
+    return;
+  }
+  if (plan.merges.empty() && plan.deletes.empty()) {
+    context.out << "Nothing to change.\n";
+    return;
+  }
+
+  DedupeAPITransport transport(api, setting.org);
+  ResolutionPreflight preflight(transport);
+  context.out << "Checking the records in Salesforce\u2026\n";
+  ResolutionPreflight::Outcome checked = preflight.check(ResolutionPreflight::recordsOf(plan));
+  if (!checked.allFresh()) {
+    for (const PlannedChange& change : checked.changed) {
+      context.out << "  " << change.sfid << " was changed in Salesforce after the snapshot.\n";
+    }
+    for (const PlannedChange& change : checked.missing) {
+      context.out << "  " << change.sfid << " is no longer in Salesforce.\n";
+    }
+    throw PreflightError::recordsChanged();
+  }
+  context.out << fmt::format("All {} records are as they were in the snapshot.\n",
+                             checked.fresh.size());
+  if (options.dryRun) {
+    context.out << "Dry run: nothing was changed.\n";
+    return;
+  }
+
+  std::size_t done = 0;
+  std::size_t failed = 0;
+  std::size_t unknown = 0;
+  std::size_t notDone = 0;
+  bool signedOut = false;
+  if (plan.action.kind == Kind::merge) {
+    MergeRunner::Options runnerOptions;
+    runnerOptions.lockPause = options.lockPause;
+    runnerOptions.lockAttempts = options.lockAttempts;
+    MergeRunner runner(transport, setting.info.objectName, runnerOptions);
+    for (const MergeRunner::MergeResult& result : runner.run(plan.merges, options.progress)) {
+      using Status = MergeRunner::MergeResult::Status;
+      const PlannedMerge& merge = plan.merges[result.index];
+      std::string what = merge.loser + " into " + merge.primary + " (group " +
+                         std::to_string(merge.groupId) + ")";
+      switch (result.status) {
+        case Status::merged:
+          ++done;
+          context.out << "Merged " << what << '\n';
+          break;
+        case Status::failed:
+          ++failed;
+          context.out << "Failed " << what << ": " << result.message.value_or("") << '\n';
+          break;
+        case Status::unknown:
+          ++unknown;
+          context.out << "Unknown " << what << ": " << result.message.value_or("") << '\n';
+          break;
+        case Status::skipped:
+        case Status::notAttempted:
+          ++notDone;
+          context.out << "Not merged " << what << ": " << result.message.value_or("") << '\n';
+          break;
+      }
+    }
+    signedOut = runner.signedOut();
+  } else {
+    DeleteRunner::Options runnerOptions;
+    runnerOptions.lockPause = options.lockPause;
+    runnerOptions.lockAttempts = options.lockAttempts;
+    DeleteRunner runner(transport, runnerOptions);
+    for (const DeleteRunner::DeleteResult& result : runner.run(plan.deletes, options.progress)) {
+      using Status = DeleteRunner::DeleteResult::Status;
+      std::string what = result.sfid + " (group " + std::to_string(result.groupId) + ")";
+      switch (result.status) {
+        case Status::deleted:
+          ++done;
+          context.out << "Deleted " << what << '\n';
+          break;
+        case Status::failed:
+          ++failed;
+          context.out << "Failed " << what << ": " << result.message.value_or("") << '\n';
+          break;
+        case Status::unknown:
+          ++unknown;
+          context.out << "Unknown " << what << ": " << result.message.value_or("") << '\n';
+          break;
+        case Status::notAttempted:
+          ++notDone;
+          context.out << "Not deleted " << what << ": " << result.message.value_or("") << '\n';
+          break;
+      }
+    }
+    signedOut = runner.signedOut();
+  }
+  context.out << fmt::format("{} done, {} failed, {} to check in Salesforce, {} not done.\n", done,
+                             failed, unknown, notDone);
+  if (signedOut) throw DedupeCommandError::signedOutPartWay(done, notDone);
+  if (failed > 0 || unknown > 0) throw DedupeCommandError::notApplied(failed, unknown);
+}
+
+namespace {
+
 std::atomic<bool> pauseRequested{false};
 
 extern "C" void requestPause(int) { pauseRequested.store(true); }
@@ -671,6 +1030,80 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   excludeCommand->callback([&context, &chosen, excludeSnapshot, excludeIds] {
     chosen = [&context, excludeSnapshot, excludeIds] {
       exclude(context, *excludeSnapshot, *excludeIds);
+    };
+  });
+
+  struct ResolveArguments {
+    std::string snapshot;
+    std::string keeper = "oldest";
+    std::string action = "merge";
+    std::string strictness = "normal";
+    int window = defaultWindow;
+    bool noSplit = false;
+    bool includeHeldBack = false;
+    bool json = false;
+    bool dryRun = false;
+    std::string login;
+
+    ResolveOptions options() const {
+      ResolveOptions out;
+      auto rule = keeperRuleFromRaw(keeper);
+      if (!rule) throw DedupeCommandError::badKeeperRule(keeper);
+      auto chosenAction = ResolutionAction::fromText(action);
+      if (!chosenAction) throw DedupeCommandError::badAction(action);
+      out.keeper = *rule;
+      out.action = *chosenAction;
+      out.settings.strictness = strictnessFromRaw(strictness).value_or(Strictness::normal);
+      out.settings.window = window;
+      out.settings.split.enabled = !noSplit;
+      out.includeHeldBack = includeHeldBack;
+      out.json = json;
+      out.dryRun = dryRun;
+      out.login = login;
+      return out;
+    }
+  };
+  auto addResolveOptions = [](CLI::App* command, ResolveArguments& arguments) {
+    command->add_option("SNAPSHOT", arguments.snapshot, "The snapshot file")->required();
+    command->add_option("--keeper", arguments.keeper,
+                        "Which record stays: oldest, newest, mostComplete or recentlyUpdated");
+    command->add_option("--action", arguments.action,
+                        "merge, deleteLosers, fillGaps, tag:FIELD or exportOnly");
+    command->add_option("--strictness", arguments.strictness, "strict, normal or loose")
+        ->check(CLI::IsMember({"strict", "normal", "loose"}));
+    command->add_option("--window", arguments.window,
+                        "Neighbours each record is compared with in every sorted pass")
+        ->check(CLI::Range(1, 1000));
+    command->add_flag("--no-split", arguments.noSplit, "Keep large groups whole");
+    command->add_flag("--include-held-back", arguments.includeHeldBack,
+                      "Also resolve groups whose records are not all near-identical");
+    command->add_option("--login", arguments.login,
+                        "The login to use (default: the one that made the snapshot)");
+  };
+
+  auto planArgs = std::make_shared<ResolveArguments>();
+  CLI::App* planCommand = dedupe->add_subcommand(
+      "plan", "Show what resolving the duplicate groups would change, and the groups skipped");
+  addResolveOptions(planCommand, *planArgs);
+  planCommand->add_flag("--json", planArgs->json, "Print the plan as JSON");
+  planCommand->callback([&context, &chosen, planArgs, makeClient] {
+    chosen = [&context, planArgs, makeClient] {
+      ResolveOptions options = planArgs->options();
+      auto api = makeClient();
+      plan(context, *api, planArgs->snapshot, options);
+    };
+  });
+
+  auto applyArgs = std::make_shared<ResolveArguments>();
+  CLI::App* applyCommand = dedupe->add_subcommand(
+      "apply", "Check the records in Salesforce, then merge or delete the duplicates");
+  addResolveOptions(applyCommand, *applyArgs);
+  applyCommand->add_flag("--dry-run", applyArgs->dryRun, "Plan and check only; change nothing");
+  applyCommand->callback([&context, &chosen, applyArgs, makeClient] {
+    chosen = [&context, applyArgs, makeClient] {
+      ResolveOptions options = applyArgs->options();
+      auto api = makeClient();
+      apply(context, *api, applyArgs->snapshot, options);
     };
   });
 

@@ -223,3 +223,199 @@ TEST_F(DedupeMatchCommandTest, ExcludedRecordsStayOutOfLaterMatches) {
 
 }  // namespace
 }  // namespace corvane
+
+namespace corvane {
+namespace {
+
+// Resolving duplicates in the sample org: Contacts matched, planned with the
+// oldest record kept and merged; a row lock retried; a sign-out part-way; a
+// group of Cases skipped; records changed since the snapshot stopping the run.
+class DedupeResolveCommandTest : public DedupeCommandTest {
+ protected:
+  void SetUp() override {
+    DedupeCommandTest::SetUp();
+    // Groups: two Marthas (the older one has no title), three Peters, two
+    // Annas; Zed has no twin.
+    martha1_ = contact("Martha", "Jones", "martha@x.org", "", "2020-02-01T09:00:00.000Z");
+    martha2_ = contact("Marhta", "Jones", "martha@x.org", "CFO & <Board>", "2023-05-01T09:00:00.000Z");
+    peter1_ = contact("Peter", "Quinn", "peter@x.org", "", "2022-01-01T09:00:00.000Z");
+    peter2_ = contact("Peter", "Quinn", "peter@x.org", "Pilot", "2019-01-01T09:00:00.000Z");
+    peter3_ = contact("Peter", "Quinn", "peter@x.org", "", "2024-01-01T09:00:00.000Z");
+    anna1_ = contact("Anna", "Lee", "anna@x.org", "", "2021-01-01T09:00:00.000Z");
+    anna2_ = contact("Anna", "Lee", "anna@x.org", "", "2021-06-01T09:00:00.000Z");
+    zed_ = contact("Zed", "Solo", "zed@x.org", "", "2021-06-01T09:00:00.000Z");
+  }
+
+  std::string contact(const std::string& first, const std::string& last, const std::string& email,
+                      const std::string& title, const std::string& created) {
+    auto made = admin("records/create",
+                      {{"object", "Contact"},
+                       {"fields", {{"FirstName", first}, {"LastName", last}, {"Email", email},
+                                   {"Title", title}, {"Department", "Show"}}}});
+    std::string id = made["id"];
+    admin("records/update", {{"id", id}, {"fields", {{"CreatedDate", created}}}});
+    return id;
+  }
+
+  std::filesystem::path downloadContacts() {
+    auto ctx = context();
+    DedupeCommand::DownloadOptions options;
+    options.match = {DedupeCommand::parseMatchChoice("Name:personName:close"),
+                     DedupeCommand::parseMatchChoice("Email:email:exact")};
+    options.extra = {"Title"};
+    options.scope = "Department = 'Show'";
+    options.runner.firstPollDelay = std::chrono::milliseconds(5);
+    return DedupeCommand::download(ctx, *api_, "sample", "Contact", options);
+  }
+
+  DedupeCommand::ResolveOptions mergeOldest() {
+    DedupeCommand::ResolveOptions options;
+    options.keeper = KeeperRule::oldest;
+    options.action = ResolutionAction::merge();
+    options.lockPause = std::chrono::milliseconds(20);
+    return options;
+  }
+
+  // The record's row, whether in the Recycle Bin or not; null when purged.
+  nlohmann::json row(const std::string& id) {
+    auto reply = query("SELECT Id, IsDeleted, MasterRecordId, Title FROM Contact WHERE Id = '" +
+                           id + "'",
+                       200, "queryAll");
+    return reply["records"].empty() ? nlohmann::json() : reply["records"][0];
+  }
+
+  std::string martha1_, martha2_, peter1_, peter2_, peter3_, anna1_, anna2_, zed_;
+};
+
+TEST_F(DedupeResolveCommandTest, MergesIntoTheOldestRecordAfterALockAndKeepsTheChosenValues) {
+  auto url = downloadContacts();
+  auto ctx = context();
+  out_.str("");
+  ResolutionPlan plan = DedupeCommand::plan(ctx, *api_, url, mergeOldest());
+  ASSERT_EQ(plan.merges.size(), 4u) << out_.str();
+  EXPECT_TRUE(plan.skipped.empty());
+  EXPECT_NE(out_.str().find("Kept because it was created first (2019-01-01)"), std::string::npos)
+      << out_.str();
+  EXPECT_NE(out_.str().find("3 groups: 3 to resolve (4 merges"), std::string::npos) << out_.str();
+
+  admin("faults", {{"path", "/services/Soap/*"}, {"fault", "UNABLE_TO_LOCK_ROW"}, {"count", 1}});
+  client().Delete("/_admin/requests");
+  out_.str("");
+  DedupeCommand::apply(ctx, *api_, url, mergeOldest());
+  const std::string text = out_.str();
+  EXPECT_NE(text.find("All 7 records are as they were in the snapshot."), std::string::npos) << text;
+  EXPECT_NE(text.find("Merged " + martha2_ + " into " + martha1_), std::string::npos) << text;
+  EXPECT_NE(text.find("4 done, 0 failed, 0 to check in Salesforce, 0 not done."),
+            std::string::npos)
+      << text;
+
+  for (const auto& [loser, keeper] : {std::pair{martha2_, martha1_}, {peter1_, peter2_},
+                                      {peter3_, peter2_}, {anna2_, anna1_}}) {
+    auto gone = row(loser);
+    EXPECT_EQ(gone["IsDeleted"], true) << loser;
+    EXPECT_EQ(gone["MasterRecordId"], keeper) << loser;
+    EXPECT_EQ(row(keeper)["IsDeleted"], false) << keeper;
+  }
+  // The kept Martha had no title: it took her twin's, unchanged by the envelope.
+  EXPECT_EQ(row(martha1_)["Title"], "CFO & <Board>");
+  EXPECT_EQ(row(peter2_)["Title"], "Pilot");
+  EXPECT_EQ(row(zed_)["IsDeleted"], false);
+  // The lock was met once and tried again: five merge calls for four merges.
+  auto log = client().Get("/_admin/requests?limit=1000");
+  ASSERT_TRUE(log);
+  int locked = 0;
+  int calls = 0;
+  const auto requests = nlohmann::json::parse(log->body)["requests"];
+  for (const auto& request : requests) {
+    if (request["path"].get<std::string>().rfind("/services/Soap/", 0) != 0) continue;
+    ++calls;
+    if (request["fault"] == "UNABLE_TO_LOCK_ROW") ++locked;
+  }
+  EXPECT_EQ(locked, 1);
+  EXPECT_EQ(calls, 5);
+}
+
+TEST_F(DedupeResolveCommandTest, ASignOutPartWayStopsTheRunAndSaysWhatWasAndWasNotDone) {
+  auto url = downloadContacts();
+  auto ctx = context();
+  auto options = mergeOldest();
+  options.progress = [this](std::size_t done, std::size_t) {
+    if (done == 1) admin("tokens/expire", {{"username", store().identity().adminUsername}});
+  };
+  out_.str("");
+  std::ostringstream err;
+  int status = runReportingFailures([&] { DedupeCommand::apply(ctx, *api_, url, options); }, err);
+  EXPECT_EQ(status, 1);
+  token_ = orgsim::Sessions::issue(store(), "").token;  // for the checks below
+  EXPECT_EQ(err.str(),
+            "Salesforce signed you out part-way: 1 change was made, 3 were not. Log in again, "
+            "then download a fresh copy and apply again to finish.\n");
+  const std::string text = out_.str();
+  EXPECT_NE(text.find("Merged " + martha2_ + " into " + martha1_), std::string::npos) << text;
+  EXPECT_NE(text.find("Not merged " + peter1_ + " into " + peter2_ +
+                      " (group 2): Not attempted: Salesforce signed you out before this merge."),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(row(martha2_)["IsDeleted"], true);
+  for (const auto& id : {peter1_, peter3_, anna2_}) EXPECT_EQ(row(id)["IsDeleted"], false) << id;
+}
+
+TEST_F(DedupeResolveCommandTest, RecordsChangedSinceTheSnapshotStopTheRunBeforeAnyChange) {
+  auto url = downloadContacts();
+  admin("clock", {{"advanceSeconds", 60}});
+  admin("records/update", {{"id", peter3_}, {"fields", {{"Title", "Changed"}}}});
+  auto ctx = context();
+  out_.str("");
+  std::ostringstream err;
+  EXPECT_EQ(runReportingFailures([&] { DedupeCommand::apply(ctx, *api_, url, mergeOldest()); }, err),
+            1);
+  EXPECT_EQ(err.str(), "Download a fresh copy before changing these records.\n");
+  EXPECT_NE(out_.str().find(peter3_ + " was changed in Salesforce after the snapshot."),
+            std::string::npos)
+      << out_.str();
+  for (const auto& id : {martha2_, peter1_, peter3_, anna2_}) {
+    EXPECT_EQ(row(id)["IsDeleted"], false) << id;
+  }
+}
+
+TEST_F(DedupeResolveCommandTest, NotADuplicateMarksKeepRecordsOutAndDryRunChangesNothing) {
+  auto url = downloadContacts();
+  auto ctx = context();
+  DedupeCommand::exclude(ctx, url, {anna2_});
+  auto options = mergeOldest();
+  options.dryRun = true;
+  out_.str("");
+  DedupeCommand::apply(ctx, *api_, url, options);
+  EXPECT_NE(out_.str().find("2 groups: 2 to resolve (3 merges"), std::string::npos) << out_.str();
+  EXPECT_NE(out_.str().find("Dry run: nothing was changed."), std::string::npos) << out_.str();
+  EXPECT_EQ(row(martha2_)["IsDeleted"], false);
+}
+
+TEST_F(DedupeResolveCommandTest, CasesAreNotMergedAndTheGroupSaysWhy) {
+  for (int i = 0; i < 2; ++i) {
+    admin("records/create", {{"object", "Case"}, {"fields", {{"Subject", "Printer on fire"}}}});
+  }
+  auto ctx = context();
+  DedupeCommand::DownloadOptions download;
+  download.match = {DedupeCommand::parseMatchChoice("Subject:text:exact")};
+  download.runner.firstPollDelay = std::chrono::milliseconds(5);
+  auto url = DedupeCommand::download(ctx, *api_, "sample", "Case", download);
+  out_.str("");
+  ResolutionPlan plan = DedupeCommand::plan(ctx, *api_, url, mergeOldest());
+  ASSERT_EQ(plan.skipped.size(), 1u) << out_.str();
+  EXPECT_EQ(plan.skipped[0].second,
+            "Corvane merges only Accounts, Contacts and Leads, so these Case records cannot be "
+            "merged.");
+  EXPECT_NE(out_.str().find("skipped: Corvane merges only"), std::string::npos) << out_.str();
+
+  out_.str("");
+  auto json = mergeOldest();
+  json.json = true;
+  DedupeCommand::plan(ctx, *api_, url, json);
+  auto parsed = nlohmann::json::parse(out_.str());
+  EXPECT_EQ(parsed["skipped"][0]["reason"], plan.skipped[0].second);
+  EXPECT_EQ(parsed["merges"].size(), 0u);
+}
+
+}  // namespace
+}  // namespace corvane
