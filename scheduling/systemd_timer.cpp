@@ -23,14 +23,25 @@ std::string quoted(std::string_view word) {
   return out + "\"";
 }
 
-std::string service(const std::filesystem::path& executablePath) {
+std::string service(const std::filesystem::path& executablePath,
+                    const std::optional<std::string>& home) {
+  std::string environment;
+  if (home) {
+    // Environment= takes C escapes and specifiers, but no "$" expansion.
+    environment = "Environment=\"CORVANE_HOME=";
+    for (const char c : *home) {
+      if (c == '\\' || c == '"') environment += '\\';
+      if (c == '%') environment += '%';
+      environment += c;
+    }
+    environment += "\"\n";
+  }
   return "[Unit]\n"
          "Description=Corvane scheduled backups\n"
          "\n"
          "[Service]\n"
-         "Type=oneshot\n"
-         "ExecStart=" +
-         SystemdUnits::quoted(executablePath.string()) +
+         "Type=oneshot\n" +
+         environment + "ExecStart=" + SystemdUnits::quoted(executablePath.string()) +
          " --backup-tick\n"
          "Nice=10\n"
          "IOSchedulingClass=idle\n";
@@ -106,8 +117,18 @@ ServiceCommandResult run(const std::vector<std::string>& arguments) {
 
 }  // namespace SystemSystemctl
 
-SystemdUserTimer::SystemdUserTimer(std::filesystem::path unitFolder, ServiceCommandRunner systemctl)
-    : unitFolder_(std::move(unitFolder)), systemctl_(std::move(systemctl)) {}
+SystemdUserTimer::SystemdUserTimer(std::filesystem::path unitFolder, ServiceCommandRunner systemctl,
+                                   std::optional<std::string> home)
+    : unitFolder_(std::move(unitFolder)), systemctl_(std::move(systemctl)), home_(std::move(home)) {}
+
+bool SystemdUserTimer::filesMatch(const std::filesystem::path& executablePath, int minute) const {
+  try {
+    return Durable::readWhole(serviceURL()) == SystemdUnits::service(executablePath, home_) &&
+           Durable::readWhole(fileURL()) == SystemdUnits::timer(minute);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
 
 std::filesystem::path SystemdUserTimer::standardUnitFolder() {
   if (const char* config = std::getenv("XDG_CONFIG_HOME"); config && *config == '/')
@@ -144,8 +165,7 @@ BackupScheduler::Outcome SystemdUserTimer::reconcile(bool enabled,
     throw SchedulerError(
         "Corvane could not tell where it is installed, so it cannot set up scheduled backups. "
         "Start it by its full path and try again.");
-  if (state.installed && state.executablePath == executablePath.string() &&
-      state.minute == minute && state.loaded.value_or(false))
+  if (state.installed && state.loaded.value_or(false) && filesMatch(executablePath, minute))
     return Outcome::unchanged;
   install(executablePath, minute);
   return Outcome::installed;
@@ -154,7 +174,7 @@ BackupScheduler::Outcome SystemdUserTimer::reconcile(bool enabled,
 void SystemdUserTimer::install(const std::filesystem::path& executablePath, int minute) {
   try {
     std::filesystem::create_directories(unitFolder_);
-    Durable::replace(serviceURL(), SystemdUnits::service(executablePath), 0644);
+    Durable::replace(serviceURL(), SystemdUnits::service(executablePath, home_), 0644);
     Durable::replace(fileURL(), SystemdUnits::timer(minute), 0644);
   } catch (const std::exception&) {
     throw SchedulerError(
@@ -220,9 +240,14 @@ std::unique_ptr<BackupScheduler> BackupScheduler::forThisMachine() {
 #else
   const std::filesystem::path folder =
       recording ? std::filesystem::path(injected) : SystemdUserTimer::standardUnitFolder();
+  std::optional<std::string> home;
+  if (const char* corvaneHome = std::getenv("CORVANE_HOME"); corvaneHome && *corvaneHome == '/')
+    home = corvaneHome;
   return std::make_unique<SystemdUserTimer>(
-      folder, recording ? recordingRunner(folder, "systemctl --user", folder / SystemdUnits::timerName)
-                        : ServiceCommandRunner(SystemSystemctl::run));
+      folder,
+      recording ? recordingRunner(folder, "systemctl --user", folder / SystemdUnits::timerName)
+                : ServiceCommandRunner(SystemSystemctl::run),
+      home);
 #endif
 }
 

@@ -8,6 +8,9 @@
 // hourly tick catches up whatever is due anyway.
 #pragma once
 
+#include <optional>
+#include <string>
+
 #include "scheduling/backup_scheduler.hpp"
 
 namespace corvane {
@@ -16,7 +19,10 @@ namespace SystemdUnits {
 inline constexpr const char* serviceName = "corvane-backup.service";
 inline constexpr const char* timerName = "corvane-backup.timer";
 
-std::string service(const std::filesystem::path& executablePath);
+// With home, the service sets CORVANE_HOME to it, so that the tick reads the
+// same backup sets as the program that installed it.
+std::string service(const std::filesystem::path& executablePath,
+                    const std::optional<std::string>& home = std::nullopt);
 std::string timer(int minute);
 // systemd's quoting of one command-line word: double quotes, with "\", '"'
 // escaped, and "%" and "$" doubled so they are not expanded.
@@ -30,8 +36,10 @@ ServiceCommandResult run(const std::vector<std::string>& arguments);
 
 class SystemdUserTimer : public BackupScheduler {
  public:
-  // systemctl gets the arguments after "--user".
-  SystemdUserTimer(std::filesystem::path unitFolder, ServiceCommandRunner systemctl);
+  // systemctl gets the arguments after "--user". home: the CORVANE_HOME the
+  // tick is to run with, when the program runs with one.
+  SystemdUserTimer(std::filesystem::path unitFolder, ServiceCommandRunner systemctl,
+                   std::optional<std::string> home = std::nullopt);
 
   static std::filesystem::path standardUnitFolder();
 
@@ -46,8 +54,12 @@ class SystemdUserTimer : public BackupScheduler {
   void install(const std::filesystem::path& executablePath, int minute);
   void remove();
 
+  // Whether both unit files hold exactly what install would write.
+  bool filesMatch(const std::filesystem::path& executablePath, int minute) const;
+
   std::filesystem::path unitFolder_;
   ServiceCommandRunner systemctl_;
+  std::optional<std::string> home_;
 };
 
 }  // namespace corvane

@@ -158,12 +158,30 @@ TEST(SystemdUserTimer, WritesUnitsEnablesTheTimerAndRemovesThem) {
   EXPECT_EQ(timer.reconcile(false, exe, 7), BackupScheduler::Outcome::unchanged);
 }
 
+TEST(SystemdUserTimer, CarriesTheProgramsHomeAndReinstallsWhenItChanges) {
+  TemporaryFolder folder;
+  Recorder systemctl;
+  const auto units = folder.path() / "systemd/user";
+  const std::filesystem::path exe = "/usr/bin/corvane";
+  SystemdUserTimer plain(units, systemctl.runner());
+  EXPECT_EQ(plain.reconcile(true, exe, 7), BackupScheduler::Outcome::installed);
+  EXPECT_EQ(Durable::readWhole(units / "corvane-backup.service")->find("Environment="),
+            std::string::npos);
+
+  SystemdUserTimer withHome(units, systemctl.runner(), "/data/100% \"corvane\"");
+  EXPECT_EQ(withHome.reconcile(true, exe, 7), BackupScheduler::Outcome::installed);
+  EXPECT_NE(Durable::readWhole(units / "corvane-backup.service")
+                ->find("Environment=\"CORVANE_HOME=/data/100%% \\\"corvane\\\"\"\n"),
+            std::string::npos);
+  EXPECT_EQ(withHome.reconcile(true, exe, 7), BackupScheduler::Outcome::unchanged);
+}
+
 TEST(SystemdUserTimer, UnitsPassSystemdsOwnCheck) {
   if (!ChildProcess::isExecutableFile("/usr/bin/systemd-analyze"))
     GTEST_SKIP() << "systemd-analyze is not installed";
   TemporaryFolder folder;
   Durable::writeWhole(folder.path() / "corvane-backup.service",
-                      SystemdUnits::service("/bin/true"));
+                      SystemdUnits::service("/bin/true", "/home/a \"b\"/100%"));
   Durable::writeWhole(folder.path() / "corvane-backup.timer", SystemdUnits::timer(7));
   ProcessRequest request;
   request.executable = "/usr/bin/systemd-analyze";
