@@ -1264,6 +1264,7 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     reportStep(BackupProgress::Step::tidyingOldBackups);
     try {
       tidied = RetentionSweep(config_.location).apply(store, config_.retention, context.runId);
+      RetentionSweep::noteInManifest(context.folder, tidied);
     } catch (const std::exception&) {
     }
   }

@@ -389,8 +389,15 @@ DeletionFinder::Outcome DeletionFinder::findAll(const std::vector<Target>& targe
         if (state && !state->getDeletedRefused && !state->deletedChecked.empty()) {
           const auto checked = ServerTime::parse(state->deletedChecked);
           if (checked && serverNow_ - *checked <= window &&
-              serverNow_ - *checked > shortestWindow)
-            askLog(*checked);
+              serverNow_ - *checked > shortestWindow) {
+            try {
+              askLog(*checked);
+            } catch (const std::exception& error) {
+              // The comparison below is complete without the log; only the
+              // words for how records went are lost.
+              if (transport_.classify(error).signedOut) throw;
+            }
+          }
         }
         outcome.found += markUntouched(object, gone, false);
         finishObject(object, serverNow_, true, refusedNow);

@@ -3,12 +3,26 @@
 #include <set>
 #include <system_error>
 
+#include "backup/manifest.hpp"
+
 namespace corvane {
 
 namespace fs = std::filesystem;
 
 RetentionSweep::RetentionSweep(BackupLocation location, Remover remover, Measure measure)
     : location_(std::move(location)), remover_(std::move(remover)), measure_(std::move(measure)) {}
+
+void RetentionSweep::noteInManifest(const fs::path& datedFolder, const Outcome& outcome) {
+  auto manifest = Manifest::read(datedFolder);
+  if (!manifest) return;
+  manifest->retention.removed = outcome.removed;
+  manifest->retention.bytesFreed = outcome.bytes;
+  manifest->retention.couldNotRemove = outcome.couldNotRemove;
+  try {
+    manifest->write(datedFolder);
+  } catch (const std::exception&) {
+  }
+}
 
 void RetentionSweep::removeTree(const fs::path& path) {
   // remove_all removes a symbolic link itself, never what it points at.

@@ -52,6 +52,10 @@ class RetentionSweep {
   // its current body or an earlier copy, are deleted; returns their bytes.
   std::int64_t reclaimFileBodies(BackupStore& store);
 
+  // Adds outcome to the manifest.json of a dated folder (written before the
+  // sweep ran). A manifest that is missing or cannot be rewritten is left as it is.
+  static void noteInManifest(const std::filesystem::path& datedFolder, const Outcome& outcome);
+
   static void removeTree(const std::filesystem::path& path);
   static std::int64_t bytesUnder(const std::filesystem::path& path);
 

@@ -162,6 +162,10 @@ TEST_F(BackupKeepingRunTest, RetentionKeepsTheLastFullsWithTheChangesThatFollowT
             (std::vector<std::string>{runs[0].folder.filename().string(),
                                       runs[1].folder.filename().string()}));
   EXPECT_GT(runs[4].removedBytes, 0);
+  auto manifest = Manifest::read(runs[4].folder);
+  ASSERT_TRUE(manifest);
+  EXPECT_EQ(manifest->retention.removed, runs[4].removedBackups);
+  EXPECT_EQ(manifest->retention.bytesFreed, runs[4].removedBytes);
   for (std::size_t i = 0; i < runs.size(); ++i)
     EXPECT_EQ(std::filesystem::exists(runs[i].folder), i >= 2) << i;
   BackupStore backup(config().location);
