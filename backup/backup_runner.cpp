@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <set>
 #include <thread>
@@ -702,6 +703,16 @@ void BackupRunner::copyObject(Context& context, JobRow job, int index, int count
             " Nothing was stored from it.");
     return;
   } catch (const FileError& error) {
+    // A full disk is no fault of this object: the run stops and carries on
+    // once there is room. Anything else leaves this object for the next run.
+    if (error.osError() == ENOSPC || error.osError() == EDQUOT) {
+      const auto free = freeSpace_ ? freeSpace_(context.folder).value_or(0) : 0;
+      throw StopRun(BackupError::lowDiskSpace(config_.freeSpaceFloor, free).what());
+    }
+    failJob(std::string("It could not be written to the backup folder. ") + error.what() +
+            " The next backup tries this kind of record again.");
+    return;
+  } catch (const SQLiteError& error) {
     failJob(std::string("Could not be saved: ") + error.what());
     return;
   } catch (const DownloadError& error) {

@@ -163,6 +163,24 @@ TEST_F(BackupFaultsTest, AFillingDiskStopsTheRunAndItCarriesOnOnceThereIsRoom) {
   expectSameAsReference(resumed);
 }
 
+TEST_F(BackupFaultsTest, AWriteRefusedForAFullDiskStopsTheRunWithoutLosingAnything) {
+  if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full here";
+  auto started = run(first_.path(), RunKind::full, [] { return true; });
+  ASSERT_EQ(started.result, RunResult::stopped);
+  // Every write to Account.csv now fails as on a full disk (ENOSPC).
+  std::filesystem::create_symlink("/dev/full", started.folder / "Account.csv");
+  auto full = run(first_.path(), RunKind::full);
+  EXPECT_EQ(full.result, RunResult::stopped);
+  EXPECT_EQ(full.message.rfind("The disk is almost full.", 0), 0u) << full.message;
+  EXPECT_EQ(full.folder, started.folder);
+
+  std::filesystem::remove(started.folder / "Account.csv");
+  auto resumed = run(first_.path(), RunKind::full);
+  ASSERT_EQ(resumed.result, RunResult::complete) << resumed.message;
+  EXPECT_EQ(resumed.folder, started.folder);
+  expectSameAsReference(resumed);
+}
+
 TEST_F(BackupFaultsTest, APageWithoutAnIdColumnIsRefusedAndAnUnreadableAnswerIsBadResponse) {
   tampering_->edit = [](const std::string& path, std::string& body) {
     if (path.find("/results") != std::string::npos && body.rfind("\"Id\"", 0) == 0)

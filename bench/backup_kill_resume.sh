@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# Kills `corvane backup run` with SIGKILL at 20 random moments of a backup of the
+# sample org, resumes each time, and checks that the finished copy's CSV files
+# are byte for byte those of an uninterrupted run and that known_ids holds every
+# id once.
+#
+#   bench/backup_kill_resume.sh [BUILD_DIR] [KILLS]
+#
+# BUILD_DIR must hold app/corvane, tools/orgsim/corvane-orgsim and
+# tools/orgsim/sf/sf (default: build-run-rel). Prints one line per kill and
+# "PASS" or "FAIL" at the end; exits non-zero on a difference.
+set -euo pipefail
+
+here="$(cd "$(dirname "$0")/.." && pwd)"
+build="$(cd "${1:-$here/build-run-rel}" && pwd)"
+kills="${2:-20}"
+corvane="$build/app/corvane"
+orgsim="$build/tools/orgsim/corvane-orgsim"
+sf="$build/tools/orgsim/sf/sf"
+for tool in "$corvane" "$orgsim" "$sf"; do
+  [[ -x "$tool" ]] || { echo "missing $tool: build it first" >&2; exit 2; }
+done
+
+work="$(mktemp -d)"
+server=""
+cleanup() {
+  [[ -n "$server" ]] && kill "$server" 2>/dev/null && wait "$server" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+export HOME="$work/home" XDG_DATA_HOME="$work/data" CORVANE_SF_PATH="$sf"
+mkdir -p "$HOME"
+"$orgsim" generate --out "$work/org" --scale tiny --size Account=60000 --size Contact=20000 \
+  --size Task=8000 >/dev/null 2>&1
+"$orgsim" serve --state "$work/org" --port 0 >"$work/serve.out" 2>"$work/serve.err" &
+server=$!
+for _ in $(seq 100); do grep -q listening "$work/serve.out" && break; sleep 0.1; done
+url="$(sed -n 's/.* listening on //p' "$work/serve.out")"
+SF_ACCESS_TOKEN="$("$orgsim" token --state "$work/org")" \
+  "$sf" org login access-token --instance-url "$url" --alias sample --no-prompt --json >/dev/null
+
+only="Account,Contact,Task,User,ContentVersion,Attachment"
+backup() { "$corvane" backup run sample --root "$1" --only "$only" --json; }
+
+start=$(date +%s.%N)
+backup "$work/whole" >/dev/null 2>&1
+took=$(echo "$(date +%s.%N) - $start" | bc)
+echo "uninterrupted run: ${took}s"
+
+for i in $(seq "$kills"); do
+  backup "$work/killed" >/dev/null 2>&1 &
+  pid=$!
+  pause=$(python3 -c "import random; print(round(random.uniform(0.05, $took), 2))")
+  sleep "$pause"
+  if kill -9 "$pid" 2>/dev/null; then
+    echo "kill $i after ${pause}s"
+  else
+    echo "kill $i: the run had finished after ${pause}s"
+  fi
+  wait "$pid" 2>/dev/null || true
+done
+# Kills before any progress count as stops at the same point; after the third
+# the run is given up and the next one starts afresh.
+for _ in 1 2 3; do
+  if backup "$work/killed" >/dev/null 2>&1; then break; fi
+done
+
+# The last run's dated folder, from last-run.json.
+folder() {
+  local last
+  last="$(find "$1" -name last-run.json | head -1)"
+  echo "$(dirname "$last")/$(python3 -c "import json,sys; print(json.load(open(sys.argv[1]))['folder'])" "$last")"
+}
+expected="$(folder "$work/whole")"
+resumed="$(folder "$work/killed")"
+status=0
+for csv in "$expected"/*.csv; do
+  name="$(basename "$csv")"
+  [[ "$name" == Deleted.csv || "$name" == Files.csv || "$name" == FileLinks.csv ]] && continue
+  if ! cmp -s "$csv" "$resumed/$name"; then
+    echo "DIFFERENT: $name"
+    status=1
+  fi
+done
+ids() {
+  sqlite3 "$(find "$1" -name backup.sqlite | head -1)" \
+    "SELECT object, COUNT(*), COUNT(DISTINCT id) FROM known_ids GROUP BY object ORDER BY object"
+}
+if [[ "$(ids "$work/whole")" != "$(ids "$work/killed")" ]]; then
+  echo "known_ids differ:"; diff <(ids "$work/whole") <(ids "$work/killed") || true
+  status=1
+fi
+ids "$work/killed" | awk -F'|' '$2 != $3 { print "duplicate ids in " $1; bad = 1 } END { exit bad }' ||
+  status=1
+[[ $status -eq 0 ]] && echo PASS || echo FAIL
+exit $status
