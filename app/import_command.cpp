@@ -4,15 +4,24 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <signal.h>
+
 #include <algorithm>
+#include <atomic>
 #include <iostream>
 #include <iterator>
 
+#include "connections/api_transport.hpp"
 #include "import/delimited_text.hpp"
+#include "import/failed_rows.hpp"
 #include "import/import_error.hpp"
 #include "import/import_fields.hpp"
+#include "import/import_journal.hpp"
 #include "import/import_mapping.hpp"
+#include "import/import_runner.hpp"
+#include "import/run_results_workbook.hpp"
 #include "import/xlsx_reader.hpp"
+#include "platform/durable_file.hpp"
 
 namespace corvane::ImportCommand {
 
@@ -57,6 +66,98 @@ void printLine(const std::vector<std::string>& cells, std::string& line, std::os
   }
   line += '\n';
   out << line;
+}
+
+// Set by the first Ctrl-C of a run; a second one ends the program at once.
+std::atomic<bool> interrupted{false};
+
+extern "C" void onInterrupt(int) { interrupted = true; }
+
+// Catches Ctrl-C while it lives, so that a run stops between batches.
+class InterruptGuard {
+ public:
+  InterruptGuard() {
+    interrupted = false;
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    action.sa_flags = SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, &previous_);
+  }
+  ~InterruptGuard() { ::sigaction(SIGINT, &previous_, nullptr); }
+  InterruptGuard(const InterruptGuard&) = delete;
+  InterruptGuard& operator=(const InterruptGuard&) = delete;
+
+ private:
+  struct sigaction previous_ {};
+};
+
+std::string count(std::size_t n, const char* one, const char* many) {
+  return fmt::format("{} {}", n, n == 1 ? one : many);
+}
+
+const char* outcomeWord(const RowOutcome& outcome, bool sent, ImportOperation::Kind kind) {
+  if (!sent) return "Not sent";
+  if (!outcome.success) return "Failed";
+  if (kind == ImportOperation::Kind::remove) return "Deleted";
+  return outcome.created ? "Created" : "Updated";
+}
+
+void reportOutcome(CommandContext& context, const ImportGrid& grid, const ImportPlan& plan,
+                   const ImportRunSummary& summary, const RunOptions& options,
+                   const std::string& label) {
+  using Kind = ImportOperation::Kind;
+  std::ostream& out = context.out;
+  if (summary.resumed)
+    out << "This run continued an earlier one of the same file that had stopped.\n";
+  std::string done;
+  switch (plan.operation.kind) {
+    case Kind::insert:
+      done = "Created " + count(summary.created, "record", "records");
+      break;
+    case Kind::update:
+      done = "Updated " + count(summary.changed, "record", "records");
+      break;
+    case Kind::upsert:
+      done = fmt::format("Created {} and updated {}", count(summary.created, "record", "records"),
+                         count(summary.changed, "record", "records"));
+      break;
+    case Kind::remove:
+      done = "Deleted " + count(summary.changed, "record", "records") +
+             " (they are in the Recycle Bin)";
+      break;
+  }
+  out << done;
+  if (summary.failed > 0) {
+    out << "; Salesforce refused " << count(summary.failed, "row", "rows");
+  }
+  if (summary.notSent > 0) {
+    out << "; " << count(summary.notSent, "row was", "rows were")
+        << " not sent because of the problems above";
+  }
+  out << ".\n";
+  if (summary.failed + summary.notSent > 0) {
+    std::filesystem::path path =
+        options.failedRows.value_or(FailedRows::standardPath(options.file));
+    Durable::replace(path, FailedRows::csv(grid, summary.outcomes), 0644);
+    out << fmt::format(
+        "The rows that were not written are in {}, with a column \u201c{}\u201d that says why. "
+        "Fix them there and import that file again.\n",
+        path.string(), FailedRows::kErrorHeader);
+  }
+  if (options.results) {
+    std::vector<RunResultsWorkbook::Entry> entries;
+    entries.reserve(summary.outcomes.size());
+    for (const auto& outcome : summary.outcomes) {
+      std::string detail = fmt::format("Row {}", outcome.row + 2);
+      if (!outcome.message.empty()) detail += ": " + outcome.message;
+      entries.push_back({outcome.recordId, std::nullopt,
+                         outcomeWord(outcome, summary.sent[outcome.row], plan.operation.kind),
+                         std::move(detail)});
+    }
+    RunResultsWorkbook::write(*options.results, label, entries);
+    out << "The outcome of every row is in " << options.results->string() << ".\n";
+  }
 }
 
 }  // namespace
@@ -189,10 +290,37 @@ ImportPlan run(CommandContext& context, SalesforceAPI::Client& api, const RunOpt
   }
   ImportPlan plan = ImportPlan::build(grid, mapping, fields, options.operation, options.coercion);
   printReport(mapping, plan, object, context.out);
-  if (!options.dryRun) {
-    context.out << "Nothing was written: writing records is not available yet. Use --dry-run to "
-                   "check a file.\n";
+  if (options.dryRun || plan.blocked()) return plan;
+  if (plan.readyRows() == 0) {
+    context.out << "No row is ready to " << plan.operation.verb() << ", so nothing was written.\n";
+    return plan;
   }
+
+  DedupeAPITransport transport(api, org);
+  ImportJournal journal(options.journal.value_or(ImportJournal::standardPath()));
+  std::string source =
+      options.file == "-" ? std::string("-") : std::filesystem::absolute(options.file).string();
+  ImportRunner::Options runOptions{org.username, object, source};
+  runOptions.again = options.again;
+  ImportRunner runner(transport, journal, runOptions);
+  InterruptGuard guard;
+  std::size_t lastShown = 0;
+  ImportRunSummary summary = runner.run(
+      plan, fields,
+      [&](const ImportProgress& progress) {
+        // A line per thousand rows or so; small imports only show the summary.
+        if (progress.rowsToWrite < 1000 || progress.rowsWritten == progress.rowsToWrite ||
+            progress.rowsWritten < lastShown + 1000) {
+          return;
+        }
+        lastShown = progress.rowsWritten;
+        context.out << fmt::format("Written {} of {} rows...\n", progress.rowsWritten,
+                                   progress.rowsToWrite)
+                    << std::flush;
+      },
+      [] { return interrupted.load(); });
+  std::string label = describe.is_object() ? describe.value("label", object) : object;
+  reportOutcome(context, grid, plan, summary, options, label);
   return plan;
 }
 
@@ -259,13 +387,22 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->check(CLI::IsMember({"dmy", "mdy", "ymd"}));
   runCommand
       ->add_option("--time-zone", runText->timeZone,
-                   "UTC offset of date-times written without one, such as +01:00 (standard: UTC)")
+                   "Zone of date-times written without one: a name such as Europe/Berlin, or an "
+                   "offset such as +01:00 (standard: UTC)")
       ->check([](const std::string& text) {
-        return ValueCoercion::utcOffsetMinutes(text) ? std::string()
-                                                     : "must be UTC or an offset such as +01:00";
+        if (ValueCoercion::utcOffsetMinutes(text) || NamedTimeZone::known(text))
+          return std::string();
+        return std::string(TimeZoneError(text).what());
       });
   runCommand->add_flag("--dry-run", runText->options.dryRun,
                        "Check the file and report, writing nothing");
+  runCommand->add_flag("--again", runText->options.again,
+                       "Import the rows even though an earlier run already imported them");
+  runCommand->add_option("--results", runText->options.results,
+                         "Write the outcome of every row to this .xlsx workbook");
+  runCommand->add_option("--failed-rows", runText->options.failedRows,
+                         "Where the rows that were not written go, as CSV (standard: beside "
+                         "the file, \"NAME - failed rows.csv\")");
   runCommand->callback([&context, &chosen, runText] {
     runText->options.operation = *ImportOperation::parse(runText->operation);
     if (runText->dateOrder) {
@@ -274,8 +411,11 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
                                                                            : DateOrder::ymd;
     }
     if (runText->timeZone) {
-      runText->options.coercion.utcOffsetMinutes =
-          *ValueCoercion::utcOffsetMinutes(*runText->timeZone);
+      if (auto offset = ValueCoercion::utcOffsetMinutes(*runText->timeZone)) {
+        runText->options.coercion.utcOffsetMinutes = *offset;
+      } else {
+        runText->options.coercion.timeZone = NamedTimeZone::named(*runText->timeZone);
+      }
     }
     chosen = [&context, runText] {
       SalesforceAPI::Client api(

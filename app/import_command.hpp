@@ -3,9 +3,11 @@
 // it in a spreadsheet program; `corvane import paste [--json]`: pasted text
 // from standard input read the same way; `corvane import run LOGIN OBJECT FILE
 // --operation OP [--map "Header=Field"]... [--mapping FILE] [--save-mapping
-// FILE] [--date-order dmy|mdy|ymd] [--time-zone ZONE] --dry-run`: the grid
-// mapped onto the object's fields and every value checked, with a report of
-// the mapping and of each problem by row and column.
+// FILE] [--date-order dmy|mdy|ymd] [--time-zone ZONE] [--dry-run] [--results
+// FILE.xlsx] [--failed-rows FILE.csv]`: the grid mapped onto the object's
+// fields and every value checked, with a report of the mapping and of each
+// problem by row and column; without --dry-run the rows are then written, and
+// a stopped run of the same file resumes where it stopped.
 //
 // Failures are typed (ImportError, FileError); the command runner prints them.
 #pragma once
@@ -55,11 +57,18 @@ struct RunOptions {
   std::optional<std::filesystem::path> saveMapping;  // where to save the final mapping
   CoercionOptions coercion;
   bool dryRun = false;
+  std::optional<std::filesystem::path> results;     // the results workbook (.xlsx)
+  std::optional<std::filesystem::path> failedRows;  // standard: beside the file
+  std::optional<std::filesystem::path> journal;     // standard: ImportJournal::standardPath()
+  bool again = false;  // import rows that an earlier run already imported in full
 };
 
 // Reads the grid, maps and checks it against the object's describe, and prints
-// the mapping and the report. Returns the plan. Throws ImportError,
-// MappingError and the transport's errors.
+// the mapping and the report. Unless dryRun, then writes the rows without
+// problems (ImportRunner), prints what became of them, and writes the failed
+// rows' CSV and the results workbook. Ctrl-C stops after the batch in flight.
+// Returns the plan. Throws ImportError, MappingError, ImportRunError and the
+// transport's errors.
 ImportPlan run(CommandContext& context, SalesforceAPI::Client& api, const RunOptions& options,
                std::istream& pasted);
 

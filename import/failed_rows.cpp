@@ -43,7 +43,8 @@ std::string csv(const ImportGrid& grid, const std::vector<RowOutcome>& outcomes)
     if (outcome.success || outcome.row >= grid.rows.size()) continue;
     const auto& row = grid.rows[outcome.row];
     for (std::size_t column = 0; column < width; ++column) {
-      appendField(out, column < row.size() ? row[column] : std::string());
+      std::string cell = column < row.size() ? std::string(row[column]) : std::string();
+      appendField(out, cell);
       out += ',';
     }
     appendField(out, outcome.message);

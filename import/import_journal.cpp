@@ -73,6 +73,14 @@ ImportJournal::Run ImportJournal::begin(const std::string& key, const std::strin
   return Run{db_->lastInsertRowid(), false};
 }
 
+std::optional<std::string> ImportJournal::finishedAt(const std::string& key) const {
+  Statement find = db_->prepare(
+      "SELECT finished_at FROM runs WHERE key = ? AND finished_at IS NOT NULL ORDER BY id DESC");
+  find.bindText(1, key);
+  if (!find.step()) return std::nullopt;
+  return find.columnOptionalText(0);
+}
+
 std::vector<JournalBatch> ImportJournal::batches(std::int64_t run) const {
   Statement select = db_->prepare(
       "SELECT number, rows, state, sent_at, job_id FROM batches WHERE run_id = ? ORDER BY number");

@@ -66,6 +66,10 @@ class ImportJournal {
   Run begin(const std::string& key, const std::string& login, const std::string& object,
             const std::string& operation, const std::string& source, const std::string& startedAt);
 
+  // When the latest finished run with this key finished; none when no run
+  // with it has finished.
+  std::optional<std::string> finishedAt(const std::string& key) const;
+
   // The run's batches in number order.
   std::vector<JournalBatch> batches(std::int64_t run) const;
 

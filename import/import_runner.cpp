@@ -102,6 +102,11 @@ class Run {
   ImportRunSummary go() {
     ImportRunSummary summary;
     std::string key = ImportRunner::runKey(plan_, options_.login, options_.object);
+    if (!options_.again) {
+      if (auto finished = journal_.finishedAt(key)) {
+        throw ImportRunError::alreadyImported(*finished);
+      }
+    }
     ImportJournal::Run entry =
         journal_.begin(key, options_.login, options_.object, plan_.operation.name(),
                        options_.source, IsoTime::formatPlain(std::chrono::system_clock::now()));
@@ -496,6 +501,15 @@ ImportRunError ImportRunError::allowance(std::int64_t needed, std::int64_t left)
                   "further rows were sent; run the same import again tomorrow, or when the "
                   "allowance has recovered, to continue.",
                   needed, needed == 1 ? "request" : "requests", left));
+}
+
+ImportRunError ImportRunError::alreadyImported(const std::string& finishedAt) {
+  return ImportRunError(
+      Kind::alreadyImported,
+      fmt::format("These rows were already imported into this org by a run that finished at {} "
+                  "(UTC). Nothing was sent. To import them once more, run the import again with "
+                  "--again.",
+                  finishedAt));
 }
 
 ImportRunner::ImportRunner(DedupeTransport& transport, ImportJournal& journal, Options options)

@@ -42,10 +42,11 @@ namespace corvane {
 class ImportRunError : public UserFacingError {
  public:
   enum class Kind {
-    cancelled,       // the user stopped it
-    connectionLost,  // a request went out and no readable reply came back
-    signedOut,       // the login's session is gone
-    allowance,       // the org's daily API allowance is (nearly) spent
+    cancelled,        // the user stopped it
+    connectionLost,   // a request went out and no readable reply came back
+    signedOut,        // the login's session is gone
+    allowance,        // the org's daily API allowance is (nearly) spent
+    alreadyImported,  // the same rows went to the same org before, in full
   };
 
   static ImportRunError cancelled(std::size_t written, std::size_t total);
@@ -55,6 +56,8 @@ class ImportRunError : public UserFacingError {
   // needed: the requests the rest of the import takes; left: those that may
   // still be spent before the allowance falls under its floor.
   static ImportRunError allowance(std::int64_t needed, std::int64_t left);
+  // finishedAt: when the earlier import of the same rows finished (ISO 8601).
+  static ImportRunError alreadyImported(const std::string& finishedAt);
 
   Kind kind() const { return kind_; }
 
@@ -104,6 +107,10 @@ class ImportRunner {
     // is checked no sooner than this after it left, so that what it writes
     // is seen and not sent again.
     std::chrono::milliseconds settleDelay{10'000};
+    // Import rows that an earlier, finished run already imported in full.
+    // Without it such a run is refused, so that a run that finished unseen
+    // (the window closed, the program was killed at its end) is not repeated.
+    bool again = false;
   };
 
   ImportRunner(DedupeTransport& transport, ImportJournal& journal, Options options);

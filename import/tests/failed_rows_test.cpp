@@ -8,10 +8,8 @@ namespace corvane {
 namespace {
 
 TEST(FailedRows, KeepTheFilesCellsAndAddTheReasonAsLastColumn) {
-  ImportGrid grid{
-      std::nullopt,
-      {"Name", "Note"},
-      {{"Ok"}, {"Acme, Inc.", "said \"hi\"\nthen left"}, {"Short"}, {"Long", "b", "extra"}}};
+  ImportGrid grid = *DelimitedText::parse(
+      "Name,Note\nOk\n\"Acme, Inc.\",\"said \"\"hi\"\"\nthen left\"\nShort\nLong,b,extra\n", ',');
   std::vector<RowOutcome> outcomes{{0, true, "001A", "", true},
                                    {1, false, "", "REQUIRED_FIELD_MISSING: Required fields", false},
                                    {2, false, "", "Not sent: bad", false},

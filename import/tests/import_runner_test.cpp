@@ -78,6 +78,7 @@ class ImportRunnerTest : public orgsim::testing::ServerFixture {
     options.bulkJobRows = 3;
     options.pollInterval = std::chrono::milliseconds(5);
     options.settleDelay = std::chrono::milliseconds(0);
+    options.again = again_;
     ImportRunner runner(transport, journal, options);
     return runner.run(plan, fields_, [this](const ImportProgress& p) { progress_.push_back(p); });
   }
@@ -97,6 +98,7 @@ class ImportRunnerTest : public orgsim::testing::ServerFixture {
   std::filesystem::path journalPath_;
   std::vector<ImportProgress> progress_;
   std::size_t bulkThreshold_ = 2000;
+  bool again_ = false;
 };
 
 TEST_F(ImportRunnerTest, InsertsInBatchesAndReportsEachRowsOutcome) {
@@ -129,7 +131,14 @@ TEST_F(ImportRunnerTest, InsertsInBatchesAndReportsEachRowsOutcome) {
   EXPECT_EQ(acme["records"][0]["AnnualRevenue"], 1200);
   EXPECT_EQ(acme["records"][0]["Industry"], "Banking");
 
-  // The finished run is not resumed: the same file again is a new import.
+  // The same rows again are refused unless asked for; then they are a new import.
+  try {
+    run(accounts, *transport_);
+    ADD_FAILURE() << "the finished import ran again";
+  } catch (const ImportRunError& error) {
+    EXPECT_EQ(error.kind(), ImportRunError::Kind::alreadyImported);
+  }
+  again_ = true;
   ImportRunSummary again = run(accounts, *transport_);
   EXPECT_FALSE(again.resumed);
   EXPECT_EQ(accountsByName()["Acme"], 2);
