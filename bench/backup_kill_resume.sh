@@ -48,13 +48,17 @@ backup "$work/whole" >/dev/null 2>&1
 took=$(echo "$(date +%s.%N) - $start" | bc)
 echo "uninterrupted run: ${took}s"
 
+killed=0
 for i in $(seq "$kills"); do
-  backup "$work/killed" >/dev/null 2>&1 &
+  # The program itself, not a shell function around it: the kill must reach it.
+  "$corvane" backup run sample --root "$work/killed" --only "$only" --json >/dev/null 2>&1 &
   pid=$!
-  pause=$(python3 -c "import random; print(round(random.uniform(0.05, $took), 2))")
+  # Short pauses, so that most kills fall inside the one resumed run.
+  pause=$(python3 -c "import random; print(round(random.uniform(0.2, $took / 3), 2))")
   sleep "$pause"
   if kill -9 "$pid" 2>/dev/null; then
     echo "kill $i after ${pause}s"
+    killed=$((killed + 1))
   else
     echo "kill $i: the run had finished after ${pause}s"
   fi
@@ -93,5 +97,6 @@ if [[ "$(ids "$work/whole")" != "$(ids "$work/killed")" ]]; then
 fi
 ids "$work/killed" | awk -F'|' '$2 != $3 { print "duplicate ids in " $1; bad = 1 } END { exit bad }' ||
   status=1
+echo "$killed kills"
 [[ $status -eq 0 ]] && echo PASS || echo FAIL
 exit $status

@@ -73,17 +73,14 @@ TEST_F(BackupFaultsTest, ALostLocatorRereadsTheObjectOnceThenLeavesItForTheNextR
 TEST_F(BackupFaultsTest, ADroppedConnectionOrSpentAllowanceStopsAndTheNextRunCarriesOn) {
   fault({{"path", resultsPath}, {"fault", "drop"}, {"afterBytes", 50}, {"count", 1}});
   auto dropped = run(first_.path(), RunKind::full);
-  if (dropped.result == RunResult::stopped) {
-    EXPECT_EQ(dropped.message.rfind(stopped, 0), 0u) << dropped.message;
-  }
+  EXPECT_EQ(dropped.result, RunResult::stopped);
+  EXPECT_EQ(dropped.message.rfind(stopped, 0), 0u) << dropped.message;
   fault({{"path", resultsPath}, {"fault", "REQUEST_LIMIT_EXCEEDED"}, {"count", 1}});
   auto spent = run(first_.path(), RunKind::full);
-  if (dropped.result == RunResult::stopped) {
-    EXPECT_EQ(spent.result, RunResult::stopped);
-    EXPECT_EQ(spent.message, std::string(stopped) +
-                                 " (Salesforce says the org's daily API allowance is used up.)");
-    EXPECT_EQ(spent.folder, dropped.folder);
-  }
+  EXPECT_EQ(spent.result, RunResult::stopped);
+  EXPECT_EQ(spent.message,
+            std::string(stopped) + " (Salesforce says the org's daily API allowance is used up.)");
+  EXPECT_EQ(spent.folder, dropped.folder);
   auto resumed = runToTheEnd(first_.path(), RunKind::full);
   ASSERT_EQ(resumed.result, RunResult::complete) << resumed.message;
   expectSameAsReference(resumed);
