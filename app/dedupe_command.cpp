@@ -12,7 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "connections/api_transport.hpp"
-#include "dedupe/delete_runner.hpp"
+#include "dedupe/change_runner.hpp"
 #include "dedupe/keeper_rules.hpp"
 #include "dedupe/matcher.hpp"
 #include "dedupe/resolution_preflight.hpp"
@@ -778,12 +778,7 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     context.out << "This action changes nothing in Salesforce.\n";
     return;
   }
-  if (plan.action.kind == Kind::fillGaps || plan.action.kind == Kind::tagLosers) {
-    context.out << "Writing updates is done through an import of the decision workbook; nothing "
-                   "was changed.\n";
-    return;
-  }
-  if (plan.merges.empty() && plan.deletes.empty()) {
+  if (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty()) {
     context.out << "Nothing to change.\n";
     return;
   }
@@ -845,17 +840,21 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     }
     signedOut = runner.signedOut();
   } else {
-    DeleteRunner::Options runnerOptions;
+    ChangeRunner::Options runnerOptions;
     runnerOptions.lockPause = options.lockPause;
     runnerOptions.lockAttempts = options.lockAttempts;
-    DeleteRunner runner(transport, runnerOptions);
-    for (const DeleteRunner::DeleteResult& result : runner.run(plan.deletes, options.progress)) {
-      using Status = DeleteRunner::DeleteResult::Status;
+    ChangeRunner runner(transport, runnerOptions);
+    const bool deleting = plan.action.kind == Kind::deleteLosers;
+    const std::string verb = deleting ? "Deleted " : "Updated ";
+    auto results = deleting ? runner.deleteRecords(plan.deletes, options.progress)
+                            : runner.updateRecords(plan.updates, options.progress);
+    for (const ChangeRunner::ChangeResult& result : results) {
+      using Status = ChangeRunner::ChangeResult::Status;
       std::string what = result.sfid + " (group " + std::to_string(result.groupId) + ")";
       switch (result.status) {
-        case Status::deleted:
+        case Status::done:
           ++done;
-          context.out << "Deleted " << what << '\n';
+          context.out << verb << what << '\n';
           break;
         case Status::failed:
           ++failed;
@@ -867,7 +866,8 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
           break;
         case Status::notAttempted:
           ++notDone;
-          context.out << "Not deleted " << what << ": " << result.message.value_or("") << '\n';
+          context.out << "Not " << (deleting ? "deleted " : "updated ") << what << ": "
+                      << result.message.value_or("") << '\n';
           break;
       }
     }

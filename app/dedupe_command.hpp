@@ -132,7 +132,7 @@ struct ResolveOptions {
   // The pause before retrying a locked row, and how often.
   std::chrono::milliseconds lockPause{1000};
   int lockAttempts = 4;
-  // apply: after each merge call or delete batch.
+  // apply: after each merge call or batch of deletes or updates.
   std::function<void(std::size_t done, std::size_t total)> progress;
 };
 
@@ -143,7 +143,7 @@ ResolutionPlan plan(CommandContext& context, SalesforceAPI::Client& api,
                     const std::filesystem::path& snapshot, const ResolveOptions& options);
 
 // plan, then the preflight (records changed in the org since the snapshot
-// stop everything), then the merges or deletes, one line per result. Throws
+// stop everything), then the merges, deletes or updates, one line per result. Throws
 // signedOutPartWay or notApplied after printing when not everything was done.
 void apply(CommandContext& context, SalesforceAPI::Client& api,
            const std::filesystem::path& snapshot, const ResolveOptions& options);

@@ -27,3 +27,10 @@ if(TARGET corvane_dedupe)
   add_executable(dedupe_match_speed_bench dedupe_match_speed_bench.cpp)
   target_link_libraries(dedupe_match_speed_bench PRIVATE corvane_dedupe benchmark::benchmark)
 endif()
+
+if(TARGET corvane_dedupe AND TARGET corvane_orgsim_generate AND TARGET corvane_connections)
+  # Matcher accuracy on the sample org's Contacts against its ground truth.
+  add_executable(dedupe_match_sample_org_bench dedupe_match_sample_org_bench.cpp)
+  target_link_libraries(dedupe_match_sample_org_bench PRIVATE corvane_dedupe corvane_connections
+                        corvane_orgsim_generate corvane_orgsim benchmark::benchmark)
+endif()

@@ -1,4 +1,4 @@
-#include "dedupe/delete_runner.hpp"
+#include "dedupe/change_runner.hpp"
 
 #include <map>
 #include <thread>
@@ -21,9 +21,9 @@ std::string sentence(std::string text) {
 
 }  // namespace
 
-DeleteRunner::DeleteRunner(DedupeTransport& transport) : DeleteRunner(transport, Options()) {}
+ChangeRunner::ChangeRunner(DedupeTransport& transport) : ChangeRunner(transport, Options()) {}
 
-DeleteRunner::DeleteRunner(DedupeTransport& transport, Options options)
+ChangeRunner::ChangeRunner(DedupeTransport& transport, Options options)
     : transport_(transport), options_(std::move(options)) {
   if (!options_.sleep) {
     options_.sleep = [](std::chrono::milliseconds pause) { std::this_thread::sleep_for(pause); };
@@ -31,33 +31,64 @@ DeleteRunner::DeleteRunner(DedupeTransport& transport, Options options)
   if (options_.batchSize == 0) options_.batchSize = 1;
 }
 
-std::string DeleteRunner::unknownOutcome(std::string_view reason) {
-  return "The delete did not complete: " + sentence(std::string(reason)) +
-         " Check these records in Salesforce before retrying \u2014 the delete may have gone "
+std::string ChangeRunner::unknownOutcome(std::string_view reason) {
+  return "The change did not complete: " + sentence(std::string(reason)) +
+         " Check these records in Salesforce before retrying \u2014 the change may have gone "
          "through.";
 }
 
-std::string DeleteRunner::notAttemptedSignedOut() {
-  return "Not attempted: Salesforce signed you out before this delete.";
+std::string ChangeRunner::notAttemptedSignedOut() {
+  return "Not attempted: Salesforce signed you out before this change.";
 }
 
-std::string DeleteRunner::notAttemptedCancelled() {
-  return "Not attempted: the run was stopped before this delete.";
+std::string ChangeRunner::notAttemptedCancelled() {
+  return "Not attempted: the run was stopped before this change.";
 }
 
-std::vector<DeleteRunner::DeleteResult> DeleteRunner::run(const std::vector<PlannedChange>& deletes,
+std::vector<ChangeRunner::ChangeResult> ChangeRunner::deleteRecords(
+    const std::vector<PlannedChange>& deletes, const Progress& onProgress) {
+  return run(
+      deletes,
+      [this](const std::vector<const PlannedChange*>& batch) {
+        std::string ids;
+        for (const PlannedChange* change : batch) ids += (ids.empty() ? "" : ",") + change->sfid;
+        return transport_.send("DELETE", "composite/sobjects",
+                               {{"ids", ids}, {"allOrNone", "false"}}, std::nullopt);
+      },
+      onProgress);
+}
+
+std::vector<ChangeRunner::ChangeResult> ChangeRunner::updateRecords(
+    const std::vector<PlannedChange>& updates, const Progress& onProgress) {
+  return run(
+      updates,
+      [this](const std::vector<const PlannedChange*>& batch) {
+        nlohmann::json records = nlohmann::json::array();
+        for (const PlannedChange* change : batch) {
+          nlohmann::json record = {{"attributes", {{"type", change->object}}}, {"id", change->sfid}};
+          for (const auto& [field, value] : change->fields) record[field] = value;
+          records.push_back(std::move(record));
+        }
+        return transport_.send("PATCH", "composite/sobjects", {},
+                               nlohmann::json{{"allOrNone", false}, {"records", records}}.dump());
+      },
+      onProgress);
+}
+
+std::vector<ChangeRunner::ChangeResult> ChangeRunner::run(const std::vector<PlannedChange>& changes,
+                                                          const Send& send,
                                                           const Progress& onProgress) {
-  using Status = DeleteResult::Status;
+  using Status = ChangeResult::Status;
   signedOut_ = false;
   cancelled_ = false;
-  std::vector<DeleteResult> results(deletes.size());
-  for (std::size_t i = 0; i < deletes.size(); ++i) {
-    results[i].sfid = deletes[i].sfid;
-    results[i].groupId = deletes[i].groupId;
+  std::vector<ChangeResult> results(changes.size());
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    results[i].sfid = changes[i].sfid;
+    results[i].groupId = changes[i].groupId;
   }
 
-  for (std::size_t start = 0; start < deletes.size(); start += options_.batchSize) {
-    const std::size_t end = std::min(deletes.size(), start + options_.batchSize);
+  for (std::size_t start = 0; start < changes.size(); start += options_.batchSize) {
+    const std::size_t end = std::min(changes.size(), start + options_.batchSize);
     if (!signedOut_ && !cancelled_ && options_.shouldCancel && options_.shouldCancel()) {
       cancelled_ = true;
     }
@@ -65,26 +96,25 @@ std::vector<DeleteRunner::DeleteResult> DeleteRunner::run(const std::vector<Plan
       for (std::size_t i = start; i < end; ++i) {
         results[i].message = signedOut_ ? notAttemptedSignedOut() : notAttemptedCancelled();
       }
-      if (onProgress) onProgress(end, deletes.size());
+      if (onProgress) onProgress(end, changes.size());
       continue;
     }
     std::vector<std::size_t> pending;
     for (std::size_t i = start; i < end; ++i) pending.push_back(i);
     std::chrono::milliseconds pause = options_.lockPause;
     for (int attempt = 1; !pending.empty(); ++attempt) {
-      std::string ids;
-      for (std::size_t i : pending) ids += (ids.empty() ? "" : ",") + deletes[i].sfid;
+      std::vector<const PlannedChange*> batch;
+      for (std::size_t i : pending) batch.push_back(&changes[i]);
       std::string body;
       try {
-        body = transport_.send("DELETE", "composite/sobjects", {{"ids", ids}, {"allOrNone", "false"}},
-                               std::nullopt);
+        body = send(batch);
       } catch (const std::exception& error) {
         TransportFailure seen = transport_.classify(error);
         if (seen.signedOut) {
           signedOut_ = true;
           for (std::size_t i : pending) results[i].message = notAttemptedSignedOut();
         } else if (seen.httpStatus > 0) {
-          // Refused as a whole: nothing in the call was deleted.
+          // Refused as a whole: nothing in the call was changed.
           for (std::size_t i : pending) {
             results[i].status = Status::failed;
             results[i].message =
@@ -110,9 +140,9 @@ std::vector<DeleteRunner::DeleteResult> DeleteRunner::run(const std::vector<Plan
       std::vector<std::size_t> locked;
       for (std::size_t index = 0; index < pending.size(); ++index) {
         const std::size_t i = pending[index];
-        DeleteResult& result = results[i];
+        ChangeResult& result = results[i];
         const nlohmann::json* item = nullptr;
-        if (auto found = byId.find(deletes[i].sfid); found != byId.end()) {
+        if (auto found = byId.find(changes[i].sfid); found != byId.end()) {
           item = found->second;
         } else if (reply.is_array() && reply.size() == pending.size() && reply[index].is_object()) {
           item = &reply[index];  // results come in the order of the ids
@@ -123,7 +153,7 @@ std::vector<DeleteRunner::DeleteResult> DeleteRunner::run(const std::vector<Plan
           continue;
         }
         if (item->value("success", false)) {
-          result.status = Status::deleted;
+          result.status = Status::done;
           result.success = true;
           continue;
         }
@@ -147,7 +177,7 @@ std::vector<DeleteRunner::DeleteResult> DeleteRunner::run(const std::vector<Plan
         pause *= 2;
       }
     }
-    if (onProgress) onProgress(end, deletes.size());
+    if (onProgress) onProgress(end, changes.size());
   }
   return results;
 }

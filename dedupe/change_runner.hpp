@@ -1,5 +1,6 @@
-// Deletes the losers of a resolution plan through the REST composite API,
-// up to 200 records per call, with per-record results (allOrNone=false).
+// Writes the deletes or the updates of a resolution plan through the REST
+// composite API, up to 200 records per call, with per-record results
+// (allOrNone=false).
 //
 // Deleted records go to the org's Recycle Bin. The rules follow the merge
 // runner's: a sign-out stops the run (the rest are not attempted), a row lock
@@ -20,16 +21,16 @@
 
 namespace corvane {
 
-class DeleteRunner {
+class ChangeRunner {
  public:
-  struct DeleteResult {
-    enum class Status { deleted, failed, unknown, notAttempted };
+  struct ChangeResult {
+    enum class Status { done, failed, unknown, notAttempted };
     std::string sfid;
     std::int64_t groupId = 0;
     bool success = false;
     std::optional<std::string> message;
     Status status = Status::notAttempted;
-    bool operator==(const DeleteResult&) const = default;
+    bool operator==(const ChangeResult&) const = default;
   };
 
   struct Options {
@@ -42,12 +43,16 @@ class DeleteRunner {
 
   using Progress = std::function<void(std::size_t done, std::size_t total)>;
 
-  explicit DeleteRunner(DedupeTransport& transport);
-  DeleteRunner(DedupeTransport& transport, Options options);
+  explicit ChangeRunner(DedupeTransport& transport);
+  ChangeRunner(DedupeTransport& transport, Options options);
 
-  // One result per delete, in order; onProgress after each call.
-  std::vector<DeleteResult> run(const std::vector<PlannedChange>& deletes,
-                                const Progress& onProgress);
+  // DELETE composite/sobjects?ids=...: one result per change, in order;
+  // onProgress after each call.
+  std::vector<ChangeResult> deleteRecords(const std::vector<PlannedChange>& deletes,
+                                          const Progress& onProgress);
+  // PATCH composite/sobjects with each change's fields.
+  std::vector<ChangeResult> updateRecords(const std::vector<PlannedChange>& updates,
+                                          const Progress& onProgress);
 
   bool signedOut() const { return signedOut_; }
   bool cancelled() const { return cancelled_; }
@@ -57,6 +62,10 @@ class DeleteRunner {
   static std::string notAttemptedCancelled();
 
  private:
+  using Send = std::function<std::string(const std::vector<const PlannedChange*>&)>;
+  std::vector<ChangeResult> run(const std::vector<PlannedChange>& changes, const Send& send,
+                                const Progress& onProgress);
+
   DedupeTransport& transport_;
   Options options_;
   bool signedOut_ = false;

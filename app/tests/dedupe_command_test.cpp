@@ -391,6 +391,22 @@ TEST_F(DedupeResolveCommandTest, NotADuplicateMarksKeepRecordsOutAndDryRunChange
   EXPECT_EQ(row(martha2_)["IsDeleted"], false);
 }
 
+TEST_F(DedupeResolveCommandTest, FillingGapsCopiesALosersValueIntoTheKeptRecordOnly) {
+  auto url = downloadContacts();
+  auto ctx = context();
+  auto options = mergeOldest();
+  options.action = ResolutionAction::fillGaps();
+  out_.str("");
+  DedupeCommand::apply(ctx, *api_, url, options);
+  EXPECT_NE(out_.str().find("Updated " + martha1_), std::string::npos) << out_.str();
+  EXPECT_NE(out_.str().find("1 done, 0 failed"), std::string::npos) << out_.str();
+  EXPECT_EQ(row(martha1_)["Title"], "CFO & <Board>");
+  EXPECT_EQ(row(martha2_)["IsDeleted"], false);
+  EXPECT_EQ(row(peter2_)["Title"], "Pilot");  // already filled: not overwritten
+  const auto blank = row(peter1_)["Title"];
+  EXPECT_TRUE(blank.is_null() || blank == "") << blank;
+}
+
 TEST_F(DedupeResolveCommandTest, CasesAreNotMergedAndTheGroupSaysWhy) {
   for (int i = 0; i < 2; ++i) {
     admin("records/create", {{"object", "Case"}, {"fields", {{"Subject", "Printer on fire"}}}});

@@ -5,8 +5,9 @@
 #include <deque>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
-#include "dedupe/delete_runner.hpp"
+#include "dedupe/change_runner.hpp"
 #include "dedupe/resolution_preflight.hpp"
 
 namespace corvane {
@@ -28,10 +29,12 @@ class ScriptedTransport : public DedupeTransport {
   std::deque<Step> steps;
   std::vector<std::string> soapBodies;
   std::vector<std::pair<std::string, QueryItems>> calls;  // path, query
+  std::vector<std::string> bodies;
 
   std::string send(const std::string& method, const std::string& path, const QueryItems& query,
-                   const std::optional<std::string>&) override {
+                   const std::optional<std::string>& body) override {
     calls.emplace_back(method + " " + path, query);
+    bodies.push_back(body.value_or(""));
     return next();
   }
   std::pair<std::string, ResponseHeaders> getRaw(const std::string&, const QueryItems&,
@@ -195,7 +198,7 @@ TEST(MergeRunnerTest, ATransportWithoutSOAPSaysSo) {
   }
 }
 
-TEST(DeleteRunnerTest, DeletesInBatchesRetriesLocksAndStopsOnSignOut) {
+TEST(ChangeRunnerTest, DeletesInBatchesRetriesLocksAndStopsOnSignOut) {
   ScriptedTransport transport;
   transport.reply(R"([{"id":"A","success":true,"errors":[]},
                       {"id":"B","success":false,"errors":[{"statusCode":"UNABLE_TO_LOCK_ROW","message":"locked"}]}])");
@@ -203,23 +206,39 @@ TEST(DeleteRunnerTest, DeletesInBatchesRetriesLocksAndStopsOnSignOut) {
   transport.reply(R"([{"id":"C","success":false,"errors":[{"statusCode":"ENTITY_IS_DELETED","message":"entity is deleted"}]},
                       {"id":"D","success":true,"errors":[]}])");
   transport.fail("signed out", {true, 401, ""});
-  DeleteRunner::Options options;
+  ChangeRunner::Options options;
   options.batchSize = 2;
   options.sleep = [](std::chrono::milliseconds) {};
-  DeleteRunner runner(transport, options);
+  ChangeRunner runner(transport, options);
   std::vector<PlannedChange> deletes;
   for (std::string id : {"A", "B", "C", "D", "E", "F", "G"}) deletes.push_back({id, "", 1, {}, "Case"});
-  auto results = runner.run(deletes, {});
-  using S = DeleteRunner::DeleteResult::Status;
+  auto results = runner.deleteRecords(deletes, {});
+  using S = ChangeRunner::ChangeResult::Status;
   std::vector<S> statuses;
   for (const auto& r : results) statuses.push_back(r.status);
-  EXPECT_EQ(statuses, (std::vector<S>{S::deleted, S::deleted, S::failed, S::deleted,
+  EXPECT_EQ(statuses, (std::vector<S>{S::done, S::done, S::failed, S::done,
                                       S::notAttempted, S::notAttempted, S::notAttempted}));
   EXPECT_EQ(results[2].message, "entity is deleted");
   EXPECT_TRUE(runner.signedOut());
   EXPECT_EQ(transport.calls[0].first, "DELETE composite/sobjects");
   EXPECT_EQ(transport.calls[0].second,
             (QueryItems{{"ids", "A,B"}, {"allOrNone", "false"}}));
+}
+
+TEST(ChangeRunnerTest, UpdatesSendEachRecordsFieldsWithItsType) {
+  ScriptedTransport transport;
+  transport.reply(R"([{"id":"003A","success":true,"errors":[]},{"id":"003B","success":false,"errors":[]}])");
+  ChangeRunner runner(transport);
+  auto results = runner.updateRecords(
+      {{"003A", "", 1, {{"Title", "CFO & <Board>"}}, "Contact"}, {"003B", "", 2, {{"Dup__c", "003C"}}, "Contact"}},
+      {});
+  EXPECT_EQ(results[0].status, ChangeRunner::ChangeResult::Status::done);
+  EXPECT_EQ(results[1].message, "Salesforce reported a failure without details.");
+  EXPECT_EQ(transport.calls[0].first, "PATCH composite/sobjects");
+  EXPECT_EQ(nlohmann::json::parse(transport.bodies[0]),
+            nlohmann::json::parse(R"({"allOrNone":false,"records":[
+              {"attributes":{"type":"Contact"},"id":"003A","Title":"CFO & <Board>"},
+              {"attributes":{"type":"Contact"},"id":"003B","Dup__c":"003C"}]})"));
 }
 
 TEST(PreflightTest, SortsRecordsIntoFreshChangedAndMissing) {
