@@ -39,10 +39,9 @@ ImportGrid benchGrid(std::size_t rows) {
   const char* cells[] = {
       "Acme Widgets Ltd", "$12,345.67",      "2024-03-31", "2024-03-31 14:30", "warm", "yes",
       "ana@example.com",  "+1 415 555 0100", "1,234",      "001xx000003DGb2"};
-  grid.rows.assign(rows, std::vector<std::string>());
-  for (auto& row : grid.rows) {
-    for (int i = 0; i < 20; ++i) row.emplace_back(cells[i % 10]);
-  }
+  std::vector<std::string> row;
+  for (int i = 0; i < 20; ++i) row.emplace_back(cells[i % 10]);
+  for (std::size_t i = 0; i < rows; ++i) grid.rows.push_back(row);
   return grid;
 }
 

@@ -102,12 +102,7 @@ void BM_ReadWorkbook(benchmark::State& state) {
     auto grid = reader.readSheet(std::size_t{0});
     if (!grid || grid->rows.size() != rowCount) state.SkipWithError("the sheet did not read whole");
     if (grid) {
-      gridBytes = 0;
-      for (const auto& row : grid->rows) {
-        gridBytes += static_cast<double>(sizeof row + row.capacity() * sizeof(std::string));
-        for (const auto& cell : row)
-          gridBytes += cell.size() > 15 ? static_cast<double>(cell.capacity()) : 0;
-      }
+      gridBytes = static_cast<double>(grid->rows.memoryUsed());
     }
     benchmark::DoNotOptimize(grid);
   }

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <span>
 #include <vector>
 
 #include "import/import_error.hpp"
@@ -52,7 +53,7 @@ class Parser {
         unquotedStops_(stopTable({static_cast<unsigned char>(delimiter), '"', '\r', '\n'})),
         quotedStops_(stopTable({'"'})) {}
 
-  std::vector<std::vector<std::string>> run() {
+  ImportRows run() {
     std::size_t i = 0;
     if (text_.substr(0, 3) == "\xEF\xBB\xBF") i = 3;
     const std::size_t n = text_.size();
@@ -113,21 +114,22 @@ class Parser {
   }
 
   void endField() {
-    row_.push_back(std::move(field_));
+    // Cells are reused row after row, keeping their allocations.
+    if (used_ < row_.size())
+      row_[used_].assign(field_);
+    else
+      row_.push_back(field_);
+    ++used_;
     field_.clear();
   }
 
   void endRow() {
     endField();
     inQuotes_ = false;
-    if (row_.size() == 1 && row_[0].empty()) {
-      row_.clear();
-      return;
-    }
-    std::size_t width = row_.size();
-    rows_.push_back(std::move(row_));
-    row_.clear();
-    row_.reserve(width);
+    const std::size_t count = used_;
+    used_ = 0;
+    if (count == 1 && row_[0].empty()) return;
+    rows_.appendRow(std::span<const std::string>(row_.data(), count));
   }
 
   std::string_view text_;
@@ -136,8 +138,9 @@ class Parser {
   StopTable quotedStops_;
   bool inQuotes_ = false;
   std::string field_;
-  std::vector<std::string> row_;
-  std::vector<std::vector<std::string>> rows_;
+  std::vector<std::string> row_;  // the first used_ are the current row's
+  std::size_t used_ = 0;
+  ImportRows rows_;
 };
 
 std::string fileName(const std::filesystem::path& path) { return path.filename().string(); }
@@ -204,8 +207,9 @@ std::optional<ImportGrid> parse(std::string_view text, char delimiter) {
   if (rows.empty()) return std::nullopt;
   ImportGrid grid;
   grid.headers.reserve(rows.front().size());
-  for (const auto& header : rows.front()) grid.headers.push_back(trimmedHeader(header));
-  grid.rows.assign(std::make_move_iterator(rows.begin() + 1), std::make_move_iterator(rows.end()));
+  for (ImportCell header : rows.front()) grid.headers.push_back(trimmedHeader(header));
+  rows.dropFirst();
+  grid.rows = std::move(rows);
   return grid;
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <span>
 
 #include <fmt/format.h>
 
@@ -329,10 +330,12 @@ std::optional<std::size_t> SheetParser::columnOf(std::string_view reference) {
   return column - 1;
 }
 
-std::vector<std::vector<std::string>> SheetParser::parse(PartInput& input,
-                                                         const CellContext& context) {
-  std::vector<std::vector<std::string>> rows;
+ImportRows SheetParser::parse(PartInput& input, const CellContext& context) {
+  ImportRows rows;
+  // The current row's cells: the first `width` of them; kept between rows so
+  // that their allocations are reused.
   std::vector<std::string> row;
+  std::size_t width = 0;
   std::size_t presentCells = 0;
   std::size_t filledGaps = 0;
   std::size_t nextColumn = 0;
@@ -345,12 +348,9 @@ std::vector<std::vector<std::string>> SheetParser::parse(PartInput& input,
   bool inCell = false;
 
   auto endRow = [&] {
-    if (!row.empty()) {
-      std::size_t width = row.size();
-      rows.push_back(std::move(row));
-      row.clear();
-      row.reserve(width);
-    }
+    if (width > 0) rows.appendRow(std::span<const std::string>(row.data(), width));
+    for (std::size_t i = 0; i < width; ++i) row[i].clear();
+    width = 0;
     nextColumn = 0;
   };
   auto endCell = [&] {
@@ -359,13 +359,14 @@ std::vector<std::vector<std::string>> SheetParser::parse(PartInput& input,
     nextColumn = column + 1;
     if (text.empty()) return;
     ++presentCells;
-    if (column >= row.size()) {
-      filledGaps += column - row.size();
+    if (column >= width) {
+      filledGaps += column - width;
       // Gaps cost memory without holding anything; a sane sheet has few.
       if (filledGaps > 4'000'000 + 4 * presentCells)
         throw WorkbookFormatError(fmt::format("{} has cells too far apart (such as column {})",
                                               input.name(), columnName(column)));
-      row.resize(column + 1);
+      if (row.size() < column + 1) row.resize(column + 1);
+      width = column + 1;
     }
     row[column] = std::move(text);
   };

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "import/import_grid.hpp"
+
 #include "import/xlsx_cells.hpp"
 
 namespace corvane {
@@ -108,7 +110,7 @@ std::optional<std::size_t> columnOf(std::string_view reference);
 // The non-blank rows of a sheet in order, cells as rendered by renderCell,
 // empty cells between two present ones as empty text, trailing empty cells
 // left out.
-std::vector<std::vector<std::string>> parse(PartInput& input, const CellContext& context);
+ImportRows parse(PartInput& input, const CellContext& context);
 
 }  // namespace SheetParser
 

@@ -163,9 +163,9 @@ struct XlsxReader::Impl {
     if (rows->empty()) return std::nullopt;
     ImportGrid grid;
     grid.sheetName = sheet.name;
-    for (const auto& header : rows->front()) grid.headers.push_back(trimmedHeader(header));
-    grid.rows.assign(std::make_move_iterator(rows->begin() + 1),
-                     std::make_move_iterator(rows->end()));
+    for (ImportCell header : rows->front()) grid.headers.push_back(trimmedHeader(header));
+    rows->dropFirst();
+    grid.rows = std::move(*rows);
     return grid;
   }
 };

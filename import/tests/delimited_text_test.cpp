@@ -154,5 +154,41 @@ TEST(ImportGridCells, ReadsAndWritesOutsideTheRowsWithoutFailing) {
   EXPECT_EQ(grid, before);
 }
 
+TEST(ImportGridCells, CompactRowsKeepEveryCellAcrossBlocksCopiesAndChanges) {
+  // Enough text to fill several storage blocks, one row longer than a block,
+  // and empty cells and rows in between.
+  ImportRows rows;
+  std::vector<std::vector<std::string>> expected;
+  for (int i = 0; i < 20'000; ++i) {
+    std::vector<std::string> row{"row " + std::to_string(i), std::string(i % 97, 'x'), ""};
+    if (i == 7'000) row.push_back(std::string(3'000'000, 'L'));
+    if (i == 9'000) row.clear();
+    rows.push_back(row);
+    expected.push_back(std::move(row));
+  }
+  ASSERT_EQ(rows, expected);
+  EXPECT_EQ(rows[7'000][3].size(), 3'000'000u);
+  EXPECT_EQ(rows[7'001][0], "row 7001");
+  EXPECT_TRUE(rows[9'000].empty());
+
+  // A copy is independent of the original; a changed row reads back whole
+  // and compares equal to the same text built afresh.
+  ImportGrid grid{std::nullopt, {"a"}, rows};
+  ImportGrid copy = grid;
+  grid.setCell(5, 4, "far out");
+  grid.setCell(7'000, 3, "short now");
+  EXPECT_EQ(copy.rows, expected);
+  expected[5].resize(5);
+  expected[5][4] = "far out";
+  expected[7'000][3] = "short now";
+  EXPECT_EQ(grid.rows, expected);
+  EXPECT_EQ(grid, (ImportGrid{std::nullopt, {"a"}, expected}));
+  EXPECT_EQ(std::string(grid.cell(5, 4)), "far out");
+
+  rows.dropFirst();
+  EXPECT_EQ(rows.size(), 19'999u);
+  EXPECT_EQ(rows.front()[0], "row 1");
+}
+
 }  // namespace
 }  // namespace corvane
