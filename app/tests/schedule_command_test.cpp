@@ -246,6 +246,8 @@ TEST_F(ScheduleCommandTest, TheProgramInstallsTheTimerWhoseCommandRunsTheTick) {
   EXPECT_THAT(*Durable::readWhole(units / "service-commands.log"),
               HasSubstr("systemctl --user enable corvane-backup.timer"));
 
+  EXPECT_THAT(*service, HasSubstr("Environment=\"CORVANE_HOME=" + home.string() + "\"\n"));
+
   // What systemd would start, run by hand.
   const auto execStart = service->substr(service->find("ExecStart=") + 10);
   const auto line = execStart.substr(0, execStart.find('\n'));
