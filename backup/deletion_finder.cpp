@@ -372,6 +372,10 @@ DeletionFinder::Outcome DeletionFinder::findAll(const std::vector<Target>& targe
         const auto answer = getDeleted(object, start, serverNow_);
         if (answer.kind != Answer::Kind::answer) {
           refusedNow = !answer.aboutTheWindow;
+          // Salesforce refuses a window its purges have cut into: what left
+          // since then was purged. (Too many ids is no sign of a purge.)
+          if (answer.aboutTheWindow && answer.reason.find("record limit") == std::string::npos)
+            gone = How::purged;
           return std::nullopt;
         }
         outcome.found += markDeleted(object, answer.answer.records, How::recycleBin);

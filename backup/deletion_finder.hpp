@@ -14,7 +14,8 @@
 //   notYet      checked less than purgeCheckInterval ago.
 // Ids Salesforce names as deleted are recorded `recycleBin`; ids that are
 // simply gone are `missing`, or `purged` when Salesforce said it had purged its
-// log for the time in between. A deleted ContentDocument takes its versions
+// log for the time in between (an earliestDateAvailable after the start, or a
+// refusal of the window). A deleted ContentDocument takes its versions
 // with it. Every object's outcome is committed before the next object starts,
 // so a stopped run that resumes checks only what is left.
 #pragma once

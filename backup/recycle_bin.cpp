@@ -7,13 +7,11 @@
 #include <map>
 #include <optional>
 
+#include "connections/salesforce_api.hpp"
+
 namespace corvane {
 
 namespace {
-
-// Where the session goes in a SOAP envelope; the app's transport
-// (SalesforceAPI::sessionPlaceholder) puts the session there just before sending.
-constexpr std::string_view sessionPlaceholder = "{{corvane-session-id}}";
 
 // Salesforce record ids: 15 or 18 letters and digits.
 bool isRecordId(std::string_view id) {
@@ -208,7 +206,8 @@ std::string RecycleBin::undeleteEnvelope(const std::vector<std::string>& ids) {
       "<soapenv:Envelope xmlns:soapenv=\"http://schemas.xmlsoap.org/soap/envelope/\" "
       "xmlns:urn=\"urn:partner.soap.sforce.com\">"
       "<soapenv:Header><urn:SessionHeader><urn:sessionId>";
-  out += sessionPlaceholder;
+  // The app's transport puts the session here just before sending.
+  out += SalesforceAPI::sessionPlaceholder;
   out += "</urn:sessionId></urn:SessionHeader></soapenv:Header><soapenv:Body><urn:undelete>";
   // Only record ids get here: letters and digits, nothing to escape.
   for (const auto& id : ids) out += "<urn:ids>" + id + "</urn:ids>";

@@ -195,6 +195,22 @@ TEST_F(DeletionFinderTest, PurgedLogFallsBackAndNamesWhatLeftAsPurged) {
                                                           {ids[1], "recycleBin"}}));
 }
 
+TEST_F(DeletionFinderTest, AWindowRefusedAfterAPurgeIsComparedWithoutGivingUpOnTheLog) {
+  auto ids = orgsim::testing::addAccounts(store(), 3);
+  held("Account", ids, 2h);
+  remove(ids[2]);
+  orgsim::OrgRecords::purge(store(), "", {ids[2]});
+  store().advanceClock(2min);
+  admin("faults", {{"path", "/services/data/*/sobjects/Account/deleted*"},
+                   {"fault", "status"},
+                   {"status", 400},
+                   {"message", "startDate is before the earliest date available"},
+                   {"count", 1}});
+  find({{"Account", false, 2}});
+  EXPECT_EQ(found(), (std::map<std::string, std::string>{{ids[2], "purged"}}));
+  EXPECT_FALSE(backup_->objectState("Account")->getDeletedRefused);
+}
+
 TEST_F(DeletionFinderTest, IdJobsBeyondTheRunsBudgetWaitForTheNextRun) {
   auto accounts = orgsim::testing::addAccounts(store(), 3);
   held("Account", accounts, std::nullopt);
