@@ -249,9 +249,12 @@ class Run {
     } catch (const std::exception& error) {
       TransportFailure failure = transport_.classify(error);
       if (failure.signedOut) throw ImportRunError::signedOut(options_.login);
-      bool refused = failure.httpStatus >= 400 && failure.httpStatus < 500 &&
-                     failure.httpStatus != 403 && failure.httpStatus != 408 &&
-                     failure.httpStatus != 429;
+      // A 403 is the spent allowance (REQUEST_LIMIT_EXCEEDED, "TotalRequests Limit
+      // exceeded.") or a refusal such as missing access.
+      bool limit = failure.httpStatus == 403 &&
+                   (failure.message.find("imit") != std::string::npos || failure.message.empty());
+      bool refused = failure.httpStatus >= 400 && failure.httpStatus < 500 && !limit &&
+                     failure.httpStatus != 408 && failure.httpStatus != 429;
       if (refused) {
         // The org read the request and turned all of it down: nothing was written.
         std::string message = failure.message.empty() ? error.what() : failure.message;
@@ -261,7 +264,7 @@ class Run {
         report();
         return;
       }
-      if (failure.httpStatus == 403) throw ImportRunError::allowance(1, 0);
+      if (limit) throw ImportRunError::allowance(1, 0);
       if (recoveries_ >= options_.recoveries) {
         throw ImportRunError::connectionLost(known_.size(), toWrite_, error.what());
       }
