@@ -20,8 +20,8 @@ namespace corvane {
 class AllowanceWatch {
  public:
   // requestsMade: the run's request count so far.
-  AllowanceWatch(DedupeTransport& transport, std::function<std::int64_t()> requestsMade,
-                 int every, double minimumRemaining);
+  AllowanceWatch(DedupeTransport& transport, std::function<std::int64_t()> requestsMade, int every,
+                 double minimumRemaining);
 
   // Reads the allowance when a reading is due and tells whether it is low. An
   // allowance that cannot be read is not low (the run goes on; Salesforce

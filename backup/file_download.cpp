@@ -177,8 +177,9 @@ void record(SQLiteDB& db, const std::vector<Body>& bodies) {
     if (downloaded) earlier.push_back(nameOnDisk);
     const std::string again = body.id + "~" + std::to_string(earlier.size() + 1);
     renew.reset();
-    renew.bindText(1, downloaded ? SafeFileName::forBody(again, body.title, body.extension)
-                                 : nameOnDisk)
+    renew
+        .bindText(
+            1, downloaded ? SafeFileName::forBody(again, body.title, body.extension) : nameOnDisk)
         .bindText(2, earlier.empty() ? std::string() : earlier.dump())
         .bindText(3, body.id);
     renew.run();

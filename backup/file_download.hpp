@@ -28,8 +28,8 @@ struct Body {
   std::string documentId;  // ContentVersion.ContentDocumentId; empty for the others
   std::string title;
   std::string extension;
-  std::string checksum;  // the MD5 digest Salesforce reports (ContentVersion only)
-  std::string stamp;     // when the row last changed
+  std::string checksum;    // the MD5 digest Salesforce reports (ContentVersion only)
+  std::string stamp;       // when the row last changed
   std::int64_t size = -1;  // -1: not reported
   bool isLatest = true;
   bool operator==(const Body&) const = default;

@@ -35,8 +35,9 @@ std::string normalized(std::string_view text) {
   std::size_t at = 0;
   while (at < text.size()) {
     utf8proc_int32_t codepoint = 0;
-    const auto length = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data() + at),
-                                         static_cast<utf8proc_ssize_t>(text.size() - at), &codepoint);
+    const auto length =
+        utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data() + at),
+                         static_cast<utf8proc_ssize_t>(text.size() - at), &codepoint);
     if (length <= 0) {
       valid += '_';
       ++at;
@@ -53,7 +54,15 @@ std::string normalized(std::string_view text) {
 bool isUnsafe(utf8proc_int32_t codepoint) {
   if (codepoint < 0x20 || codepoint == 0x7f) return true;
   switch (codepoint) {
-    case '/': case '\\': case ':': case '*': case '?': case '"': case '<': case '>': case '|':
+    case '/':
+    case '\\':
+    case ':':
+    case '*':
+    case '?':
+    case '"':
+    case '<':
+    case '>':
+    case '|':
       return true;
     default:
       break;

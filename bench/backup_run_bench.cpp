@@ -53,8 +53,7 @@ fs::path orgFolder(std::int64_t contacts) {
 
 struct Backup {
   explicit Backup(const fs::path& org)
-      : server(org),
-        api([this](const std::string&) {
+      : server(org), api([this](const std::string&) {
           SalesforceAPI::Session session;
           session.instanceUrl = server.baseUrl();
           session.accessToken = orgsim::Sessions::issue(server.store(), "").token;

@@ -50,8 +50,7 @@ TEST_F(BackupFaultsTest, ASingleExpiredSessionIsRetriedSilentlyButASecondSignsOu
   auto resumed = run(third.path(), RunKind::full);
   ASSERT_EQ(resumed.result, RunResult::complete) << resumed.message;
   EXPECT_EQ(resumed.folder, twice.folder);
-  EXPECT_EQ(readFile(resumed.folder / "Account.csv"),
-            readFile(reference_.folder / "Account.csv"));
+  EXPECT_EQ(readFile(resumed.folder / "Account.csv"), readFile(reference_.folder / "Account.csv"));
 }
 
 TEST_F(BackupFaultsTest, ALostLocatorRereadsTheObjectOnceThenLeavesItForTheNextRun) {
@@ -97,8 +96,7 @@ TEST_F(BackupFaultsTest, AnObjectBulkRefusesIsLeftOutAndTheRestIsComplete) {
   EXPECT_EQ(summary.message,
             "Salesforce would not give these objects: Account. The rest of the backup is "
             "complete.");
-  EXPECT_EQ(job(third.path(), summary.runId, "Account").second,
-            BackupPlanner::bulkRefusedReason);
+  EXPECT_EQ(job(third.path(), summary.runId, "Account").second, BackupPlanner::bulkRefusedReason);
 }
 
 TEST_F(BackupFaultsTest, ARefusedFieldIsLeftOutAndRemembered) {
@@ -125,8 +123,8 @@ TEST_F(BackupFaultsTest, ARefusedFieldIsLeftOutAndRemembered) {
 }
 
 TEST_F(BackupFaultsTest, AFileSizeLimitFailsOnlyThatObjectAndKeepsWhatWasRead) {
-  const auto whole = static_cast<std::int64_t>(
-      std::filesystem::file_size(reference_.folder / "Account.csv"));
+  const auto whole =
+      static_cast<std::int64_t>(std::filesystem::file_size(reference_.folder / "Account.csv"));
   fileSystem_ = BackupFileSystem{"msdos", "/Volumes/SMALL", whole / 2};
   auto summary = run(first_.path(), RunKind::full);
   EXPECT_EQ(summary.result, RunResult::partial);

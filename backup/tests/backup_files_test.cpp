@@ -91,8 +91,8 @@ TEST_F(BackupFilesTest, BodiesAreFetchedOnceIntoFilesUnderSafeNamesAndListed) {
 }
 
 TEST_F(BackupFilesTest, ABodyThatFailsItsChecksumIsNotKeptAndIsGivenUpAfterThreeTries) {
-  admin("records/update", {{"id", versions_[0]},
-                           {"fields", {{"Checksum", "00000000000000000000000000000000"}}}});
+  admin("records/update",
+        {{"id", versions_[0]}, {"fields", {{"Checksum", "00000000000000000000000000000000"}}}});
   auto first = run(first_.path(), RunKind::full);
   EXPECT_EQ(first.filesDownloaded, 3);
   EXPECT_EQ(first.filesWaiting, 1);
@@ -164,8 +164,7 @@ TEST(FileDownload, ChangedAttachmentBodyGetsANewNameAndTheEarlierOneIsRemembered
   const auto again = FileDownload::pending(store.db(), true);
   ASSERT_EQ(again.size(), 1u);
   EXPECT_EQ(again.front().nameOnDisk, "00P1~2 notes.txt");
-  EXPECT_EQ(store.fileVersions().front().earlierCopies,
-            std::vector<std::string>{"00P1 notes.txt"});
+  EXPECT_EQ(store.fileVersions().front().earlierCopies, std::vector<std::string>{"00P1 notes.txt"});
 }
 
 }  // namespace

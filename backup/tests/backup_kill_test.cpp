@@ -19,13 +19,13 @@ class BackupKillTest : public BackupRunFixture {
  protected:
   // Runs `corvane backup run` against the sample org, into root.
   ProcessRequest backupRun(const std::filesystem::path& root) {
-    return ProcessRequest{corvane_,
-                          {"backup", "run", "sample", "--root", root.string(), "--only",
-                           "Account,Contact", "--json"},
-                          std::nullopt,
-                          environment_,
-                          std::chrono::seconds(300),
-                          {}};
+    return ProcessRequest{
+        corvane_,
+        {"backup", "run", "sample", "--root", root.string(), "--only", "Account,Contact", "--json"},
+        std::nullopt,
+        environment_,
+        std::chrono::seconds(300),
+        {}};
   }
 
   // The dated folder of the last run under root, as last-run.json names it.
@@ -58,7 +58,10 @@ TEST_F(BackupKillTest, KilledAtRandomMomentsAndResumedTheCopyMatchesAnUninterrup
   ProcessRequest login{sf,
                        {"org", "login", "access-token", "--instance-url", server_->baseUrl(),
                         "--alias", "sample", "--no-prompt", "--json"},
-                       std::nullopt, environment_, std::chrono::seconds(60), {}};
+                       std::nullopt,
+                       environment_,
+                       std::chrono::seconds(60),
+                       {}};
   login.environment["SF_ACCESS_TOKEN"] = token_;
   ASSERT_EQ(ChildProcess::run(login).exitStatus, 0);
 

@@ -63,8 +63,8 @@ class BackupRunFixture : public orgsim::testing::ServerFixture {
   void SetUp() override {
     ServerFixture::SetUp();
     api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
+      return SalesforceAPI::Session{
+          orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
     });
     org_.username = store().identity().adminUsername;
     transport_ = std::make_unique<APITransport>(*api_, org_);
@@ -89,8 +89,8 @@ class BackupRunFixture : public orgsim::testing::ServerFixture {
         [this](const std::filesystem::path& folder) -> std::optional<std::int64_t> {
           return freeSpace_ ? freeSpace_(folder) : 1'000'000'000'000;
         },
-        [this](const std::filesystem::path&) { return fileSystem_; },
-        std::chrono::milliseconds(1), [] { return std::chrono::system_clock::now(); }, {},
+        [this](const std::filesystem::path&) { return fileSystem_; }, std::chrono::milliseconds(1),
+        [] { return std::chrono::system_clock::now(); }, {},
         [this](const BackupProgress& progress) {
           std::lock_guard guard(seenMutex_);
           seen_.push_back(progress);

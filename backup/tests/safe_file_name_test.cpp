@@ -22,8 +22,8 @@ void expectSafe(const std::string& name) {
 
 TEST(SafeFileName, TitlesThatNameOtherPlacesOrDevicesStayInsideTheFolder) {
   for (const char* title : {"../../etc/passwd", "..", ".", "/", "a/b\\c:d", "con", "con.txt",
-                            "LPT1.log", ".hidden", "  spaced out  ", "trailing...", "",
-                            "tab\there", "line\nbreak", "nul\x7f", "a*b?c\"d<e>f|g"})
+                            "LPT1.log", ".hidden", "  spaced out  ", "trailing...", "", "tab\there",
+                            "line\nbreak", "nul\x7f", "a*b?c\"d<e>f|g"})
     expectSafe(SafeFileName::forBody("068000000000001AAA", title, ""));
   EXPECT_EQ(SafeFileName::forBody("068A", "../../etc/passwd", ""), "068A _.._etc_passwd");
   EXPECT_EQ(SafeFileName::clean("con.txt"), "_con.txt");
@@ -49,7 +49,9 @@ TEST(SafeFileName, ExtensionsAreKeptOnceAndSurviveACutTitle) {
 TEST(SafeFileName, UnicodeIsComposedCutAtCharactersAndBadBytesReplaced) {
   // "é" composed and decomposed give the same name.
   EXPECT_EQ(SafeFileName::clean("Re\xCC\x81sume\xCC\x81"), "R\xC3\xA9sum\xC3\xA9");
-  EXPECT_EQ(SafeFileName::clean("bad\xFF\xFE" "byte"), "bad__byte");
+  EXPECT_EQ(SafeFileName::clean("bad\xFF\xFE"
+                                "byte"),
+            "bad__byte");
   // Right-to-left override and zero-width characters cannot disguise a name.
   EXPECT_EQ(SafeFileName::clean("invoice\xE2\x80\xAEgpj.exe"), "invoice_gpj.exe");
   std::string umlauts;
