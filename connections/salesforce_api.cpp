@@ -350,7 +350,12 @@ Client::Response Client::rawSend(const std::string& method, const std::string& p
   planned.url = url(session, path, query);
   planned.headers = {"Accept: application/json"};
   if (body) {
-    planned.headers.push_back("Content-Type: application/json");
+    // Everything sent is JSON except the rows uploaded into a Bulk API ingest
+    // job (PUT .../jobs/ingest/ID/batches), which Salesforce takes only as CSV.
+    const bool ingestUpload = method == "PUT" && path.ends_with("/batches") &&
+                              path.find("jobs/ingest/") != std::string::npos;
+    planned.headers.push_back(ingestUpload ? "Content-Type: text/csv"
+                                           : "Content-Type: application/json");
     planned.body = &*body;
   }
   planned.limit = limits_.send;

@@ -1206,6 +1206,11 @@ struct OrgServer::Impl {
       return notFound(ex);
     }
     if (parts.size() == 4 && parts[3] == "batches" && method == "PUT") {
+      // Job data is CSV only; any other media type is refused with 415.
+      if (!ex.req.get_header_value("Content-Type").starts_with("text/csv")) {
+        return sendError(ex, 415, "UNSUPPORTED_MEDIA_TYPE",
+                         "Job data must be uploaded as text/csv.");
+      }
       auto outcome = ingest.upload(id, ex.req.body);
       if (const auto* e = std::get_if<BulkError>(&outcome)) {
         return sendError(ex, e->status, e->errorCode, e->message);

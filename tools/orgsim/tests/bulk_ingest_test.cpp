@@ -113,6 +113,7 @@ TEST_F(BulkIngestTest, UpsertsByExternalIdRefusingRepeatsAndLockedRows) {
 TEST_F(BulkIngestTest, AbortedAndBrokenJobsWriteNothing) {
   Json job = send("POST", base, R"({"object":"Account","operation":"insert"})", 200);
   std::string id = job["id"];
+  send("PUT", base + "/" + id + "/batches", "Name\nNever\n", 415, "application/json");
   send("PUT", base + "/" + id + "/batches", "Name\nNever\n", 201, "text/csv");
   send("PATCH", base + "/" + id, R"({"state":"Aborted"})", 200);
   send("PUT", base + "/" + id + "/batches", "Name\nLate\n", 409, "text/csv");
