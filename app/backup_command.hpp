@@ -18,7 +18,7 @@
 #include "backup/backup_estimator.hpp"
 #include "backup/backup_planner.hpp"
 #include "backup/backup_runner.hpp"
-#include "backup/transport.hpp"
+#include "connections/backup_transport.hpp"
 
 namespace CLI {
 class App;

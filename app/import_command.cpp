@@ -20,7 +20,7 @@
 #include "import/import_mapping.hpp"
 #include "import/import_runner.hpp"
 #include "import/run_results_workbook.hpp"
-#include "import/xlsx_reader.hpp"
+#include "workbook/xlsx_reader.hpp"
 #include "platform/durable_file.hpp"
 
 namespace corvane::ImportCommand {

@@ -20,7 +20,7 @@
 
 #include "app/orgs_command.hpp"
 #include "connections/salesforce_api.hpp"
-#include "import/import_grid.hpp"
+#include "workbook/import_grid.hpp"
 #include "import/import_plan.hpp"
 
 namespace CLI {

@@ -15,7 +15,7 @@
 #include <string>
 
 #include "app/orgs_command.hpp"
-#include "backup/json_literal.hpp"
+#include "connections/json_literal.hpp"
 #include "connections/salesforce_api.hpp"
 
 namespace CLI {

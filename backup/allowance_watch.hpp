@@ -12,8 +12,8 @@
 #include <mutex>
 #include <optional>
 
-#include "backup/api_allowance.hpp"
-#include "dedupe/transport.hpp"
+#include "connections/api_allowance.hpp"
+#include "connections/dedupe_transport.hpp"
 
 namespace corvane {
 

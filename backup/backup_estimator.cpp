@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "backup/backup_error.hpp"
-#include "backup/json_literal.hpp"
-#include "backup/rest_page.hpp"
+#include "connections/json_literal.hpp"
+#include "connections/rest_page.hpp"
 
 namespace corvane::BackupEstimator {
 

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 
 namespace corvane::BackupEstimator {
 

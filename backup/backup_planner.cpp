@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "backup/backup_error.hpp"
-#include "backup/server_time.hpp"
+#include "connections/server_time.hpp"
 
 namespace corvane::BackupPlanner {
 

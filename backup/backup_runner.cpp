@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "backup/allowance_watch.hpp"
-#include "backup/api_allowance.hpp"
+#include "connections/api_allowance.hpp"
 #include "backup/backup_csv.hpp"
 #include "backup/backup_error.hpp"
 #include "backup/backup_estimator.hpp"
@@ -24,10 +24,10 @@
 #include "backup/last_run.hpp"
 #include "backup/manifest.hpp"
 #include "backup/read_me.hpp"
-#include "backup/rest_query_runner.hpp"
-#include "backup/server_time.hpp"
-#include "dedupe/bulk_query_runner.hpp"
-#include "dedupe/download_error.hpp"
+#include "connections/rest_query_runner.hpp"
+#include "connections/server_time.hpp"
+#include "connections/bulk_query_runner.hpp"
+#include "connections/download_error.hpp"
 #include "platform/durable_file.hpp"
 #include "platform/file_error.hpp"
 

@@ -25,7 +25,7 @@
 #include "backup/backup_progress.hpp"
 #include "backup/backup_store.hpp"
 #include "backup/run_summary.hpp"
-#include "backup/transport.hpp"
+#include "connections/backup_transport.hpp"
 #include "platform/iso_time.hpp"
 
 namespace corvane {

@@ -8,9 +8,9 @@
 #include "backup/backup_csv.hpp"
 #include "backup/backup_planner.hpp"
 #include "backup/deletion_alarm.hpp"
-#include "backup/rest_query_runner.hpp"
-#include "backup/server_time.hpp"
-#include "dedupe/bulk_query_runner.hpp"
+#include "connections/rest_query_runner.hpp"
+#include "connections/server_time.hpp"
+#include "connections/bulk_query_runner.hpp"
 
 namespace corvane {
 

@@ -33,7 +33,7 @@
 #include "backup/backup_store.hpp"
 #include "backup/deleted_count.hpp"
 #include "backup/manifest.hpp"
-#include "backup/transport.hpp"
+#include "connections/backup_transport.hpp"
 #include "platform/iso_time.hpp"
 
 namespace corvane {

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "backup/backup_location.hpp"
-#include "backup/transport.hpp"
+#include "connections/backup_transport.hpp"
 #include "platform/sqlite_db.hpp"
 
 namespace corvane::FileDownload {

@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 #include "platform/user_facing_error.hpp"
 
 namespace corvane {

@@ -15,7 +15,7 @@
 #include <filesystem>
 #include <string>
 
-#include "import/xlsx_reader.hpp"
+#include "workbook/xlsx_reader.hpp"
 
 namespace {
 

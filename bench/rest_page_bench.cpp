@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "backup/rest_page.hpp"
+#include "connections/rest_page.hpp"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "backup/rest_query_runner.hpp"
+#include "connections/rest_query_runner.hpp"
 #include "connections/api_transport.hpp"
 #include "connections/salesforce_api.hpp"
 #include "tools/orgsim/generate/generator.hpp"

@@ -2,10 +2,10 @@
 // never see the CLI or the session.
 #pragma once
 
-#include "backup/transport.hpp"
+#include "connections/backup_transport.hpp"
 #include "connections/org.hpp"
 #include "connections/salesforce_api.hpp"
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 
 namespace corvane {
 

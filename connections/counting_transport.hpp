@@ -3,7 +3,7 @@
 
 #include <mutex>
 
-#include "backup/transport.hpp"
+#include "connections/backup_transport.hpp"
 
 namespace corvane {
 

@@ -27,10 +27,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "backup/json_literal.hpp"
+#include "connections/json_literal.hpp"
 #include "connections/org.hpp"
 #include "connections/session.hpp"
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 
 namespace corvane::SalesforceAPI {
 

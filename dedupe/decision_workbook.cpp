@@ -5,8 +5,8 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "import/xlsx_reader.hpp"
-#include "import/xlsx_writer.hpp"
+#include "workbook/xlsx_reader.hpp"
+#include "workbook/xlsx_writer.hpp"
 #include "platform/unicode.hpp"
 
 namespace corvane {

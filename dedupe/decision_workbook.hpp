@@ -18,7 +18,7 @@
 #include "dedupe/match_kind.hpp"
 #include "dedupe/match_settings.hpp"
 #include "dedupe/record_store.hpp"
-#include "import/import_grid.hpp"
+#include "workbook/import_grid.hpp"
 
 namespace corvane {
 

@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "dedupe/resolution_planner.hpp"
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 
 namespace corvane {
 

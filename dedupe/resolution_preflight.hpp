@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "dedupe/resolution_planner.hpp"
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 #include "platform/user_facing_error.hpp"
 
 namespace corvane {

@@ -14,8 +14,8 @@
 #include <string_view>
 #include <vector>
 
-#include "dedupe/bulk_query_runner.hpp"
-#include "dedupe/download_error.hpp"
+#include "connections/bulk_query_runner.hpp"
+#include "connections/download_error.hpp"
 #include "dedupe/record_store.hpp"
 
 namespace corvane {

@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "dedupe/download_error.hpp"
+#include "connections/download_error.hpp"
 
 namespace corvane {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "dedupe/record_store.hpp"
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 
 namespace corvane {
 

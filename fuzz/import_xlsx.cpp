@@ -5,7 +5,7 @@
 #include <string>
 
 #include "import/import_error.hpp"
-#include "import/xlsx_reader.hpp"
+#include "workbook/xlsx_reader.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   try {

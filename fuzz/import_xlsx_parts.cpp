@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "import/xlsx_parts.hpp"
+#include "workbook/xlsx_parts.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace corvane;

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "import/import_grid.hpp"
+#include "workbook/import_grid.hpp"
 
 namespace corvane::DelimitedText {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "import/import_grid.hpp"
+#include "workbook/import_grid.hpp"
 #include "import/import_journal.hpp"
 
 namespace corvane::FailedRows {

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <unordered_map>
 
-#include "import/import_grid.hpp"
+#include "workbook/import_grid.hpp"
 #include "platform/durable_file.hpp"
 
 namespace corvane {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "import/import_fields.hpp"
-#include "import/import_grid.hpp"
+#include "workbook/import_grid.hpp"
 #include "import/import_mapping.hpp"
 #include "import/value_coercion.hpp"
 

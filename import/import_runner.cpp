@@ -12,8 +12,8 @@
 #include <set>
 #include <thread>
 
-#include "backup/api_allowance.hpp"
-#include "backup/server_time.hpp"
+#include "connections/api_allowance.hpp"
+#include "connections/server_time.hpp"
 #include "import/bulk_ingest_client.hpp"
 #include "import/sobject_collections.hpp"
 #include "platform/iso_time.hpp"

@@ -1,6 +1,6 @@
 #include "import/run_results_workbook.hpp"
 
-#include "import/xlsx_writer.hpp"
+#include "workbook/xlsx_writer.hpp"
 
 namespace corvane {
 

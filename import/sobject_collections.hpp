@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 #include "import/import_fields.hpp"
 #include "import/import_journal.hpp"
 #include "import/import_plan.hpp"

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "backup/json_literal.hpp"
+#include "connections/json_literal.hpp"
 
 namespace corvane::ResultTable {
 

@@ -12,8 +12,8 @@
 #include "app/dedupe_command.hpp"
 #include "connections/tests/fake_cli.hpp"
 #include "dedupe/record_store.hpp"
-#include "import/xlsx_reader.hpp"
-#include "import/xlsx_writer.hpp"
+#include "workbook/xlsx_reader.hpp"
+#include "workbook/xlsx_writer.hpp"
 #include "platform/tests/temporary_folder.hpp"
 
 namespace corvane {

@@ -13,7 +13,7 @@
 
 #include "app/command_error.hpp"
 #include "connections/tests/fake_cli.hpp"
-#include "import/xlsx_reader.hpp"
+#include "workbook/xlsx_reader.hpp"
 #include "platform/child_process.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
@@ -26,7 +26,7 @@ using ::testing::HasSubstr;
 std::filesystem::path fixtureWorkbook() {
   // The fixtures live in the source tree, found from this file's own path.
   return std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
-         "import/tests/fixtures/libreoffice-mixed.xlsx";
+         "workbook/tests/fixtures/libreoffice-mixed.xlsx";
 }
 
 std::string printed(const ImportGrid& grid, bool json) {

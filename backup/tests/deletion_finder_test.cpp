@@ -4,7 +4,7 @@
 
 #include <map>
 
-#include "backup/server_time.hpp"
+#include "connections/server_time.hpp"
 #include "connections/api_transport.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/org_records.hpp"

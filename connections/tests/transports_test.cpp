@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "backup/rest_query_runner.hpp"
+#include "connections/rest_query_runner.hpp"
 #include "connections/api_transport.hpp"
 #include "connections/counting_transport.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"

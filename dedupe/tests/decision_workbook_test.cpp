@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "import/xlsx_reader.hpp"
+#include "workbook/xlsx_reader.hpp"
 #include "platform/tests/temporary_folder.hpp"
 
 namespace corvane {

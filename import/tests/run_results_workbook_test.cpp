@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "import/xlsx_reader.hpp"
-#include "import/xlsx_writer.hpp"
+#include "workbook/xlsx_reader.hpp"
+#include "workbook/xlsx_writer.hpp"
 #include "platform/tests/temporary_folder.hpp"
 
 namespace corvane {

@@ -1,4 +1,4 @@
-#include "import/xlsx_parts.hpp"
+#include "workbook/xlsx_parts.hpp"
 
 #include <libxml/xmlreader.h>
 

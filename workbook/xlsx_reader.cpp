@@ -1,4 +1,4 @@
-#include "import/xlsx_reader.hpp"
+#include "workbook/xlsx_reader.hpp"
 
 #include <zip.h>
 
@@ -6,8 +6,8 @@
 
 #include <fmt/format.h>
 
-#include "import/import_error.hpp"
-#include "import/xlsx_parts.hpp"
+#include "workbook/workbook_error.hpp"
+#include "workbook/xlsx_parts.hpp"
 #include "platform/file_error.hpp"
 
 namespace corvane {
@@ -81,7 +81,7 @@ struct XlsxReader::Impl {
   }
 
   [[noreturn]] void fail(const std::string& detail) const {
-    throw ImportError::badFile(fmt::format(
+    throw WorkbookError(fmt::format(
         "{} could not be read as a workbook: {}. Nothing was imported; open it in your "
         "spreadsheet program, save it again as an .xlsx workbook (or as CSV) and try again.",
         displayName, detail));
@@ -217,7 +217,7 @@ std::optional<ImportGrid> XlsxReader::readSheet(std::string_view name) {
   }
   std::string list;
   for (const auto& known : names) list += (list.empty() ? "" : ", ") + curlyQuoted(known);
-  throw ImportError::badFile(
+  throw WorkbookError(
       fmt::format("{} has no sheet named {}. {}", impl_->displayName, curlyQuoted(name),
                   names.empty() ? std::string("It has no sheets at all.")
                                 : fmt::format("Its sheets are {}; choose one of them.", list)));
@@ -225,7 +225,7 @@ std::optional<ImportGrid> XlsxReader::readSheet(std::string_view name) {
 
 std::optional<ImportGrid> XlsxReader::readSheet(std::size_t index) {
   if (index >= impl_->sheetNames.size()) {
-    throw ImportError::badFile(fmt::format("{} has {} sheets; there is no sheet number {}.",
+    throw WorkbookError(fmt::format("{} has {} sheets; there is no sheet number {}.",
                                            impl_->displayName, impl_->sheetNames.size(),
                                            index + 1));
   }

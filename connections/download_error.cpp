@@ -1,4 +1,4 @@
-#include "dedupe/download_error.hpp"
+#include "connections/download_error.hpp"
 
 #include <fmt/format.h>
 

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 #include "platform/iso_time.hpp"
 
 namespace corvane {

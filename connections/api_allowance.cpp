@@ -1,11 +1,11 @@
-#include "backup/api_allowance.hpp"
+#include "connections/api_allowance.hpp"
 
 #include <cmath>
 #include <limits>
 
 #include <nlohmann/json.hpp>
 
-#include "backup/server_time.hpp"
+#include "connections/server_time.hpp"
 
 namespace corvane {
 

@@ -11,9 +11,9 @@
 #include <string_view>
 #include <vector>
 
-#include "import/import_grid.hpp"
+#include "workbook/import_grid.hpp"
 
-#include "import/xlsx_cells.hpp"
+#include "workbook/xlsx_cells.hpp"
 
 namespace corvane {
 

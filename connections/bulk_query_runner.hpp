@@ -14,8 +14,8 @@
 #include <optional>
 #include <string>
 
-#include "dedupe/download_error.hpp"
-#include "dedupe/transport.hpp"
+#include "connections/download_error.hpp"
+#include "connections/dedupe_transport.hpp"
 
 namespace corvane {
 

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include "backup/api_allowance.hpp"
-#include "backup/rest_query_runner.hpp"
-#include "backup/server_time.hpp"
+#include "connections/api_allowance.hpp"
+#include "connections/rest_query_runner.hpp"
+#include "connections/server_time.hpp"
 
 namespace corvane {
 namespace {

@@ -1,4 +1,4 @@
-#include "backup/json_literal.hpp"
+#include "connections/json_literal.hpp"
 
 #include <gtest/gtest.h>
 

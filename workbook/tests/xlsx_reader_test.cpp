@@ -1,4 +1,4 @@
-#include "import/xlsx_reader.hpp"
+#include "workbook/xlsx_reader.hpp"
 
 #include <zip.h>
 
@@ -7,7 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "import/import_error.hpp"
+#include "workbook/workbook_error.hpp"
 #include "platform/tests/temporary_folder.hpp"
 
 namespace corvane {
@@ -20,7 +20,7 @@ using ::testing::HasSubstr;
 // libreoffice-*.xlsx were written by LibreOffice Calc 7.4 from the .fods files beside
 // them: soffice --headless --convert-to xlsx libreoffice-mixed.fods
 std::filesystem::path fixture(const char* name) {
-  return std::filesystem::path(CORVANE_IMPORT_FIXTURES) / name;
+  return std::filesystem::path(CORVANE_WORKBOOK_FIXTURES) / name;
 }
 
 // The bytes of a ZIP archive holding parts (path → content).
@@ -94,8 +94,7 @@ std::string failureOf(const std::string& bytes,
     XlsxReader reader(bytes, "book.xlsx", limit);
     for (std::size_t index = 0; index < reader.sheetNames().size(); ++index)
       reader.readSheet(index);
-  } catch (const ImportError& error) {
-    EXPECT_EQ(error.kind(), ImportError::Kind::badFile);
+  } catch (const WorkbookError& error) {
     return error.description();
   }
   ADD_FAILURE() << "the workbook was read";
@@ -186,7 +185,7 @@ TEST(XlsxReaderBadInput, AnUnknownSheetNameListsTheSheets) {
   try {
     reader.readSheet("Peeple");
     FAIL();
-  } catch (const ImportError& error) {
+  } catch (const WorkbookError& error) {
     EXPECT_EQ(error.description(),
               "libreoffice-mixed.xlsx has no sheet named \u201cPeeple\u201d. Its sheets are "
               "\u201cPeople\u201d, \u201cÜnïcödé sheet\u201d; choose one of them.");

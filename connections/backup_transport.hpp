@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <string>
 
-#include "dedupe/transport.hpp"
+#include "connections/dedupe_transport.hpp"
 
 namespace corvane {
 

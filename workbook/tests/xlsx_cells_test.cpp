@@ -1,4 +1,4 @@
-#include "import/xlsx_cells.hpp"
+#include "workbook/xlsx_cells.hpp"
 
 #include <gtest/gtest.h>
 

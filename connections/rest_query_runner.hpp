@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "backup/rest_page.hpp"
-#include "dedupe/transport.hpp"
+#include "connections/rest_page.hpp"
+#include "connections/dedupe_transport.hpp"
 
 namespace corvane {
 

@@ -1,4 +1,4 @@
-#include "backup/rest_page.hpp"
+#include "connections/rest_page.hpp"
 
 #include <charconv>
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "import/import_grid.hpp"
+#include "workbook/import_grid.hpp"
 
 #include <algorithm>
 #include <stdexcept>

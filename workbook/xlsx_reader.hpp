@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "import/import_grid.hpp"
+#include "workbook/import_grid.hpp"
 
 namespace corvane {
 

@@ -1,4 +1,4 @@
-#include "backup/server_time.hpp"
+#include "connections/server_time.hpp"
 
 #include <array>
 #include <chrono>

@@ -1,4 +1,4 @@
-#include "backup/rest_query_runner.hpp"
+#include "connections/rest_query_runner.hpp"
 
 namespace corvane {
 

@@ -1,4 +1,4 @@
-#include "import/xlsx_writer.hpp"
+#include "workbook/xlsx_writer.hpp"
 
 #include <unistd.h>
 

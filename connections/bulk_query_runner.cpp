@@ -1,4 +1,4 @@
-#include "dedupe/bulk_query_runner.hpp"
+#include "connections/bulk_query_runner.hpp"
 
 #include <algorithm>
 #include <cctype>
