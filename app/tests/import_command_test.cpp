@@ -24,9 +24,7 @@ namespace {
 using ::testing::HasSubstr;
 
 std::filesystem::path fixtureWorkbook() {
-  // The fixtures live in the source tree, found from this file's own path.
-  return std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
-         "workbook/tests/fixtures/libreoffice-mixed.xlsx";
+  return std::filesystem::path(CORVANE_WORKBOOK_FIXTURES) / "libreoffice-mixed.xlsx";
 }
 
 std::string printed(const ImportGrid& grid, bool json) {

@@ -59,7 +59,7 @@ std::vector<DecisionWorkbook::DecidedGroup> decidedGroups() {
 }
 
 std::filesystem::path fixtures() {
-  return std::filesystem::path(__FILE__).parent_path() / "fixtures";
+  return CORVANE_DEDUPE_FIXTURES;
 }
 
 std::string part(const std::filesystem::path& path, const char* name) {
