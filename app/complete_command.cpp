@@ -5,47 +5,17 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include "platform/app_support.hpp"
 #include "platform/unicode.hpp"
 
 namespace corvane {
-
-CompletionRequestError CompletionRequestError::cursorPastEnd(std::size_t cursor,
-                                                             std::size_t length) {
-  return {Kind::cursorPastEnd,
-          "The cursor " + std::to_string(cursor) + " lies past the end of the text, which has " +
-              std::to_string(length) + (length == 1 ? " character" : " characters") +
-              ". Give a cursor from 0 to " + std::to_string(length) + ", counted in characters."};
-}
 
 namespace CompleteCommand {
 
 namespace {
 
-// An object name as SOQL writes it: ASCII letters, digits and "_" only.
-bool isObjectName(const std::string& name) {
-  return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
-  });
-}
-
 std::size_t width(std::string_view text) { return Unicode::characterCount(text); }
 
 }  // namespace
-
-DescribeCache::Source describeSource(SalesforceAPI::Client& api, const Org& org) {
-  return {[&api, org] { return api.globalDescribe(org); },
-          [&api, org](const std::string& object) -> nlohmann::json {
-            if (!isObjectName(object)) return nullptr;
-            try {
-              return api.describe(object, org);
-            } catch (const SalesforceAPI::APIError& error) {
-              if (error.kind() == SalesforceAPI::APIError::Kind::http && error.status() == 404)
-                return nullptr;
-              throw;
-            }
-          }};
-}
 
 std::string table(const std::vector<Completion>& completions) {
   if (completions.empty()) return "No completions at this cursor.\n";
@@ -86,25 +56,17 @@ std::string json(const SoqlCompletion::Suggestions& suggestions) {
 
 void run(CommandContext& context, SalesforceAPI::Client& api, const Options& options,
          const std::filesystem::path& cacheFolder) {
+  // A cursor past the end is refused before anything is asked of the CLI.
   const std::size_t length = Unicode::characterCount(options.text);
-  const std::size_t cursor = options.cursor.value_or(length);
-  if (cursor > length) throw CompletionRequestError::cursorPastEnd(cursor, length);
+  if (options.cursor && *options.cursor > length)
+    throw CompletionRequestError::cursorPastEnd(*options.cursor, length);
 
   auto orgs = context.cli.listOrgs(true, context.listTimeout);
   const Org& org = OrgsCommand::findLogin(orgs, options.login);
-  DescribeCache cache(cacheFolder, org.username, describeSource(api, org));
+  DescribeCache cache(cacheFolder, org.username, QueryCompletion::describeSource(api, org));
   cache.setRefresh(options.refresh);
-
-  // Only what this cursor can use is fetched.
-  const auto where = SoqlCompletion::context(options.text, cursor);
-  std::vector<SObjectSummary> objects;
-  std::vector<SObjectField> fields;
-  if (where.kind == SoqlCompletion::Context::Kind::fromObject) objects = cache.objects();
-  if (where.object) fields = cache.fields(*where.object);
-  auto related = [&cache](const std::string& object) { return cache.fields(object); };
-
   auto suggestions =
-      SoqlCompletion::complete(options.text, cursor, objects, fields, options.limit, related);
+      QueryCompletion::complete(cache, {options.text, options.cursor, options.limit});
   context.out << (options.json ? json(suggestions) : table(suggestions.completions));
   context.out.flush();
 }
@@ -126,7 +88,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
     chosen = [&context, options] {
       SalesforceAPI::Client api(
           [&context](const std::string& username) { return context.cli.session(username); });
-      run(context, api, *options, AppSupport::folder() / "Describe Cache");
+      run(context, api, *options, QueryCompletion::standardCacheFolder());
     };
   });
 }

@@ -14,7 +14,7 @@
 
 #include "app/orgs_command.hpp"
 #include "connections/salesforce_api.hpp"
-#include "platform/user_facing_error.hpp"
+#include "query/completion_task.hpp"
 #include "query/describe_cache.hpp"
 #include "query/soql_completion.hpp"
 
@@ -23,21 +23,6 @@ class App;
 }
 
 namespace corvane {
-
-// A completion request that cannot be answered as asked.
-class CompletionRequestError : public UserFacingError {
- public:
-  enum class Kind { cursorPastEnd };
-
-  static CompletionRequestError cursorPastEnd(std::size_t cursor, std::size_t length);
-
-  Kind kind() const { return kind_; }
-
- private:
-  CompletionRequestError(Kind kind, const std::string& description)
-      : UserFacingError(description), kind_(kind) {}
-  Kind kind_;
-};
 
 namespace CompleteCommand {
 
@@ -57,10 +42,6 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
 // describe cache (normally "Describe Cache" in the application-support folder).
 void run(CommandContext& context, SalesforceAPI::Client& api, const Options& options,
          const std::filesystem::path& cacheFolder);
-
-// The describe replies of one login through the REST client; an object the
-// org does not have (or a name that cannot be one) gives null.
-DescribeCache::Source describeSource(SalesforceAPI::Client& api, const Org& org);
 
 // The screen texts.
 std::string table(const std::vector<Completion>& completions);
