@@ -47,6 +47,8 @@ void DemoOrg::enter(const QString& folder, const Programs& programs) {
   const QDir demo(folder);
   demo.mkpath("home");
   demo.mkpath("corvane");
+  // Each start logs in anew on a new port: a login left from the last start is stale.
+  QDir(demo.filePath("home/.sfdx")).removeRecursively();
   ::setenv("HOME", demo.filePath("home").toLocal8Bit().constData(), 1);
   ::setenv("CORVANE_HOME", demo.filePath("corvane").toLocal8Bit().constData(), 1);
   ::setenv("CORVANE_SF_PATH", programs.sf.toLocal8Bit().constData(), 1);

@@ -5,12 +5,25 @@
 namespace corvane::desktop {
 
 Services::Services()
-    : api_([this](const std::string& username) { return cli_.session(username); }),
-      preferences_(std::make_unique<QSettings>(
+    : preferences_(std::make_unique<QSettings>(
           QString::fromStdString((AppSupport::folder() / "desktop.ini").string()),
           QSettings::IniFormat)) {}
 
 Services::~Services() = default;
+
+std::shared_ptr<SalesforceAPI::Client> Services::api() {
+  std::lock_guard lock(apiMutex_);
+  if (!api_) {
+    api_ = std::make_shared<SalesforceAPI::Client>(
+        [this](const std::string& username) { return cli_.session(username); });
+  }
+  return api_;
+}
+
+void Services::renewSessions() {
+  std::lock_guard lock(apiMutex_);
+  api_.reset();
+}
 
 QueryHistory& Services::history() {
   std::lock_guard lock(historyMutex_);

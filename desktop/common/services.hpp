@@ -27,7 +27,11 @@ class Services {
   Services& operator=(const Services&) = delete;
 
   SalesforceCLI& cli() { return cli_; }
-  SalesforceAPI::Client& api() { return api_; }
+  // The REST client. Work in hand keeps the client it started with; a new
+  // one (with no cached sessions) replaces it when the CLI's logins change
+  // on disk, so a login renewed or moved to another address is used afresh.
+  std::shared_ptr<SalesforceAPI::Client> api();
+  void renewSessions();
   // Opens the history file the first time; call from worker threads only.
   QueryHistory& history();
   // Window geometry, splitters, the last login: "desktop.ini" in the
@@ -39,7 +43,8 @@ class Services {
 
  private:
   SalesforceCLI cli_;
-  SalesforceAPI::Client api_;
+  std::mutex apiMutex_;  // guards api_
+  std::shared_ptr<SalesforceAPI::Client> api_;
   std::unique_ptr<QSettings> preferences_;
   std::mutex historyMutex_;  // guards history_
   std::unique_ptr<QueryHistory> history_;

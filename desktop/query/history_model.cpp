@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QLocale>
+#include <QPainter>
 
 namespace corvane::desktop {
 
@@ -49,6 +50,32 @@ QVariant HistoryModel::data(const QModelIndex& index, int role) const {
     default:
       return {};
   }
+}
+
+QSize TwoLineDelegate::sizeHint(const QStyleOptionViewItem& option, const QModelIndex&) const {
+  return {120, QFontMetrics(option.font).height() * 2 + 10};
+}
+
+void TwoLineDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
+                            const QModelIndex& index) const {
+  QStyleOptionViewItem base(option);
+  initStyleOption(&base, index);
+  base.text.clear();
+  base.widget->style()->drawControl(QStyle::CE_ItemViewItem, &base, painter, base.widget);
+  const QStringList lines = index.data().toString().split('\n');
+  const bool selected = option.state & QStyle::State_Selected;
+  QColor colour = option.palette.color(selected ? QPalette::HighlightedText : QPalette::Text);
+  const QRect area = option.rect.adjusted(6, 4, -6, -4);
+  const QFontMetrics metrics(option.font);
+  painter->save();
+  painter->setPen(colour);
+  painter->drawText(area.left(), area.top() + metrics.ascent(),
+                    metrics.elidedText(lines.value(0), Qt::ElideRight, area.width()));
+  colour.setAlpha(150);
+  painter->setPen(colour);
+  painter->drawText(area.left(), area.top() + metrics.height() + metrics.ascent(),
+                    metrics.elidedText(lines.value(1), Qt::ElideRight, area.width()));
+  painter->restore();
 }
 
 void SavedQueryModel::setSaved(std::vector<QueryHistory::Saved> saved) {

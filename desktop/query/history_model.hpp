@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <QAbstractListModel>
+#include <QStyledItemDelegate>
 
 #include "query/query_history.hpp"
 
@@ -22,6 +23,17 @@ class HistoryModel : public QAbstractListModel {
 
  private:
   std::vector<QueryHistory::Entry> entries_;
+};
+
+// Draws an entry as two lines, each cut with an ellipsis to the width: the
+// query on one line, then the grey line under it.
+class TwoLineDelegate : public QStyledItemDelegate {
+  Q_OBJECT
+ public:
+  using QStyledItemDelegate::QStyledItemDelegate;
+  void paint(QPainter* painter, const QStyleOptionViewItem& option,
+             const QModelIndex& index) const override;
+  QSize sizeHint(const QStyleOptionViewItem& option, const QModelIndex& index) const override;
 };
 
 class SavedQueryModel : public QAbstractListModel {

@@ -40,11 +40,11 @@ void QueryRun::start() {
   running_ = true;
   clock_.start();
   QPointer<QueryRun> self(this);
-  auto& api = services_.api();
+  auto api = services_.api();
   const Org org = org_;
   const std::string soql = soql_.toStdString();
   const std::stop_token token = stop_.get_token();
-  auto task = [self, &api, org, soql, token] {
+  auto task = [self, api, org, soql, token] {
     auto post = [self, token](auto call) {
       if (token.stop_requested()) return;
       // Posted to the application object, which outlives every screen; the
@@ -59,7 +59,7 @@ void QueryRun::start() {
     std::vector<std::string> shownColumns;
     try {
       auto outcome = QueryTask::run(
-          api, org, {soql, QueryTask::Shape::table}, token,
+          *api, org, {soql, QueryTask::Shape::table}, token,
           [&](QueryRows&& rows) {
             auto columnNames = names(rows.columns);
             if (columnNames != shownColumns) {

@@ -36,6 +36,8 @@ QListView* makeList() {
   list->setUniformItemSizes(true);
   list->setAlternatingRowColors(true);
   list->setEditTriggers(QAbstractItemView::NoEditTriggers);
+  list->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+  list->setItemDelegate(new TwoLineDelegate(list));
   return list;
 }
 
@@ -187,17 +189,17 @@ void QueryScreen::requestCompletions(QueryTab* tab, const QString& text, int cur
   if (!org_) return;
   QPointer<QueryTab> target(tab);
   auto caches = caches_;
-  auto& api = services_.api();
+  auto api = services_.api();
   const Org org = *org_;
   const std::string soql = text.toStdString();
   Worker::run(
       this,
-      [caches, &api, org, soql, cursor] {
+      [caches, api, org, soql, cursor] {
         auto& cache = caches->byLogin[lowerCase(org.username)];
         if (!cache) {
           cache = std::make_unique<DescribeCache>(QueryCompletion::standardCacheFolder(),
                                                   org.username,
-                                                  QueryCompletion::describeSource(api, org));
+                                                  QueryCompletion::describeSource(*api, org));
         }
         return QueryCompletion::complete(
             *cache, {soql, static_cast<std::size_t>(cursor), 50});

@@ -63,8 +63,9 @@ QueryTab::QueryTab(Services& services, QWidget* parent)
 
   splitter_->addWidget(top);
   splitter_->addWidget(grid_);
-  splitter_->setStretchFactor(0, 2);
+  splitter_->setStretchFactor(0, 1);
   splitter_->setStretchFactor(1, 3);
+  splitter_->setSizes({220, 520});
   splitter_->setChildrenCollapsible(false);
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(6, 6, 6, 6);
@@ -130,7 +131,11 @@ void QueryTab::run() {
   connect(run_, &QueryRun::columns, this, [this](std::vector<std::string> names) {
     results_->setColumns(names);
   });
-  connect(run_, &QueryRun::page, this, [this](ResultPage page) { results_->appendPage(page); });
+  connect(run_, &QueryRun::page, this, [this](ResultPage page) {
+    const bool first = results_->totalRows() == 0;
+    results_->appendPage(page);
+    if (first) fitColumns();
+  });
   connect(run_, &QueryRun::progress, this, [this](qint64 rows, qint64 total) {
     total_ = total;
     updateCount(rows, total, true, false);
@@ -156,6 +161,19 @@ void QueryTab::run() {
   updateCount(0, 0, true, false);
   emit started();
   run_->start();
+}
+
+void QueryTab::fitColumns() {
+  // Widths from the first rows only: measuring every row of a long result would stall.
+  const QFontMetrics metrics(grid_->font());
+  const int rows = std::min(results_->rowCount(), 50);
+  for (int c = 0; c < results_->columnCount(); ++c) {
+    int width = metrics.horizontalAdvance(results_->headerData(c, Qt::Horizontal, Qt::DisplayRole)
+                                              .toString()) + 28;
+    for (int r = 0; r < rows; ++r)
+      width = std::max(width, metrics.horizontalAdvance(results_->index(r, c).data().toString()) + 16);
+    grid_->setColumnWidth(c, std::clamp(width, 60, 320));
+  }
 }
 
 void QueryTab::stop() {

@@ -64,6 +64,7 @@ class QueryTab : public QWidget {
 
  private:
   void showError(const QString& message, int row, int column);
+  void fitColumns();
   void updateCount(qint64 rows, qint64 total, bool running, bool stopped);
 
   Services& services_;

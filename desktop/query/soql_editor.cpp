@@ -60,7 +60,9 @@ void CompletionDelegate::paint(QPainter* painter, const QStyleOptionViewItem& op
   QFont small(option.font);
   small.setPointSizeF(option.font.pointSizeF() * 0.88);
   const QFontMetrics smallMetrics(small);
-  const int detailWidth = std::min(smallMetrics.horizontalAdvance(detail), area.width() / 2);
+  // A little slack: elidedText cuts text whose width is exactly the room given.
+  const int detailWidth =
+      std::min(smallMetrics.horizontalAdvance(detail) + 4, area.width() * 3 / 5);
   painter->setPen(colour);
   painter->drawText(area.adjusted(0, 0, -detailWidth - 10, 0), Qt::AlignVCenter | Qt::AlignLeft,
                     QFontMetrics(option.font)
@@ -168,7 +170,7 @@ void SoqlEditor::placePopup() {
   const int rowHeight = popup_->sizeHintForRow(0) > 0 ? popup_->sizeHintForRow(0)
                                                       : fontMetrics().height() + 6;
   const int rows = std::min(model_.rowCount(), 9);
-  const int width = std::min(std::max(420, fontMetrics().averageCharWidth() * 56),
+  const int width = std::min(std::max(560, fontMetrics().averageCharWidth() * 72),
                              viewport()->width() - 8);
   const int height = rows * rowHeight + 2 * popup_->frameWidth();
   int x = std::min(caret.left(), viewport()->width() - width - 4);

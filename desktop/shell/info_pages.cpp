@@ -122,6 +122,8 @@ AboutPage::AboutPage(QWidget* parent) : QWidget(parent) {
   list->setHeaderLabels({tr("Library"), tr("Used for"), tr("Licence")});
   list->setRootIsDecorated(false);
   list->setAlternatingRowColors(true);
+  list->setFocusPolicy(Qt::NoFocus);
+  list->setSelectionMode(QAbstractItemView::NoSelection);
   for (const auto& library : libraries())
     new QTreeWidgetItem(list, {library.name, library.use, library.licence});
   list->header()->setSectionResizeMode(QHeaderView::ResizeToContents);

@@ -105,8 +105,10 @@ MainWindow::MainWindow(Services& services, QWidget* parent)
     if (orgs_->orgs().empty()) {
       welcome_->setNote(tr("The Salesforce CLI knows no login yet."));
       showScreen(Screen::welcome);
-    } else if (screen_ == Screen::welcome) {
-      showScreen(Screen::login);
+    } else {
+      welcome_->setNote(tr("The Salesforce CLI knows %n login(s); choose one in the sidebar.", nullptr,
+                           static_cast<int>(orgs_->orgs().size())));
+      if (screen_ == Screen::welcome) showScreen(Screen::login);
     }
   });
   connect(orgs_, &OrgListModel::failed, this, [this](QString message) {
@@ -270,12 +272,12 @@ void MainWindow::readAllowance() {
   }
   allowance_->setText(tr("%1 · reading the API allowance…")
                           .arg(QString::fromStdString(chosen_->displayName())));
-  auto& api = services_.api();
+  auto api = services_.api();
   const Org org = *chosen_;
   Worker::run(
       this,
-      [&api, org] {
-        DedupeAPITransport transport(api, org);
+      [api, org] {
+        DedupeAPITransport transport(*api, org);
         return ApiAllowance::ready(transport);
       },
       [this, generation, org](Outcome<ApiAllowance> allowance) {

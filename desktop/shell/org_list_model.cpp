@@ -22,7 +22,11 @@ OrgListModel::OrgListModel(Services& services, QObject* parent)
     : QAbstractListModel(parent), services_(services) {
   debounce_.setSingleShot(true);
   debounce_.setInterval(400);
-  connect(&debounce_, &QTimer::timeout, this, &OrgListModel::reload);
+  connect(&debounce_, &QTimer::timeout, this, [this] {
+    // A login renewed or moved: its cached session may point at the old place.
+    services_.renewSessions();
+    reload();
+  });
   connect(&watcher_, &QFileSystemWatcher::directoryChanged, this, [this] { debounce_.start(); });
   connect(&watcher_, &QFileSystemWatcher::fileChanged, this, [this] { debounce_.start(); });
   watchLoginFolder();

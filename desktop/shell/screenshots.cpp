@@ -1,6 +1,7 @@
 #include "desktop/shell/screenshots.hpp"
 
 #include <iostream>
+#include <memory>
 
 #include <QAbstractItemView>
 #include <QPixmap>
@@ -56,9 +57,12 @@ ScreenshotTour::ScreenshotTour(MainWindow& window, QString folder, QString login
       {"query",
        [this, query] {
          window_.showScreen(MainWindow::Screen::query);
-         auto* history = query->newTab(
-             "SELECT Name, Industry FROM Account WHERE Industry != null ORDER BY Name LIMIT 20");
-         history->run();
+         for (const char* soql :
+              {"SELECT COUNT() FROM Opportunity WHERE IsClosed = false",
+               "SELECT FirstName, LastName, Email, Account.Name FROM Contact ORDER BY LastName "
+               "LIMIT 50",
+               "SELECT Name, Industry FROM Account WHERE Industry != null ORDER BY Name LIMIT 20"})
+           query->newTab(soql)->run();
          auto* tab = query->newTab(
              "SELECT Id, Name, Industry, Owner.Name, AnnualRevenue, CreatedDate\n"
              "FROM Account\nORDER BY Name\nLIMIT 500");
@@ -66,36 +70,44 @@ ScreenshotTour::ScreenshotTour(MainWindow& window, QString folder, QString login
        },
        [query] {
          auto* tab = query->currentTab();
-         return tab && !tab->isRunning() && tab->results()->totalRows() > 0;
+         return tab && !tab->isRunning() &&
+                (tab->results()->totalRows() > 0 || tab->errorLine()->isVisible());
        }},
       {"query-completion",
        [query] {
-         auto* tab = query->newTab("SELECT Name, Ind\nFROM Account\nWHERE ");
-         QTextCursor cursor = tab->editor()->textCursor();
-         cursor.setPosition(16);  // after "Ind"
-         tab->editor()->setTextCursor(cursor);
-         tab->editor()->setFocus();
-         QTimer::singleShot(200, tab->editor(), [tab] { tab->editor()->complete(); });
-         QTimer::singleShot(300, tab->editor(), [tab] {
-           if (!tab->editor()->isCompletionVisible()) {
-             // The first answer may come before the editor is laid out: ask again.
-             tab->editor()->complete();
-           }
-         });
+         // A query with its rows, then a field being typed into its select list.
+         query->newTab("SELECT Name, Industry, Phone\nFROM Account\nORDER BY Name\nLIMIT 100")
+             ->run();
        },
-       [query] {
+       [query, asked = std::make_shared<bool>(false), polls = std::make_shared<int>(0)] {
          auto* tab = query->currentTab();
-         return tab && tab->editor()->isCompletionVisible() &&
-                tab->editor()->completionModel().rowCount() > 0;
+         if (!tab || tab->isRunning()) return false;
+         if (!*asked) {
+           *asked = true;
+           QTextCursor cursor = tab->editor()->textCursor();
+           cursor.setPosition(16);  // "SELECT Name, Ind|ustry": keep "Ind"
+           cursor.setPosition(21, QTextCursor::KeepAnchor);
+           cursor.removeSelectedText();
+           tab->editor()->setTextCursor(cursor);
+           tab->editor()->setFocus();
+           tab->editor()->complete();
+           return false;
+         }
+         if (!tab->editor()->isCompletionVisible()) {
+           // The answer may have come before the editor was laid out: ask again now and then.
+           if (++*polls % 20 == 0) tab->editor()->complete();
+           return false;
+         }
+         return tab->editor()->completionModel().rowCount() > 0;
        }},
       {"query-history",
        [query] {
-         query->tabs()->setCurrentIndex(2);  // the query with its results
+         query->tabs()->setCurrentIndex(4);  // the long Account query with its results
          query->sidePanel()->setCurrentIndex(0);
          query->historySearch()->setFocus();
          query->reloadHistory();
        },
-       [query] { return query->historyModel()->rowCount() >= 2; }},
+       [query] { return query->historyModel()->rowCount() >= 4; }},
       {"settings", [this] { window_.showScreen(MainWindow::Screen::settings); },
        [this] { return window_.settingsPage()->isLoaded(); }},
       {"about", [this] { window_.showScreen(MainWindow::Screen::about); }, [] { return true; }},
