@@ -75,9 +75,10 @@ int main(int argc, char** argv) {
   QCommandLineParser parser;
   parser.setApplicationDescription("Corvane: backups, duplicates and SOQL for Salesforce orgs");
   parser.addHelpOption();
-  QCommandLineOption demoOption("demo", "Open the bundled sample org (no Salesforce account needed).");
-  QCommandLineOption screenshots("screenshots", "Write a picture of every screen into DIR, then exit.",
-                                 "DIR");
+  QCommandLineOption demoOption("demo",
+                                "Open the bundled sample org (no Salesforce account needed).");
+  QCommandLineOption screenshots("screenshots",
+                                 "Write a picture of every screen into DIR, then exit.", "DIR");
   QCommandLineOption org("org", "The login the pictures show (default: the first).", "LOGIN");
   QCommandLineOption version("version", "Print the version.");
   parser.addOptions({demoOption, screenshots, org, version});
@@ -99,8 +100,7 @@ int main(int argc, char** argv) {
       // The new login arrives through the watched login folder; ask now as well.
       window.orgs()->reload();
       QObject::connect(window.orgs(), &OrgListModel::loaded, &window, [&window, login] {
-        if (window.chooseLogin(login) &&
-            window.currentScreen() == MainWindow::Screen::welcome)
+        if (window.chooseLogin(login) && window.currentScreen() == MainWindow::Screen::welcome)
           window.showScreen(MainWindow::Screen::login);
       });
     });
@@ -115,9 +115,8 @@ int main(int argc, char** argv) {
 
   if (parser.isSet(screenshots)) {
     auto* tour = new ScreenshotTour(window, parser.value(screenshots), parser.value(org), &window);
-    QObject::connect(tour, &ScreenshotTour::finished, &app, [](int status) {
-      QCoreApplication::exit(status);
-    });
+    QObject::connect(tour, &ScreenshotTour::finished, &app,
+                     [](int status) { QCoreApplication::exit(status); });
     window.resize(1280, 800);
     window.show();
     if (demoOrg) {

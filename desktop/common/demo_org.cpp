@@ -111,18 +111,19 @@ void DemoOrg::generate() {
   QDir(partial).removeRecursively();
   QDir(stateFolder()).removeRecursively();
   step_.disconnect(this);
-  connect(&step_, &QProcess::finished, this, [this, partial](int code, QProcess::ExitStatus status) {
-    if (status != QProcess::NormalExit || code != 0) {
-      fail(tr("The sample org could not be made: %1")
-               .arg(QString::fromUtf8(step_.readAllStandardError()).trimmed()));
-      return;
-    }
-    QFile stamp(QDir(partial).filePath("generated"));
-    stamp.open(QIODevice::WriteOnly);
-    stamp.close();
-    QDir().rename(partial, stateFolder());
-    serve();
-  });
+  connect(&step_, &QProcess::finished, this,
+          [this, partial](int code, QProcess::ExitStatus status) {
+            if (status != QProcess::NormalExit || code != 0) {
+              fail(tr("The sample org could not be made: %1")
+                       .arg(QString::fromUtf8(step_.readAllStandardError()).trimmed()));
+              return;
+            }
+            QFile stamp(QDir(partial).filePath("generated"));
+            stamp.open(QIODevice::WriteOnly);
+            stamp.close();
+            QDir().rename(partial, stateFolder());
+            serve();
+          });
   step_.start(programs_.orgsim, {"generate", "--out", partial, "--scale", scale_});
 }
 

@@ -1,5 +1,6 @@
 #include "desktop/common/services.hpp"
 
+#include "desktop/common/worker.hpp"
 #include "platform/app_support.hpp"
 
 namespace corvane::desktop {
@@ -9,7 +10,8 @@ Services::Services()
           QString::fromStdString((AppSupport::folder() / "desktop.ini").string()),
           QSettings::IniFormat)) {}
 
-Services::~Services() = default;
+// Work in hand uses the bridge and the client: it ends before they go.
+Services::~Services() { Worker::waitForAll(); }
 
 std::shared_ptr<SalesforceAPI::Client> Services::api() {
   std::lock_guard lock(apiMutex_);

@@ -36,6 +36,21 @@ QThreadPool& pool() {
   return threads;
 }
 
+QThreadPool& queryPool() {
+  static QThreadPool threads;
+  static const bool sized = [] {
+    threads.setMaxThreadCount(8);
+    return true;
+  }();
+  (void)sized;
+  return threads;
+}
+
+void waitForAll() {
+  queryPool().waitForDone();
+  pool().waitForDone();
+}
+
 }  // namespace Worker
 
 }  // namespace corvane::desktop

@@ -36,6 +36,10 @@ namespace Worker {
 
 // The pool for short engine calls (listing logins, describes, history).
 QThreadPool& pool();
+// The pool for queries, which may run long.
+QThreadPool& queryPool();
+// Waits for the work in both pools (at the end of the services it uses).
+void waitForAll();
 
 template <typename Work, typename Done>
 void run(QObject* context, Work work, Done done, QThreadPool* threads = nullptr) {

@@ -8,9 +8,7 @@ namespace corvane::desktop {
 
 namespace {
 
-QString oneLine(const std::string& soql) {
-  return QString::fromStdString(soql).simplified();
-}
+QString oneLine(const std::string& soql) { return QString::fromStdString(soql).simplified(); }
 
 QString when(SystemTime time) {
   const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch());

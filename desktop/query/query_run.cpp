@@ -12,17 +12,6 @@ namespace corvane::desktop {
 
 namespace {
 
-// Queries may run long; they get threads of their own, apart from short calls.
-QThreadPool& queryThreads() {
-  static QThreadPool threads;
-  static const bool sized = [] {
-    threads.setMaxThreadCount(8);
-    return true;
-  }();
-  (void)sized;
-  return threads;
-}
-
 std::vector<std::string> names(const std::vector<ResultTable::Column>& columns) {
   std::vector<std::string> out;
   for (const auto& column : columns) out.push_back(column.name);
@@ -97,7 +86,7 @@ void QueryRun::start() {
       });
     }
   };
-  queryThreads().start(std::move(task));
+  Worker::queryPool().start(std::move(task));
 }
 
 void QueryRun::stop() {

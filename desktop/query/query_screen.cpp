@@ -44,9 +44,15 @@ QListView* makeList() {
 }  // namespace
 
 QueryScreen::QueryScreen(Services& services, QWidget* parent)
-    : QWidget(parent), services_(services), splitter_(new QSplitter(Qt::Horizontal)),
-      tabs_(new QTabWidget), side_(new QTabWidget), search_(new QLineEdit),
-      historyList_(makeList()), savedList_(makeList()), caches_(std::make_shared<Caches>()) {
+    : QWidget(parent),
+      services_(services),
+      splitter_(new QSplitter(Qt::Horizontal)),
+      tabs_(new QTabWidget),
+      side_(new QTabWidget),
+      search_(new QLineEdit),
+      historyList_(makeList()),
+      savedList_(makeList()),
+      caches_(std::make_shared<Caches>()) {
   completionThread_.setMaxThreadCount(1);
   tabs_->setTabsClosable(true);
   tabs_->setMovable(true);
@@ -135,7 +141,9 @@ QueryScreen::~QueryScreen() {
   completionThread_.waitForDone();
 }
 
-QueryTab* QueryScreen::currentTab() const { return qobject_cast<QueryTab*>(tabs_->currentWidget()); }
+QueryTab* QueryScreen::currentTab() const {
+  return qobject_cast<QueryTab*>(tabs_->currentWidget());
+}
 
 void QueryScreen::setLogin(const std::optional<Org>& org) {
   org_ = org;
@@ -148,10 +156,9 @@ QueryTab* QueryScreen::newTab(const QString& soql) {
   auto* tab = new QueryTab(services_);
   tab->setLogin(org_);
   tab->editor()->setPlainText(soql);
-  tab->editor()->setCompletionRequester(
-      [this, tab](const QString& text, int cursor, int request) {
-        requestCompletions(tab, text, cursor, request);
-      });
+  tab->editor()->setCompletionRequester([this, tab](const QString& text, int cursor, int request) {
+    requestCompletions(tab, text, cursor, request);
+  });
   connect(tab, &QueryTab::ended, this, &QueryScreen::record);
   connect(tab, &QueryTab::exported, this, &QueryScreen::exported);
   connect(tab, &QueryTab::exported, this, &QueryScreen::message);
@@ -197,12 +204,11 @@ void QueryScreen::requestCompletions(QueryTab* tab, const QString& text, int cur
       [caches, api, org, soql, cursor] {
         auto& cache = caches->byLogin[lowerCase(org.username)];
         if (!cache) {
-          cache = std::make_unique<DescribeCache>(QueryCompletion::standardCacheFolder(),
-                                                  org.username,
-                                                  QueryCompletion::describeSource(*api, org));
+          cache =
+              std::make_unique<DescribeCache>(QueryCompletion::standardCacheFolder(), org.username,
+                                              QueryCompletion::describeSource(*api, org));
         }
-        return QueryCompletion::complete(
-            *cache, {soql, static_cast<std::size_t>(cursor), 50});
+        return QueryCompletion::complete(*cache, {soql, static_cast<std::size_t>(cursor), 50});
       },
       [this, target, request](Outcome<SoqlCompletion::Suggestions> suggestions) {
         if (!target) return;

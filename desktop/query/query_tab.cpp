@@ -24,9 +24,15 @@ QString number(qint64 value) { return QLocale().toString(value); }
 }  // namespace
 
 QueryTab::QueryTab(Services& services, QWidget* parent)
-    : QWidget(parent), services_(services), editor_(new SoqlEditor), error_(new QLabel),
-      grid_(new QTableView), results_(new ResultModel(this)), count_(new QLabel),
-      runButton_(new QPushButton(tr("Run"))), stopButton_(new QPushButton(tr("Stop"))),
+    : QWidget(parent),
+      services_(services),
+      editor_(new SoqlEditor),
+      error_(new QLabel),
+      grid_(new QTableView),
+      results_(new ResultModel(this)),
+      count_(new QLabel),
+      runButton_(new QPushButton(tr("Run"))),
+      stopButton_(new QPushButton(tr("Stop"))),
       splitter_(new QSplitter(Qt::Vertical)) {
   auto* top = new QWidget;
   auto* topLayout = new QVBoxLayout(top);
@@ -128,9 +134,8 @@ void QueryTab::run() {
   total_ = 0;
   run_ = new QueryRun(services_, *org_, soql, this);
   QueryRun* thisRun = run_;
-  connect(run_, &QueryRun::columns, this, [this](std::vector<std::string> names) {
-    results_->setColumns(names);
-  });
+  connect(run_, &QueryRun::columns, this,
+          [this](std::vector<std::string> names) { results_->setColumns(names); });
   connect(run_, &QueryRun::page, this, [this](ResultPage page) {
     const bool first = results_->totalRows() == 0;
     results_->appendPage(page);
@@ -168,10 +173,12 @@ void QueryTab::fitColumns() {
   const QFontMetrics metrics(grid_->font());
   const int rows = std::min(results_->rowCount(), 50);
   for (int c = 0; c < results_->columnCount(); ++c) {
-    int width = metrics.horizontalAdvance(results_->headerData(c, Qt::Horizontal, Qt::DisplayRole)
-                                              .toString()) + 28;
+    int width = metrics.horizontalAdvance(
+                    results_->headerData(c, Qt::Horizontal, Qt::DisplayRole).toString()) +
+                28;
     for (int r = 0; r < rows; ++r)
-      width = std::max(width, metrics.horizontalAdvance(results_->index(r, c).data().toString()) + 16);
+      width =
+          std::max(width, metrics.horizontalAdvance(results_->index(r, c).data().toString()) + 16);
     grid_->setColumnWidth(c, std::clamp(width, 60, 320));
   }
 }

@@ -46,8 +46,8 @@ int ResultModel::columnCount(const QModelIndex& parent) const {
 }
 
 QVariant ResultModel::data(const QModelIndex& index, int role) const {
-  if (!index.isValid() || (role != Qt::DisplayRole && role != Qt::ToolTipRole &&
-                           role != Qt::EditRole))
+  if (!index.isValid() ||
+      (role != Qt::DisplayRole && role != Qt::ToolTipRole && role != Qt::EditRole))
     return {};
   const ResultRow* cells = row(index.row());
   if (!cells || index.column() >= static_cast<int>(cells->size())) return {};

@@ -64,10 +64,10 @@ void CompletionDelegate::paint(QPainter* painter, const QStyleOptionViewItem& op
   const int detailWidth =
       std::min(smallMetrics.horizontalAdvance(detail) + 4, area.width() * 3 / 5);
   painter->setPen(colour);
-  painter->drawText(area.adjusted(0, 0, -detailWidth - 10, 0), Qt::AlignVCenter | Qt::AlignLeft,
-                    QFontMetrics(option.font)
-                        .elidedText(index.data().toString(), Qt::ElideRight,
-                                    area.width() - detailWidth - 10));
+  painter->drawText(
+      area.adjusted(0, 0, -detailWidth - 10, 0), Qt::AlignVCenter | Qt::AlignLeft,
+      QFontMetrics(option.font)
+          .elidedText(index.data().toString(), Qt::ElideRight, area.width() - detailWidth - 10));
   colour.setAlpha(150);
   painter->setPen(colour);
   painter->setFont(small);
@@ -80,14 +80,16 @@ void CompletionDelegate::paint(QPainter* painter, const QStyleOptionViewItem& op
 // ---- SoqlEditor ----
 
 SoqlEditor::SoqlEditor(QWidget* parent)
-    : QPlainTextEdit(parent), highlighter_(new SoqlHighlighter(document())),
+    : QPlainTextEdit(parent),
+      highlighter_(new SoqlHighlighter(document())),
       popup_(new QListView(viewport())) {
   QFont fixed = QFontDatabase::systemFont(QFontDatabase::FixedFont);
   setFont(fixed);
   setTabChangesFocus(false);
   setLineWrapMode(QPlainTextEdit::WidgetWidth);
-  setPlaceholderText(tr("Type a SOQL query, such as SELECT Id, Name FROM Account. "
-                        "Ctrl+Space completes, Ctrl+Enter runs."));
+  setPlaceholderText(
+      tr("Type a SOQL query, such as SELECT Id, Name FROM Account. "
+         "Ctrl+Space completes, Ctrl+Enter runs."));
 
   popup_->setModel(&model_);
   popup_->setItemDelegate(new CompletionDelegate(popup_));
@@ -136,8 +138,8 @@ void SoqlEditor::complete() {
   requester_(text, characterOffset(text, textCursor().position()), ++request_);
 }
 
-void SoqlEditor::showCompletions(int request, std::vector<Completion> completions,
-                                 int replaceStart, int replaceEnd) {
+void SoqlEditor::showCompletions(int request, std::vector<Completion> completions, int replaceStart,
+                                 int replaceEnd) {
   if (request != request_) return;  // the text has moved on
   const bool forced = forced_;
   forced_ = false;
@@ -167,11 +169,11 @@ void SoqlEditor::placePopup() {
   QTextCursor at(document());
   at.setPosition(replaceStart_);
   const QRect caret = cursorRect(at);
-  const int rowHeight = popup_->sizeHintForRow(0) > 0 ? popup_->sizeHintForRow(0)
-                                                      : fontMetrics().height() + 6;
+  const int rowHeight =
+      popup_->sizeHintForRow(0) > 0 ? popup_->sizeHintForRow(0) : fontMetrics().height() + 6;
   const int rows = std::min(model_.rowCount(), 9);
-  const int width = std::min(std::max(560, fontMetrics().averageCharWidth() * 72),
-                             viewport()->width() - 8);
+  const int width =
+      std::min(std::max(560, fontMetrics().averageCharWidth() * 72), viewport()->width() - 8);
   const int height = rows * rowHeight + 2 * popup_->frameWidth();
   int x = std::min(caret.left(), viewport()->width() - width - 4);
   int y = caret.bottom() + 2;
@@ -234,7 +236,8 @@ void SoqlEditor::keyPressEvent(QKeyEvent* event) {
       case Qt::Key_PageUp: {
         const int rows = model_.rowCount();
         int row = popup_->currentIndex().row();
-        const int step = (event->key() == Qt::Key_PageDown || event->key() == Qt::Key_PageUp) ? 8 : 1;
+        const int step =
+            (event->key() == Qt::Key_PageDown || event->key() == Qt::Key_PageUp) ? 8 : 1;
         row += (event->key() == Qt::Key_Down || event->key() == Qt::Key_PageDown) ? step : -step;
         row = std::clamp(row, 0, rows - 1);
         popup_->setCurrentIndex(model_.index(row, 0));
@@ -257,9 +260,7 @@ void SoqlEditor::keyPressEvent(QKeyEvent* event) {
   }
 }
 
-void SoqlEditor::focusOutEvent(QFocusEvent* event) {
-  QPlainTextEdit::focusOutEvent(event);
-}
+void SoqlEditor::focusOutEvent(QFocusEvent* event) { QPlainTextEdit::focusOutEvent(event); }
 
 void SoqlEditor::markError(int row, int column) {
   QTextBlock block = document()->findBlockByNumber(std::max(0, row - 1));
@@ -267,7 +268,8 @@ void SoqlEditor::markError(int row, int column) {
   const QString line = block.text();
   int start = std::min(position(line, column - 1), static_cast<int>(line.size()));
   int end = start;
-  while (end < line.size() && (line[end].isLetterOrNumber() || line[end] == '_' || line[end] == '.'))
+  while (end < line.size() &&
+         (line[end].isLetterOrNumber() || line[end] == '_' || line[end] == '.'))
     ++end;
   if (end == start) end = std::min(static_cast<int>(line.size()), start + 1);
   if (end == start && start > 0) --start;

@@ -30,12 +30,17 @@ QString SettingsPage::themeOf(const nlohmann::json& settings) {
 }
 
 SettingsPage::SettingsPage(QWidget* parent)
-    : QWidget(parent), backupRoot_(new QLineEdit), tickMinute_(new QSpinBox),
+    : QWidget(parent),
+      backupRoot_(new QLineEdit),
+      tickMinute_(new QSpinBox),
       powerWait_(new QCheckBox(tr("Wait for mains power before copying file bodies"))),
-      statusURL_(new QLineEdit), statusToken_(new QLineEdit), theme_(new QComboBox),
+      statusURL_(new QLineEdit),
+      statusToken_(new QLineEdit),
+      theme_(new QComboBox),
       updateFeed_(new QLineEdit),
       updateCheck_(new QCheckBox(tr("Check for a newer version once a day"))),
-      saveButton_(new QPushButton(tr("Save Settings"))), note_(new QLabel) {
+      saveButton_(new QPushButton(tr("Save Settings"))),
+      note_(new QLabel) {
   auto* title = new QLabel(tr("Settings"));
   QFont big = title->font();
   big.setPointSizeF(big.pointSizeF() * 1.6);
@@ -45,8 +50,7 @@ SettingsPage::SettingsPage(QWidget* parent)
   auto* backups = new QGroupBox(tr("Backups"));
   auto* backupForm = new QFormLayout(backups);
   auto* rootRow = new QHBoxLayout;
-  backupRoot_->setPlaceholderText(
-      QString::fromStdString(BackupLocation::defaultRoot().string()));
+  backupRoot_->setPlaceholderText(QString::fromStdString(BackupLocation::defaultRoot().string()));
   rootRow->addWidget(backupRoot_, 1);
   auto* choose = new QToolButton;
   choose->setText(tr("Choose…"));
@@ -80,9 +84,9 @@ SettingsPage::SettingsPage(QWidget* parent)
   buttons->addWidget(saveButton_);
   note_->setWordWrap(true);
 
-  auto* where = new QLabel(tr("These settings are shared with the corvane command; they live in %1.")
-                               .arg(QString::fromStdString(
-                                   (AppSupport::folder() / "settings.json").string())));
+  auto* where = new QLabel(
+      tr("These settings are shared with the corvane command; they live in %1.")
+          .arg(QString::fromStdString((AppSupport::folder() / "settings.json").string())));
   where->setWordWrap(true);
   where->setTextInteractionFlags(Qt::TextSelectableByMouse);
 
@@ -97,8 +101,8 @@ SettingsPage::SettingsPage(QWidget* parent)
   layout->addStretch(1);
 
   connect(choose, &QToolButton::clicked, this, [this] {
-    const QString folder = QFileDialog::getExistingDirectory(this, tr("Backup Folder"),
-                                                             backupRoot_->text());
+    const QString folder =
+        QFileDialog::getExistingDirectory(this, tr("Backup Folder"), backupRoot_->text());
     if (!folder.isEmpty()) backupRoot_->setText(folder);
   });
   connect(saveButton_, &QPushButton::clicked, this, &SettingsPage::save);
@@ -114,18 +118,17 @@ void SettingsPage::reload() {
           note_->setText(settings.error);
           return;
         }
-        show(*settings.value);
+        showSettings(*settings.value);
         loaded_ = true;
         emit loaded();
       });
 }
 
-void SettingsPage::show(const nlohmann::json& settings) {
+void SettingsPage::showSettings(const nlohmann::json& settings) {
   backupRoot_->setText(textOf(settings, "backupRoot"));
   auto minute = settings.find("backupTickMinute");
-  tickMinute_->setValue(minute != settings.end() && minute->is_number_integer()
-                            ? minute->get<int>()
-                            : 0);
+  tickMinute_->setValue(minute != settings.end() && minute->is_number_integer() ? minute->get<int>()
+                                                                                : 0);
   auto wait = settings.find("backupFilesWaitForPower");
   powerWait_->setChecked(wait != settings.end() && wait->is_boolean() && wait->get<bool>());
   statusURL_->setText(textOf(settings, "statusServiceURL"));

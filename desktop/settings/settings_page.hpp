@@ -50,7 +50,7 @@ class SettingsPage : public QWidget {
   void themeChanged(QString theme);
 
  private:
-  void show(const nlohmann::json& settings);
+  void showSettings(const nlohmann::json& settings);
 
   QLineEdit* backupRoot_;
   QSpinBox* tickMinute_;

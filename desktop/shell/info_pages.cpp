@@ -40,7 +40,8 @@ WelcomePage::WelcomePage(QWidget* parent)
 
   layout->addWidget(heading(tr("Add a login"), 1.2));
   auto* steps = new QLabel(
-      tr("1. Install the Salesforce CLI if you have not: https://developer.salesforce.com/tools/salesforcecli\n"
+      tr("1. Install the Salesforce CLI if you have not: "
+         "https://developer.salesforce.com/tools/salesforcecli\n"
          "2. Run this command in a terminal and sign in in the browser window it opens:"));
   steps->setWordWrap(true);
   steps->setTextInteractionFlags(Qt::TextSelectableByMouse);
@@ -56,7 +57,8 @@ WelcomePage::WelcomePage(QWidget* parent)
   auto* copy = new QPushButton(tr("Copy Command"));
   commandRow->addWidget(copy);
   layout->addLayout(commandRow);
-  auto* after = new QLabel(tr("3. The new login appears in the sidebar by itself, no restart needed."));
+  auto* after =
+      new QLabel(tr("3. The new login appears in the sidebar by itself, no restart needed."));
   after->setWordWrap(true);
   layout->addWidget(after);
 
@@ -134,8 +136,12 @@ AboutPage::AboutPage(QWidget* parent) : QWidget(parent) {
 // ---- Login details ----
 
 LoginPage::LoginPage(QWidget* parent)
-    : QWidget(parent), title_(heading(QString(), 1.8)), facts_(new QLabel), state_(new QLabel),
-      allowance_(new QLabel), query_(new QPushButton(tr("Open the SOQL Editor"))) {
+    : QWidget(parent),
+      title_(heading(QString(), 1.8)),
+      facts_(new QLabel),
+      state_(new QLabel),
+      allowance_(new QLabel),
+      query_(new QPushButton(tr("Open the SOQL Editor"))) {
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(40, 32, 40, 32);
   layout->setSpacing(12);
@@ -156,15 +162,16 @@ LoginPage::LoginPage(QWidget* parent)
   connect(query_, &QPushButton::clicked, this, &LoginPage::openQuery);
 }
 
-void LoginPage::show(const Org& org) {
+void LoginPage::showLogin(const Org& org) {
   auto text = [](const std::optional<std::string>& value) {
     return value && !value->empty() ? QString::fromStdString(*value).toHtmlEscaped()
                                     : QStringLiteral("—");
   };
   title_->setText(QString::fromStdString(org.displayName()));
   const QColor colour = connectionColour(org.connection());
-  state_->setText(QStringLiteral("<span style='color:%1'>●</span> %2")
-                      .arg(colour.name(), QString::fromStdString(org.statusDetail()).toHtmlEscaped()));
+  state_->setText(
+      QStringLiteral("<span style='color:%1'>●</span> %2")
+          .arg(colour.name(), QString::fromStdString(org.statusDetail()).toHtmlEscaped()));
   QString rows;
   auto row = [&rows](const QString& name, const QString& value) {
     rows += QStringLiteral("<tr><td style='padding-right:18px; color:#777'>%1</td><td>%2</td></tr>")

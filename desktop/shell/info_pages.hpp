@@ -46,7 +46,7 @@ class LoginPage : public QWidget {
   Q_OBJECT
  public:
   explicit LoginPage(QWidget* parent = nullptr);
-  void show(const Org& org);
+  void showLogin(const Org& org);
   void setAllowance(const QString& text);
   QPushButton* queryButton() const { return query_; }
 

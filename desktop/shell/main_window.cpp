@@ -41,11 +41,20 @@ QLabel* sectionLabel(const QString& text) {
 }  // namespace
 
 MainWindow::MainWindow(Services& services, QWidget* parent)
-    : QMainWindow(parent), services_(services), orgs_(new OrgListModel(services, this)),
-      splitter_(new QSplitter(Qt::Horizontal)), orgList_(new QListView), tools_(new QListWidget),
-      stack_(new QStackedWidget), welcome_(new WelcomePage), login_(new LoginPage),
-      query_(new QueryScreen(services)), settings_(new SettingsPage), about_(new AboutPage),
-      allowance_(new QLabel), update_(new QLabel),
+    : QMainWindow(parent),
+      services_(services),
+      orgs_(new OrgListModel(services, this)),
+      splitter_(new QSplitter(Qt::Horizontal)),
+      orgList_(new QListView),
+      tools_(new QListWidget),
+      stack_(new QStackedWidget),
+      welcome_(new WelcomePage),
+      login_(new LoginPage),
+      query_(new QueryScreen(services)),
+      settings_(new SettingsPage),
+      about_(new AboutPage),
+      allowance_(new QLabel),
+      update_(new QLabel),
       updateCheck_(new UpdateCheck(QApplication::applicationVersion(), this)) {
   setWindowTitle(tr("Corvane"));
 
@@ -106,8 +115,8 @@ MainWindow::MainWindow(Services& services, QWidget* parent)
       welcome_->setNote(tr("The Salesforce CLI knows no login yet."));
       showScreen(Screen::welcome);
     } else {
-      welcome_->setNote(tr("The Salesforce CLI knows %n login(s); choose one in the sidebar.", nullptr,
-                           static_cast<int>(orgs_->orgs().size())));
+      welcome_->setNote(tr("The Salesforce CLI knows %n login(s); choose one in the sidebar.",
+                           nullptr, static_cast<int>(orgs_->orgs().size())));
       if (screen_ == Screen::welcome) showScreen(Screen::login);
     }
   });
@@ -125,9 +134,8 @@ MainWindow::MainWindow(Services& services, QWidget* parent)
           [this](QString text) { statusBar()->showMessage(text, 10'000); });
   connect(settings_, &SettingsPage::themeChanged, this, &MainWindow::applyTheme);
   connect(settings_, &SettingsPage::saved, this, [this] { checkForUpdates(); });
-  connect(updateCheck_, &UpdateCheck::checked, this, [this](QDateTime at) {
-    services_.preferences().setValue("lastUpdateCheck", at);
-  });
+  connect(updateCheck_, &UpdateCheck::checked, this,
+          [this](QDateTime at) { services_.preferences().setValue("lastUpdateCheck", at); });
   connect(updateCheck_, &UpdateCheck::newerVersion, this,
           [this](QString version, QString notes, QString url) {
             QString text = tr("Corvane %1 is available").arg(version.toHtmlEscaped());
@@ -144,9 +152,8 @@ MainWindow::MainWindow(Services& services, QWidget* parent)
   restoreState();
   orgs_->reload();
   settings_->reload();
-  connect(settings_, &SettingsPage::loaded, this, [this] {
-    applyTheme(settings_->theme()->currentData().toString());
-  });
+  connect(settings_, &SettingsPage::loaded, this,
+          [this] { applyTheme(settings_->theme()->currentData().toString()); });
   checkForUpdates();
 }
 
@@ -246,13 +253,12 @@ bool MainWindow::chooseLogin(const QString& login) {
 
 void MainWindow::loginChanged() {
   const QModelIndex current = orgList_->currentIndex();
-  const Org* org = current.isValid()
-                       ? orgs_->org(current.data(OrgListModel::UsernameRole).toString())
-                       : nullptr;
+  const Org* org =
+      current.isValid() ? orgs_->org(current.data(OrgListModel::UsernameRole).toString()) : nullptr;
   const bool changed = (org == nullptr) != !chosen_ || (org && chosen_->username != org->username);
   chosen_ = org ? std::optional<Org>(*org) : std::nullopt;
   if (chosen_) {
-    login_->show(*chosen_);
+    login_->showLogin(*chosen_);
     wantedLogin_ = QString::fromStdString(chosen_->username);
   }
   if (!changed) return;
@@ -270,8 +276,8 @@ void MainWindow::readAllowance() {
     allowanceKnown_ = true;
     return;
   }
-  allowance_->setText(tr("%1 · reading the API allowance…")
-                          .arg(QString::fromStdString(chosen_->displayName())));
+  allowance_->setText(
+      tr("%1 · reading the API allowance…").arg(QString::fromStdString(chosen_->displayName())));
   auto api = services_.api();
   const Org org = *chosen_;
   Worker::run(
@@ -291,9 +297,10 @@ void MainWindow::readAllowance() {
           return;
         }
         const QLocale locale;
-        const QString text = tr("API requests left today: %1 of %2")
-                                 .arg(locale.toString(static_cast<qlonglong>(allowance.value->remaining)),
-                                      locale.toString(static_cast<qlonglong>(allowance.value->max)));
+        const QString text =
+            tr("API requests left today: %1 of %2")
+                .arg(locale.toString(static_cast<qlonglong>(allowance.value->remaining)),
+                     locale.toString(static_cast<qlonglong>(allowance.value->max)));
         allowance_->setText(name + " · " + text);
         allowance_->setToolTip({});
         login_->setAllowance(text + ".");

@@ -172,7 +172,8 @@ void OrgDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
   const QFontMetrics metrics(option.font);
 
   // The connection dot.
-  const auto connection = static_cast<OrgConnection>(index.data(OrgListModel::ConnectionRole).toInt());
+  const auto connection =
+      static_cast<OrgConnection>(index.data(OrgListModel::ConnectionRole).toInt());
   const int dot = 9;
   QRect dotRect(area.left(), area.top() + (metrics.height() - dot) / 2, dot, dot);
   painter->setPen(Qt::NoPen);
@@ -210,7 +211,8 @@ void OrgDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
   QColor grey = textColour;
   grey.setAlpha(170);
   painter->setPen(grey);
-  painter->drawText(textArea.left(), textArea.top() + boldMetrics.height() + 2 + smallMetrics.ascent(),
+  painter->drawText(textArea.left(),
+                    textArea.top() + boldMetrics.height() + 2 + smallMetrics.ascent(),
                     smallMetrics.elidedText(index.data(OrgListModel::UsernameRole).toString(),
                                             Qt::ElideMiddle, area.right() - textArea.left()));
   painter->restore();

@@ -45,9 +45,9 @@ class OrgListModel : public QAbstractListModel {
   void reload();
 
  signals:
-  void loaded();          // the list is read (states may still be unknown)
-  void checked();         // every login's connection state is known
-  void failed(QString);   // the CLI could not list the logins
+  void loaded();         // the list is read (states may still be unknown)
+  void checked();        // every login's connection state is known
+  void failed(QString);  // the CLI could not list the logins
 
  private:
   void setOrgs(std::vector<Org> orgs);

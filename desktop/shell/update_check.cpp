@@ -38,7 +38,8 @@ void UpdateCheck::checkIfDue(const QString& feedURL, bool enabled, const QDateTi
   if (!force && lastCheck.isValid() && lastCheck.secsTo(QDateTime::currentDateTimeUtc()) < 86'400)
     return;
   const QUrl url(feedURL.trimmed());
-  const bool loopback = url.host() == "127.0.0.1" || url.host() == "localhost" || url.host() == "::1";
+  const bool loopback =
+      url.host() == "127.0.0.1" || url.host() == "localhost" || url.host() == "::1";
   if (!url.isValid() || (url.scheme() != "https" && !(url.scheme() == "http" && loopback))) {
     emit failed(tr("The release feed address %1 is not an https address; no update check was made.")
                     .arg(feedURL));
@@ -52,8 +53,8 @@ void UpdateCheck::checkIfDue(const QString& feedURL, bool enabled, const QDateTi
     reply->deleteLater();
     emit checked(QDateTime::currentDateTimeUtc());
     if (reply->error() != QNetworkReply::NoError) {
-      emit failed(tr("The update check could not reach the release feed (%1).")
-                      .arg(reply->errorString()));
+      emit failed(
+          tr("The update check could not reach the release feed (%1).").arg(reply->errorString()));
       return;
     }
     const auto release = parse(reply->readAll());
