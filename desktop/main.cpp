@@ -5,6 +5,9 @@
 //   corvane-desktop --screenshots DIR [--org LOGIN]
 //                                        pictures of every screen, then exit
 //   corvane-desktop --version
+#include <signal.h>
+#include <unistd.h>
+
 #include <iostream>
 #include <memory>
 
@@ -14,6 +17,7 @@
 #include <QFileInfo>
 #include <QIcon>
 #include <QProcess>
+#include <QSocketNotifier>
 #include <QStatusBar>
 
 #include "desktop/common/app_icon.hpp"
@@ -39,6 +43,26 @@ bool hasArgument(int argc, char** argv, const char* name) {
   for (int i = 1; i < argc; ++i)
     if (QString::fromLocal8Bit(argv[i]) == QLatin1String(name)) return true;
   return false;
+}
+
+// SIGTERM and SIGINT end the event loop, so the window saves its state and
+// the demo's sample org is stopped: the handler only writes to a pipe.
+int signalPipe[2] = {-1, -1};
+
+void onSignal(int) {
+  const char byte = 1;
+  [[maybe_unused]] auto written = ::write(signalPipe[1], &byte, 1);
+}
+
+void quitOnSignals(QObject* owner) {
+  if (::pipe(signalPipe) != 0) return;
+  auto* notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, owner);
+  QObject::connect(notifier, &QSocketNotifier::activated, owner, [] { QCoreApplication::quit(); });
+  struct sigaction action {};
+  action.sa_handler = onSignal;
+  sigemptyset(&action.sa_mask);
+  ::sigaction(SIGTERM, &action, nullptr);
+  ::sigaction(SIGINT, &action, nullptr);
 }
 
 }  // namespace
@@ -84,6 +108,7 @@ int main(int argc, char** argv) {
   parser.addOptions({demoOption, screenshots, org, version});
   parser.process(app);
 
+  quitOnSignals(&app);
   Services services;
   MainWindow window(services);
   std::unique_ptr<DemoOrg> demoOrg;

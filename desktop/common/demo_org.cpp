@@ -1,6 +1,10 @@
 #include "desktop/common/demo_org.hpp"
 
 #include <stdlib.h>
+#ifdef __linux__
+#include <signal.h>
+#include <sys/prctl.h>
+#endif
 
 #include <QDir>
 #include <QFileInfo>
@@ -58,6 +62,10 @@ void DemoOrg::enter(const QString& folder, const Programs& programs) {
 DemoOrg::DemoOrg(QString folder, Programs programs, QObject* parent)
     : QObject(parent), folder_(std::move(folder)), programs_(std::move(programs)) {
   server_.setProcessChannelMode(QProcess::SeparateChannels);
+#ifdef __linux__
+  // The sample org ends with the app, even when the app is killed.
+  server_.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+#endif
   server_.setStandardErrorFile(QDir(folder_).filePath("orgsim.log"));
   connect(&server_, &QProcess::readyReadStandardOutput, this, [this] {
     serverOutput_ += QString::fromUtf8(server_.readAllStandardOutput());

@@ -150,6 +150,7 @@ MainWindow::MainWindow(Services& services, QWidget* parent)
           [this](QString message) { statusBar()->showMessage(message, 15'000); });
 
   restoreState();
+  connect(qApp, &QCoreApplication::aboutToQuit, this, [this] { saveState(); });
   orgs_->reload();
   settings_->reload();
   connect(settings_, &SettingsPage::loaded, this,
