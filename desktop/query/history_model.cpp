@@ -33,9 +33,10 @@ QVariant HistoryModel::data(const QModelIndex& index, int role) const {
   const auto& entry = entries_[static_cast<std::size_t>(index.row())];
   switch (role) {
     case Qt::DisplayRole: {
-      QString outcome = entry.error.empty()
-                            ? QObject::tr("%n row(s)", nullptr, static_cast<int>(entry.rows))
-                            : QObject::tr("failed");
+      const QString rows = QLocale().toString(static_cast<qlonglong>(entry.rows));
+      QString outcome = !entry.error.empty() ? QObject::tr("failed")
+                        : entry.rows == 1    ? QObject::tr("1 row")
+                                             : QObject::tr("%1 rows").arg(rows);
       return oneLine(entry.soql) + "\n" + when(entry.ranAt) + "  ·  " + outcome;
     }
     case Qt::ToolTipRole:
