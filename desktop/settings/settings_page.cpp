@@ -56,7 +56,9 @@ SettingsPage::SettingsPage(QWidget* parent)
   choose->setText(tr("Choose…"));
   rootRow->addWidget(choose);
   backupForm->addRow(tr("Backup folder:"), rootRow);
+  // 0 stands for no choice: the minute is picked when scheduled backups are turned on.
   tickMinute_->setRange(0, 59);
+  tickMinute_->setSpecialValueText(tr("Not chosen (picked when scheduled backups are turned on)"));
   tickMinute_->setSuffix(tr(" minutes past the hour"));
   backupForm->addRow(tr("Scheduled check:"), tickMinute_);
   backupForm->addRow(QString(), powerWait_);
@@ -147,7 +149,8 @@ void SettingsPage::save() {
     changes[key] = value.empty() ? nlohmann::json() : nlohmann::json(value);
   };
   setText("backupRoot", backupRoot_);
-  changes["backupTickMinute"] = tickMinute_->value();
+  changes["backupTickMinute"] =
+      tickMinute_->value() > 0 ? nlohmann::json(tickMinute_->value()) : nlohmann::json();
   changes["backupFilesWaitForPower"] = powerWait_->isChecked();
   setText("statusServiceURL", statusURL_);
   setText("statusServiceToken", statusToken_);

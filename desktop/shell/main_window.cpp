@@ -115,8 +115,10 @@ MainWindow::MainWindow(Services& services, QWidget* parent)
       welcome_->setNote(tr("The Salesforce CLI knows no login yet."));
       showScreen(Screen::welcome);
     } else {
-      welcome_->setNote(tr("The Salesforce CLI knows %n login(s); choose one in the sidebar.",
-                           nullptr, static_cast<int>(orgs_->orgs().size())));
+      welcome_->setNote(orgs_->orgs().size() == 1
+                            ? tr("The Salesforce CLI knows 1 login; it is in the sidebar.")
+                            : tr("The Salesforce CLI knows %1 logins; choose one in the sidebar.")
+                                  .arg(orgs_->orgs().size()));
       if (screen_ == Screen::welcome) showScreen(Screen::login);
     }
   });
@@ -133,6 +135,11 @@ MainWindow::MainWindow(Services& services, QWidget* parent)
   connect(query_, &QueryScreen::message, this,
           [this](QString text) { statusBar()->showMessage(text, 10'000); });
   connect(settings_, &SettingsPage::themeChanged, this, &MainWindow::applyTheme);
+  // Runs spend the allowance: read it again after one, at most once a minute.
+  connect(query_, &QueryScreen::historyChanged, this, [this] {
+    if (chosen_ && allowanceKnown_ && allowanceAge_.isValid() && allowanceAge_.elapsed() > 60'000)
+      readAllowance();
+  });
   connect(settings_, &SettingsPage::saved, this, [this] { checkForUpdates(); });
   connect(updateCheck_, &UpdateCheck::checked, this,
           [this](QDateTime at) { services_.preferences().setValue("lastUpdateCheck", at); });
@@ -271,6 +278,7 @@ void MainWindow::loginChanged() {
 
 void MainWindow::readAllowance() {
   allowanceKnown_ = false;
+  allowanceAge_.start();
   const int generation = ++allowanceGeneration_;
   if (!chosen_) {
     allowance_->setText(tr("No login chosen"));

@@ -9,6 +9,7 @@
 
 #include <optional>
 
+#include <QElapsedTimer>
 #include <QLabel>
 #include <QListView>
 #include <QListWidget>
@@ -96,6 +97,7 @@ class MainWindow : public QMainWindow {
   QString wantedLogin_;  // the remembered login, chosen once the list arrives
   bool allowanceKnown_ = false;
   int allowanceGeneration_ = 0;
+  QElapsedTimer allowanceAge_;  // since the allowance was last read
 };
 
 }  // namespace corvane::desktop

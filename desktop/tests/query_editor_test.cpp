@@ -110,6 +110,26 @@ class QueryEditorTest : public QObject {
     QVERIFY(editor->toPlainText().endsWith("WHERE Indus"));
   }
 
+  void valuesCompleteWithPicklistValuesAndDateLiterals() {
+    QueryTab* tab = freshTab("SELECT Id FROM Account WHERE Industry = ");
+    SoqlEditor* editor = tab->editor();
+    QTest::keyClicks(editor, "'Ban");
+    QTRY_VERIFY_WITH_TIMEOUT(editor->isCompletionVisible(), 30'000);
+    const auto& values = editor->completionModel().completions();
+    QCOMPARE(values.front().kind, Completion::Kind::picklistValue);
+    QCOMPARE(values.front().detail, std::string("picklist value"));
+    QTest::keyClick(editor, Qt::Key_Tab);
+    QCOMPARE(editor->toPlainText(), QString("SELECT Id FROM Account WHERE Industry = 'Banking'"));
+
+    editor->moveCursor(QTextCursor::End);
+    QTest::keyClicks(editor, " AND CreatedDate > THIS_M");
+    QTRY_VERIFY_WITH_TIMEOUT(editor->isCompletionVisible(), 30'000);
+    QCOMPARE(editor->completionModel().completions().front().text, std::string("THIS_MONTH"));
+    QCOMPARE(editor->completionModel().completions().front().detail, std::string("date literal"));
+    QTest::keyClick(editor, Qt::Key_Return);
+    QVERIFY(editor->toPlainText().endsWith("CreatedDate > THIS_MONTH"));
+  }
+
   void aRunStreamsEveryPageIntoTheGridWithRelationshipColumns() {
     QueryTab* tab = freshTab(
         "SELECT Name, Owner.Name, AnnualRevenue FROM Account WHERE Name LIKE 'Account%' "
