@@ -112,7 +112,7 @@ QueryScreen::QueryScreen(Services& services, QWidget* parent)
   action(tr("&Complete"), QKeySequence(Qt::CTRL | Qt::Key_Space), [this] {
     if (auto* tab = currentTab()) {
       tab->editor()->setFocus();
-      tab->editor()->complete();
+      tab->editor()->complete(true);
     }
   });
   action(tr("Save Query &As…"), QKeySequence(Qt::CTRL | Qt::Key_S), [this] { saveCurrent(); });
@@ -223,11 +223,10 @@ void QueryScreen::requestCompletions(QueryTab* tab, const QString& text, int cur
       &completionThread_);
 }
 
-void QueryScreen::record(const QString& soql, qint64 rows, qint64 milliseconds,
-                         const QString& error) {
-  if (!org_) return;
+void QueryScreen::record(const QString& username, const QString& soql, qint64 rows,
+                         qint64 milliseconds, const QString& error) {
   QueryHistory::Entry entry;
-  entry.username = org_->username;
+  entry.username = username.toStdString();
   entry.soql = soql.toStdString();
   entry.ranAt = std::chrono::system_clock::now();
   entry.rows = rows;

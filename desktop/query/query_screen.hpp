@@ -66,7 +66,9 @@ class QueryScreen : public QWidget {
 
  private:
   void requestCompletions(QueryTab* tab, const QString& text, int cursor, int request);
-  void record(const QString& soql, qint64 rows, qint64 milliseconds, const QString& error);
+  // Keeps a run in the history of the login it ran for.
+  void record(const QString& username, const QString& soql, qint64 rows, qint64 milliseconds,
+              const QString& error);
   void exportCurrent();
   void saveCurrent();
 

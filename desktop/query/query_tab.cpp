@@ -129,6 +129,7 @@ void QueryTab::run() {
     run_->deleteLater();
   }
   error_->hide();
+  editor_->hideCompletions();
   editor_->clearMark();
   results_->clear();
   total_ = 0;
@@ -151,7 +152,8 @@ void QueryTab::run() {
             runButton_->setEnabled(true);
             stopButton_->setEnabled(false);
             updateCount(results_->totalRows(), total_, false, stopped);
-            emit ended(soql, rows, thisRun->elapsedMilliseconds(), {});
+            emit ended(QString::fromStdString(thisRun->org().username), soql, rows,
+                       thisRun->elapsedMilliseconds(), {});
           });
   connect(run_, &QueryRun::failed, this,
           [this, thisRun, soql](QString message, int row, int column) {
@@ -159,7 +161,8 @@ void QueryTab::run() {
             stopButton_->setEnabled(false);
             updateCount(0, 0, false, false);
             showError(message, row, column);
-            emit ended(soql, 0, thisRun->elapsedMilliseconds(), message);
+            emit ended(QString::fromStdString(thisRun->org().username), soql, 0,
+                       thisRun->elapsedMilliseconds(), message);
           });
   runButton_->setEnabled(false);
   stopButton_->setEnabled(true);

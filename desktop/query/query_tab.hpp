@@ -56,8 +56,8 @@ class QueryTab : public QWidget {
 
  signals:
   void started();
-  // rows shown, and the error sentence when it failed.
-  void ended(QString soql, qint64 rows, qint64 milliseconds, QString error);
+  // The run's login, its text, the rows shown, and the error sentence when it failed.
+  void ended(QString username, QString soql, qint64 rows, qint64 milliseconds, QString error);
   void exported(QString message);
   void exportFailed(QString message);
   void titleChanged();

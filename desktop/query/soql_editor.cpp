@@ -106,7 +106,7 @@ SoqlEditor::SoqlEditor(QWidget* parent)
 
   typingPause_.setSingleShot(true);
   typingPause_.setInterval(60);
-  connect(&typingPause_, &QTimer::timeout, this, &SoqlEditor::complete);
+  connect(&typingPause_, &QTimer::timeout, this, [this] { complete(); });
   connect(this, &QPlainTextEdit::cursorPositionChanged, this, [this] {
     if (isCompletionVisible()) typingPause_.start();
   });
@@ -132,8 +132,9 @@ int SoqlEditor::position(const QString& text, int characterOffset) {
 
 bool SoqlEditor::isCompletionVisible() const { return popup_->isVisible(); }
 
-void SoqlEditor::complete() {
+void SoqlEditor::complete(bool forced) {
   if (!requester_) return;
+  if (forced) forced_ = true;
   const QString text = toPlainText();
   requester_(text, characterOffset(text, textCursor().position()), ++request_);
 }
@@ -203,8 +204,7 @@ void SoqlEditor::accept() {
   ++request_;  // an answer still on its way is for the old text
   // A relationship path goes on: offer the related object's fields.
   if (!chosen.text.empty() && chosen.text.back() == '.') {
-    forced_ = true;
-    complete();
+    complete(true);
   }
 }
 
@@ -216,8 +216,7 @@ void SoqlEditor::keyPressEvent(QKeyEvent* event) {
     return;
   }
   if (control && event->key() == Qt::Key_Space) {
-    forced_ = true;
-    complete();
+    complete(true);
     return;
   }
   if (isCompletionVisible()) {

@@ -69,8 +69,10 @@ class SoqlEditor : public QPlainTextEdit {
   void clearMark();
   bool hasMark() const { return !extraSelections().isEmpty(); }
 
-  // Asks for completions at the cursor now.
-  void complete();
+  // Asks for completions at the cursor now; forced shows the list even
+  // before anything is typed (Ctrl+Space).
+  void complete(bool forced = false);
+  void hideCompletions();
 
   // Offsets in user-perceived characters and Qt's positions.
   static int characterOffset(const QString& text, int position);
@@ -85,7 +87,6 @@ class SoqlEditor : public QPlainTextEdit {
 
  private:
   void accept();
-  void hideCompletions();
   void placePopup();
 
   SoqlHighlighter* highlighter_;

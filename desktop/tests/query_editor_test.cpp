@@ -110,6 +110,21 @@ class QueryEditorTest : public QObject {
     QVERIFY(editor->toPlainText().endsWith("WHERE Indus"));
   }
 
+  void ctrlSpaceOpensTheListBeforeAnythingIsTyped() {
+    QueryTab* tab = freshTab("SELECT  FROM Contact");
+    QTextCursor cursor = tab->editor()->textCursor();
+    cursor.setPosition(7);
+    tab->editor()->setTextCursor(cursor);
+    QTest::keyClick(tab->editor(), Qt::Key_Space, Qt::ControlModifier);
+    QTRY_VERIFY_WITH_TIMEOUT(tab->editor()->isCompletionVisible(), 30'000);
+    bool hasLastName = false;
+    for (const auto& completion : tab->editor()->completionModel().completions())
+      hasLastName = hasLastName || completion.text == "LastName";
+    QVERIFY(hasLastName);
+    QTest::keyClick(tab->editor(), Qt::Key_Escape);
+    QVERIFY(!tab->editor()->isCompletionVisible());
+  }
+
   void valuesCompleteWithPicklistValuesAndDateLiterals() {
     QueryTab* tab = freshTab("SELECT Id FROM Account WHERE Industry = ");
     SoqlEditor* editor = tab->editor();
@@ -138,7 +153,8 @@ class QueryEditorTest : public QObject {
     QTest::keyClick(tab->editor(), Qt::Key_Return, Qt::ControlModifier);
     QVERIFY(tab->isRunning());
     QTRY_VERIFY_WITH_TIMEOUT(ended.count() == 1, 60'000);
-    QCOMPARE(ended.front().at(3).toString(), QString());
+    QCOMPARE(ended.front().at(0).toString(), QString::fromStdString(org_->username()));
+    QCOMPARE(ended.front().at(4).toString(), QString());
     QCOMPARE(headers(tab), QStringList({"Name", "Owner.Name", "AnnualRevenue"}));
     QCOMPARE(tab->results()->totalRows(), 2100);
     // The view is handed rows in steps, not all at once.
