@@ -106,7 +106,7 @@ SetHistory readSetHistory(const BackupLocation& location) {
   for (const auto& run : runs) {
     if (!run.isUsable()) continue;
     if (run.kind == RunKind::full) {
-      if (auto finished = parseTime(run.finishedAt)) history.lastFull = finished;
+      if (auto started = parseTime(run.startedAt)) history.lastFull = started;
     }
     if (run.filesWaiting == 0) history.firstFilesDone = true;
   }

@@ -70,7 +70,7 @@ using SetRunner = std::function<SetRunOutcome(const SetRunRequest&)>;
 
 // What the set's own backup folder says about earlier runs.
 struct SetHistory {
-  std::optional<SystemTime> lastFull;  // the end of the last usable full copy
+  std::optional<SystemTime> lastFull;  // the start of the last usable full copy
   bool unfinishedRun = false;          // the latest run did not reach its end
   bool firstFilesDone = false;         // some usable run left no file bodies waiting
 };

@@ -54,7 +54,7 @@ std::string timer(int minute) {
       "\n"
       "[Timer]\n"
       "OnCalendar=*-*-* *:{:02}:00\n"
-      "Persistent=false\n"
+      "Persistent=true\n"
       "\n"
       "[Install]\n"
       "WantedBy=timers.target\n",

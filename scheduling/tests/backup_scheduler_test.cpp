@@ -142,6 +142,8 @@ TEST(SystemdUserTimer, WritesUnitsEnablesTheTimerAndRemovesThem) {
   const auto timerText = *Durable::readWhole(units / "corvane-backup.timer");
   EXPECT_NE(timerText.find("OnCalendar=*-*-* *:07:00\n"), std::string::npos);
   EXPECT_NE(timerText.find("WantedBy=timers.target"), std::string::npos);
+  // A tick missed while the machine was off or asleep runs when it wakes.
+  EXPECT_NE(timerText.find("Persistent=true\n"), std::string::npos);
   EXPECT_EQ(timer.current(false), (SchedulerState{true, exe.string(), 7, std::nullopt}));
 
   systemctl.calls.clear();

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "backup/backup_store.hpp"
 #include "platform/durable_file.hpp"
 #include "platform/tests/temporary_folder.hpp"
 
@@ -50,6 +51,31 @@ class ScheduledBackupsTest : public ::testing::Test {
     return env;
   }
 };
+
+// The full-copy interval counts from when the last usable full copy started.
+TEST(SetHistory, LastFullIsTheStartOfTheLastUsableFullCopy) {
+  TemporaryFolder folder;
+  const BackupLocation location{folder.path(), "00Dx", "me@x.example"};
+  EXPECT_FALSE(readSetHistory(location).lastFull);
+  {
+    BackupStore store(location);
+    auto addRun = [&](RunKind kind, const char* started, const char* finished, const char* result) {
+      const auto id = store.insertRun(started, kind, started);
+      store.db()
+          .prepare("UPDATE runs SET stage = 'done', result = ?, finished_at = ? WHERE id = ?")
+          .bindText(1, result)
+          .bindText(2, finished)
+          .bindInt(3, id)
+          .run();
+    };
+    addRun(RunKind::full, "2024-05-01T03:17:04Z", "2024-05-01T04:40:00Z", "complete");
+    addRun(RunKind::changes, "2024-05-02T03:17:02Z", "2024-05-02T03:20:00Z", "complete");
+    addRun(RunKind::full, "2024-05-08T03:17:09Z", "2024-05-08T03:19:00Z", "stopped");
+  }
+  const auto history = readSetHistory(location);
+  EXPECT_EQ(history.lastFull, at("2024-05-01T03:17:04Z"));
+  EXPECT_FALSE(history.unfinishedRun);
+}
 
 TEST_F(ScheduledBackupsTest, RunsOnlyTheDueSetRecordsItAndWritesLastTick) {
   auto notDue = scheduled("later@x.example", BackupSchedule::daily(2, 0));
