@@ -260,17 +260,24 @@ std::vector<std::string> update(const std::filesystem::path& backupRoot,
                                 const BackupTickResult& result, SystemTime now) {
   const auto path = backupRoot / fileName;
   json ledger = json::object();
+  // A ledger that cannot be read just now is neither set aside nor written
+  // over: its notices are told again, which beats never telling.
+  bool writable = true;
   try {
     if (const auto text = Durable::readWhole(path)) {
-      ledger = json::parse(*text);
-      if (!ledger.is_object() || !ledger.value("notices", json::object()).is_object())
-        throw std::invalid_argument("not a ledger");
+      ledger = json::parse(*text, nullptr, false);
+      if (ledger.is_discarded() || !ledger.is_object() ||
+          !ledger.value("notices", json::object()).is_object()) {
+        try {
+          Durable::moveAside(path, now);
+        } catch (const std::exception&) {
+          writable = false;
+        }
+        ledger = json::object();
+      }
     }
   } catch (const std::exception&) {
-    try {
-      Durable::moveAside(path, now);
-    } catch (const std::exception&) {
-    }
+    writable = false;
     ledger = json::object();
   }
   json notices = ledger.value("notices", json::object());
@@ -309,7 +316,7 @@ std::vector<std::string> update(const std::filesystem::path& backupRoot,
   }
   ledger["notices"] = notices;
   try {
-    Durable::replace(path, ledger.dump(2) + "\n", 0600);
+    if (writable) Durable::replace(path, ledger.dump(2) + "\n", 0600);
   } catch (const std::exception&) {
     // Without a ledger the notice comes again next hour: better than never.
   }

@@ -1,6 +1,7 @@
 #include "scheduling/scheduled_backups.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "backup/backup_store.hpp"
 #include "platform/durable_file.hpp"
@@ -192,6 +193,32 @@ TEST_F(ScheduledBackupsTest, BadSetsAreRecordedOthersStillRunAndTheLedgerTellsOn
   now += 1h;
   HeadlessBackup::run(environment());
   EXPECT_EQ(LastTick::read(root)->result.find("disk@x.example"), std::string::npos);
+}
+
+// The ledger is set aside only when it holds bad JSON. One that cannot be read
+// just now stays where it is; the notices are told, since telling twice beats
+// never telling.
+TEST_F(ScheduledBackupsTest, ALedgerThatCannotBeReadJustNowIsLeftInPlace) {
+  registry.save({scheduled("gone@x.example", BackupSchedule::hourly())});
+  const auto ledger = root / NoticeLedger::fileName;
+  std::filesystem::create_directories(ledger);  // reading it fails like an I/O error
+  HeadlessBackup::run(environment());
+  EXPECT_EQ(told.size(), 1u);
+  EXPECT_TRUE(std::filesystem::is_directory(ledger));
+  for (const auto& entry : std::filesystem::directory_iterator(root))
+    EXPECT_EQ(entry.path().filename().string().find("unreadable"), std::string::npos)
+        << entry.path();
+
+  std::filesystem::remove(ledger);
+  Durable::replace(ledger, "{\"notices\": ");
+  now += 1h;
+  HeadlessBackup::run(environment());
+  EXPECT_EQ(told.size(), 2u);
+  bool setAside = false;
+  for (const auto& entry : std::filesystem::directory_iterator(root))
+    setAside |= entry.path().filename().string().rfind("notifications-unreadable-", 0) == 0;
+  EXPECT_TRUE(setAside);
+  EXPECT_TRUE(nlohmann::json::parse(*Durable::readWhole(ledger)).is_object());
 }
 
 TEST_F(ScheduledBackupsTest, WaitsAreSummarisedWithTheRetryAndPowerWaitsTakeFilesIntoAccount) {
