@@ -332,6 +332,10 @@ struct OrgServer::Impl {
     if (startsWith(path, "/v1/instances/")) return instanceStatus(ex);
     if (!startsWith(path, "/services/")) return notFound(ex);
     bool soap = startsWith(path, "/services/Soap/");
+    if (Faults::sessionsExpireNow(store, ex.req.method, path)) {
+      ex.faultName = std::string(faultKindName(FaultRule::Kind::ExpireSessions));
+      Sessions::expireAll(store);
+    }
     if (auto fault = Faults::take(store, ex.req.method, path,
                                   {FaultRule::Kind::Status, FaultRule::Kind::RequestLimit,
                                    FaultRule::Kind::Drop, FaultRule::Kind::Delay})) {
@@ -396,7 +400,8 @@ struct OrgServer::Impl {
     }
     if (!fault.message.empty()) message = fault.message;
     if (soap) {
-      ex.res.status = fault.status;
+      // The SOAP API answers every fault, an ended session included, with 500.
+      ex.res.status = fault.status == 401 ? 500 : fault.status;
       ex.res.set_content(Soap::fault(code, message), "text/xml; charset=utf-8");
       return;
     }
