@@ -292,7 +292,8 @@ ProcessResult SalesforceCLI::runRaw(const std::string& executable,
   try {
     return ChildProcess::run(request);
   } catch (const ProcessLaunchError& error) {
-    throw CLIError::failed("Could not launch the Salesforce CLI: " + error.description());
+    // The platform's reason only: "Could not start <path>" would say the same twice.
+    throw CLIError::failed("Could not launch the Salesforce CLI: " + error.reason());
   } catch (const ProcessTimedOut&) {
     throw CLIError::timedOut();
   }
@@ -562,7 +563,7 @@ RunningProcess SalesforceCLI::startLoginWeb(const std::optional<std::string>& al
   try {
     return RunningProcess::start(request);
   } catch (const ProcessLaunchError& error) {
-    throw CLIError::failed("Could not start the login flow: " + error.description());
+    throw CLIError::failed("Could not start the login flow: " + error.reason());
   }
 }
 

@@ -183,8 +183,11 @@ TEST(RunningSF, AProgramThatCannotStartIsReportedAsSuch) {
   writeFile(fake.path(), "#!/nonexistent/interpreter\n");
   makeExecutable(fake.path());
   SalesforceCLI cli(fake.options());
-  EXPECT_THAT(descriptionOf([&] { cli.limits("sample"); }),
-              HasSubstr("Could not launch the Salesforce CLI: "));
+  const auto text = descriptionOf([&] { cli.limits("sample"); });
+  EXPECT_EQ(text.rfind("Could not launch the Salesforce CLI: ", 0), 0u) << text;
+  // Said once: not "Could not launch ...: Could not start ...".
+  EXPECT_EQ(text.find("Could not start"), std::string::npos) << text;
+  EXPECT_EQ(text.find("Could not", 1), std::string::npos) << text;
 }
 
 TEST(Session, AMaskedTokenIsFetchedWithTheSecondCommand) {
