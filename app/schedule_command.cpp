@@ -300,20 +300,21 @@ int runBackupTick(SalesforceCLI& cli, const Setup& setup) {
 
 void reconcileAtLaunch(const Setup& setup, std::ostream& err) {
   try {
+    // A missing backup-sets.json reads as no sets: a timer left behind goes.
     const auto registry = registryOf(setup);
-    std::error_code error;
-    if (!std::filesystem::exists(registry.fileURL(), error)) return;
     const auto wish = registry.scheduleWish();
     if (wish == ScheduleWish::unknown) {
       err << registry.unreadableMessage() << "\n";
       return;
     }
     const auto scheduler = setup.scheduler();
-    const auto state = scheduler->current(false);
-    if (wish == ScheduleWish::none && !state.installed) return;
+    if (wish == ScheduleWish::none && !scheduler->current(false).installed) return;
+    // The service is asked too, so that a timer or agent stopped, disabled or
+    // booted out behind the program's back is installed again.
+    const auto state = scheduler->current(wish == ScheduleWish::scheduled);
     const auto minute = setup.defaults.tickMinute();
-    if (wish == ScheduleWish::scheduled && state.installed && minute && state.minute == minute &&
-        state.executablePath == setup.executable.string())
+    if (wish == ScheduleWish::scheduled && state.installed && state.loaded.value_or(false) &&
+        minute && state.minute == minute && state.executablePath == setup.executable.string())
       return;
     const auto result = BackupScheduleSetup::reconcileAtLaunch(
         registry, *scheduler, setup.defaults, isDemo(), setup.executable);

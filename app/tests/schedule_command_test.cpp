@@ -180,12 +180,19 @@ TEST_F(ScheduleCommandTest, LaunchReconcilesOnlyWhenTheSetsAndTheTimerDiffer) {
   EXPECT_THAT(err.str(), HasSubstr("Scheduled backups are on"));
   EXPECT_TRUE(std::filesystem::exists(folder.path() / "units/corvane-backup.timer"));
 
-  // Nothing changed: not one service command.
+  // Nothing changed: only the questions to systemd, nothing done.
   calls.clear();
   err.str("");
   ScheduleCommand::reconcileAtLaunch(setup, err);
   EXPECT_EQ(err.str(), "");
-  EXPECT_TRUE(calls.empty());
+  EXPECT_EQ(calls, (std::vector<std::vector<std::string>>{{"is-active", "corvane-backup.timer"},
+                                                          {"is-enabled", "corvane-backup.timer"}}));
+
+  // Stopped behind the program's back: the next start installs it again.
+  active = false;
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_THAT(err.str(), HasSubstr("Scheduled backups are on"));
+  EXPECT_TRUE(active);
 
   // A stored minute out of range is drawn again; then the timer follows it.
   minute = 60;
@@ -205,6 +212,17 @@ TEST_F(ScheduleCommandTest, LaunchReconcilesOnlyWhenTheSetsAndTheTimerDiffer) {
 
   set.schedule = BackupSchedule::manual();
   registry.save({set});
+  err.str("");
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_THAT(err.str(), HasSubstr("was removed"));
+  EXPECT_FALSE(std::filesystem::exists(folder.path() / "units/corvane-backup.timer"));
+
+  // backup-sets.json gone altogether: a timer left behind goes too.
+  set.schedule = BackupSchedule::hourly();
+  registry.save({set});
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  ASSERT_TRUE(std::filesystem::exists(folder.path() / "units/corvane-backup.timer"));
+  std::filesystem::remove(registry.fileURL());
   err.str("");
   ScheduleCommand::reconcileAtLaunch(setup, err);
   EXPECT_THAT(err.str(), HasSubstr("was removed"));
