@@ -123,6 +123,23 @@ TEST_F(ScheduleCommandTest, AddingAScheduledSetInstallsTheTimerAndRemovingItTake
                ScheduleCommand::SetArgumentError);
 }
 
+TEST_F(ScheduleCommandTest, StatusListsTheNotificationsNotYetSeenOnce) {
+  BackupTickResult result;
+  SetTickOutcome failedRun;
+  failedRun.username = "admin@acme.example";
+  failedRun.kind = SetTickOutcome::Kind::failed;
+  failedRun.failure = "The disk is full.";
+  result.sets.push_back(failedRun);
+  NoticeLedger::update(setup.backupRoot, result, *IsoTime::parsePlain("2024-05-01T10:17:00Z"));
+
+  const auto shown = run([&](CommandContext& c) { ScheduleCommand::status(c, setup); });
+  EXPECT_THAT(shown, HasSubstr("Notifications not yet seen:\n  2024-05-01T10:17:00Z: The "
+                               "scheduled backup of admin@acme.example did not finish: The disk "
+                               "is full.\n"));
+  const auto again = run([&](CommandContext& c) { ScheduleCommand::status(c, setup); });
+  EXPECT_EQ(again.find("Notifications not yet seen"), std::string::npos) << again;
+}
+
 TEST_F(ScheduleCommandTest, UnknownLoginsAndContradictoryOptionsChangeNothing) {
   ScheduleCommand::SetArguments arguments;
   arguments.login = "nobody";

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/desktop_notification.hpp"
 #include "platform/durable_file.hpp"
 #include "platform/file_error.hpp"
 #include "platform/tests/temporary_folder.hpp"
@@ -135,6 +136,18 @@ TEST_F(SettingsTest, APassingReadErrorNeverMovesTheFileAside) {
   for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(home)) ++entries;
   EXPECT_EQ(entries, 1);
   EXPECT_TRUE(std::filesystem::is_directory(file));
+}
+
+// The headless tick often runs without a session bus: then nothing is shown,
+// nothing is started, and post() says so at once.
+TEST(DesktopNotification, WithoutASessionBusNothingIsShown) {
+  TemporaryFolder runtime;
+  ScopedEnvironment bus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+  ScopedEnvironment runtimeDir("XDG_RUNTIME_DIR", runtime.path().string());
+  EXPECT_FALSE(DesktopNotification::sessionBusAvailable());
+  EXPECT_FALSE(DesktopNotification::post("Corvane", "A test notice."));
+  Durable::writeWhole(runtime.path() / "bus", "");
+  EXPECT_TRUE(DesktopNotification::sessionBusAvailable());
 }
 
 TEST_F(SettingsTest, ConcurrentSettersLoseNoKey) {

@@ -73,9 +73,26 @@ TEST(SetHistory, LastFullIsTheStartOfTheLastUsableFullCopy) {
     addRun(RunKind::changes, "2024-05-02T03:17:02Z", "2024-05-02T03:20:00Z", "complete");
     addRun(RunKind::full, "2024-05-08T03:17:09Z", "2024-05-08T03:19:00Z", "stopped");
   }
-  const auto history = readSetHistory(location);
+  auto history = readSetHistory(location);
   EXPECT_EQ(history.lastFull, at("2024-05-01T03:17:04Z"));
   EXPECT_FALSE(history.unfinishedRun);
+  EXPECT_FALSE(history.filesWaitingSince);
+
+  // Documents are owed since the first of the latest runs that left some.
+  {
+    BackupStore store(location);
+    for (const char* started : {"2024-05-09T03:17:00Z", "2024-05-10T03:17:00Z"}) {
+      const auto id = store.insertRun(started, RunKind::changes, started);
+      store.db()
+          .prepare("UPDATE runs SET stage = 'done', result = 'complete', files_waiting = 3 "
+                   "WHERE id = ?")
+          .bindInt(1, id)
+          .run();
+    }
+  }
+  history = readSetHistory(location);
+  EXPECT_EQ(history.filesWaitingSince, at("2024-05-09T03:17:00Z"));
+  EXPECT_TRUE(history.firstFilesDone);
 }
 
 TEST_F(ScheduledBackupsTest, RunsOnlyTheDueSetRecordsItAndWritesLastTick) {
@@ -219,6 +236,58 @@ TEST_F(ScheduledBackupsTest, ALedgerThatCannotBeReadJustNowIsLeftInPlace) {
     setAside |= entry.path().filename().string().rfind("notifications-unreadable-", 0) == 0;
   EXPECT_TRUE(setAside);
   EXPECT_TRUE(nlohmann::json::parse(*Durable::readWhole(ledger)).is_object());
+}
+
+// Unusual deletions and documents owed for more than three days are told once
+// each, and kept as not yet seen until the program shows them.
+TEST_F(ScheduledBackupsTest, DeletionsAndOwedDocumentsAreToldOnceAndKeptUntilSeen) {
+  registry.save({scheduled("alarm@x.example", BackupSchedule::hourly()),
+                 scheduled("owes@x.example", BackupSchedule::hourly())});
+  auto env = environment();
+  env.runSet = [](const SetRunRequest& request) {
+    auto outcome = SetRunOutcome::success();
+    if (request.set.username == "alarm@x.example")
+      outcome.unusualDeletions = {{"Account", 120, 5, 1000}};
+    return outcome;
+  };
+  env.history = [this](const BackupLocation& location) {
+    SetHistory history;
+    if (location.username == "owes@x.example") history.filesWaitingSince = now - 100h;
+    return history;
+  };
+  HeadlessBackup::run(env);
+  ASSERT_EQ(told.size(), 2u);
+  EXPECT_EQ(told[0],
+            "The scheduled backup of alarm@x.example found unusually many records deleted (125 "
+            "Account). Check with \"corvane backup deleted alarm@x.example\" that this was meant.");
+  EXPECT_EQ(told[1].rfind("The backup of owes@x.example has owed documents for 4 days", 0), 0u)
+      << told[1];
+
+  now += 1h;
+  HeadlessBackup::run(env);
+  EXPECT_EQ(told.size(), 2u);
+
+  auto unseen = NoticeLedger::unseen(root);
+  ASSERT_EQ(unseen.size(), 2u);
+  EXPECT_EQ(unseen[0].text, told[0]);
+  NoticeLedger::markSeen(root);
+  EXPECT_TRUE(NoticeLedger::unseen(root).empty());
+
+  // Caught up: the problems go; when they come back they are told again.
+  env.runSet = [](const SetRunRequest&) { return SetRunOutcome::success(); };
+  env.history = [](const BackupLocation&) { return SetHistory{}; };
+  now += 1h;
+  HeadlessBackup::run(env);
+  EXPECT_EQ(told.size(), 2u);
+  env.runSet = [](const SetRunRequest&) {
+    auto outcome = SetRunOutcome::success();
+    outcome.unusualDeletions = {{"Account", 120, 5, 1000}};
+    return outcome;
+  };
+  now += 1h;
+  HeadlessBackup::run(env);
+  EXPECT_EQ(told.size(), 4u);
+  EXPECT_EQ(NoticeLedger::unseen(root).size(), 2u);
 }
 
 TEST_F(ScheduledBackupsTest, WaitsAreSummarisedWithTheRetryAndPowerWaitsTakeFilesIntoAccount) {
