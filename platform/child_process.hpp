@@ -41,6 +41,9 @@ class ProcessLaunchError : public std::runtime_error {
   // ("No such file or directory."), a sentence of its own.
   ProcessLaunchError(const std::string& program, std::string reason)
       : std::runtime_error("Could not start " + program + ": " + reason), reason_(std::move(reason)) {}
+  // Only the reason known (stand-ins in tests).
+  explicit ProcessLaunchError(const std::string& reason)
+      : std::runtime_error(reason), reason_(reason) {}
   // The sentence a user reads: what could not be started, and why.
   std::string description() const { return what(); }
   // Only why, for a caller that names the program in its own words.
