@@ -73,6 +73,10 @@ TEST_F(SalesforceAPITest, ToolingQueriesFollowEveryPage) {
   Client api(source());
   const auto records =
       api.toolingQuery("SELECT Id FROM Account WHERE Name LIKE 'Account%' ORDER BY Name", org_);
+  // The pages come from the Tooling API's own locator path, as Salesforce gives them.
+  const auto log = client().Get("/_admin/requests");
+  ASSERT_TRUE(log);
+  EXPECT_NE(log->body.find("/services/data/v62.0/tooling/query/"), std::string::npos);
   ASSERT_EQ(records.size(), 4500u);
   EXPECT_EQ(records.front()["Id"], ids.front());
   EXPECT_EQ(records.back()["Id"], ids.back());

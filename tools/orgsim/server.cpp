@@ -119,6 +119,7 @@ struct Exchange {
   std::string faultName;
   std::int64_t dropAfter = -1;  // bytes of body to send before dropping the connection
   bool countsAgainstAllowance = false;
+  bool tooling = false;  // a Tooling API query: its next pages are under tooling/query
 };
 
 struct Cursor {
@@ -563,7 +564,12 @@ struct OrgServer::Impl {
       if (parts[1] == "query" && parts.size() == 2 && method == "GET") {
         auto answer = HealthAnswers::releaseUpdatesQuery(ex.req.get_param_value("q"), store.now());
         if (answer) return sendJson(ex, 200, *answer);
+        ex.tooling = true;
         return query(ex, version, false, ex.req.get_param_value("q"));
+      }
+      if (parts[1] == "query" && parts.size() == 3 && method == "GET") {
+        ex.tooling = true;
+        return queryMore(ex, version, false, parts[2]);
       }
       if (parts[1] == "sobjects" && method == "GET") {
         return sendJson(ex, 200, R"({"encoding":"UTF-8","maxBatchSize":200,"sobjects":[]})");
@@ -955,8 +961,9 @@ struct OrgServer::Impl {
     std::string out =
         "{\"totalSize\":" + std::to_string(cursor.total) + ",\"done\":" + (done ? "true" : "false");
     if (!done) {
-      out += ",\"nextRecordsUrl\":\"/services/data/v" + version + (all ? "/queryAll/" : "/query/") +
-             id + "-" + std::to_string(next) + "\"";
+      out += ",\"nextRecordsUrl\":\"/services/data/v" + version +
+             (ex.tooling ? "/tooling/query/" : all ? "/queryAll/" : "/query/") + id + "-" +
+             std::to_string(next) + "\"";
     }
     out += ",\"records\":[" + records + "]}";
     sendJson(ex, 200, out);
