@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "app/production_guard.hpp"
 #include "backup/backup_lock.hpp"
 #include "backup/backup_store.hpp"
 #include "backup/backup_volumes.hpp"
@@ -78,6 +79,10 @@ void recycleBin(CommandContext& context, SalesforceAPI::Client& api, const Argum
       return;
     }
   }
+  if (arguments.putBack)
+    ProductionGuard::confirm(org, "put back up to " + std::to_string(ids.size()) + " " +
+                                      arguments.object + " records from the Recycle Bin",
+                             context.out);
   DedupeAPITransport transport(api, org);
   RecycleBin bin(transport);
   const auto outcomes =

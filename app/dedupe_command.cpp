@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "app/production_guard.hpp"
 #include "connections/api_transport.hpp"
 #include "dedupe/change_runner.hpp"
 #include "dedupe/keeper_rules.hpp"
@@ -802,6 +803,11 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     context.out << "Dry run: nothing was changed.\n";
     return;
   }
+  ProductionGuard::confirm(setting.org,
+                           fmt::format("make {} merges, {} deletes and {} updates of {} records",
+                                       plan.merges.size(), plan.deletes.size(),
+                                       plan.updates.size(), setting.info.objectName),
+                           context.out);
 
   std::size_t done = 0;
   std::size_t failed = 0;

@@ -11,6 +11,7 @@
 #include <iostream>
 #include <iterator>
 
+#include "app/production_guard.hpp"
 #include "connections/api_transport.hpp"
 #include "import/delimited_text.hpp"
 #include "import/failed_rows.hpp"
@@ -295,6 +296,8 @@ ImportPlan run(CommandContext& context, SalesforceAPI::Client& api, const RunOpt
     context.out << "No row is ready to " << plan.operation.verb() << ", so nothing was written.\n";
     return plan;
   }
+  ProductionGuard::confirm(org, fmt::format("{} {} {} records", plan.operation.verb(),
+                                            plan.readyRows(), object), context.out);
 
   DedupeAPITransport transport(api, org);
   ImportJournal journal(options.journal.value_or(ImportJournal::standardPath()));

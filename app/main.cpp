@@ -15,6 +15,7 @@
 #include "app/health_command.hpp"
 #include "app/import_command.hpp"
 #include "app/orgs_command.hpp"
+#include "app/production_guard.hpp"
 #include "app/query_command.hpp"
 #include "app/schedule_command.hpp"
 #include "connections/salesforce_cli.hpp"
@@ -23,6 +24,7 @@ int main(int argc, char** argv) {
   CLI::App app{"Corvane: backups, duplicates and health checks for Salesforce orgs"};
   app.set_version_flag("--version", std::string("corvane ") + CORVANE_VERSION);
   app.require_subcommand(1);
+  corvane::ProductionGuard::addYesFlag(app);
 
   corvane::SalesforceCLI cli;
   // The hourly scheduled check runs headless, outside the command tree.

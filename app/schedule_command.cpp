@@ -12,6 +12,7 @@
 #include "connections/api_transport.hpp"
 #include "connections/ascii.hpp"
 #include "platform/app_support.hpp"
+#include "platform/desktop_notification.hpp"
 
 namespace corvane::ScheduleCommand {
 
@@ -243,6 +244,16 @@ void status(CommandContext& context, const Setup& setup) {
   } else {
     context.out << "Last tick: none yet\n";
   }
+  const auto notices = NoticeLedger::unseen(setup.backupRoot);
+  if (!notices.empty()) {
+    context.out << "Notifications not yet seen:\n";
+    for (const auto& notice : notices) context.out << "  " << notice.since << ": " << notice.text << "\n";
+    try {
+      NoticeLedger::markSeen(setup.backupRoot);
+    } catch (const std::exception&) {
+      // Shown again next time: better than lost.
+    }
+  }
 }
 
 SetRunner backupSetRunner(OrgAccess access) {
@@ -280,7 +291,11 @@ SetRunner backupSetRunner(OrgAccess access) {
                                               if (progress) progress(value);
                                             });
     const auto summary = runner->run(request.kind);
-    if (summary.succeeded()) return SetRunOutcome::success();
+    if (summary.succeeded()) {
+      auto outcome = SetRunOutcome::success();
+      outcome.unusualDeletions = summary.unusualDeletions;
+      return outcome;
+    }
     return SetRunOutcome::failed(summary.message.empty() ? "the backup stopped" : summary.message);
   };
 }
@@ -290,7 +305,12 @@ int runBackupTick(SalesforceCLI& cli, const Setup& setup) {
   environment.backupRoot = setup.backupRoot;
   environment.registryDirectory = setup.registryDirectory;
   environment.heavyWorkWaitsForPower = PowerWait::isOn();
-  environment.notify = [](const std::string& text) { std::cerr << text << "\n"; };
+  // On the desktop when a session bus is there; the ledger keeps every notice
+  // for `corvane schedule status` either way.
+  environment.notify = [](const std::string& text) {
+    std::cerr << text << "\n";
+    DesktopNotification::post("Corvane scheduled backup", text);
+  };
   OrgAccess access;
   access.logins = [&cli] { return cli.listOrgs(true, std::chrono::milliseconds(120'000)); };
   access.session = [&cli](const std::string& username) { return cli.session(username); };
@@ -300,20 +320,21 @@ int runBackupTick(SalesforceCLI& cli, const Setup& setup) {
 
 void reconcileAtLaunch(const Setup& setup, std::ostream& err) {
   try {
+    // A missing backup-sets.json reads as no sets: a timer left behind goes.
     const auto registry = registryOf(setup);
-    std::error_code error;
-    if (!std::filesystem::exists(registry.fileURL(), error)) return;
     const auto wish = registry.scheduleWish();
     if (wish == ScheduleWish::unknown) {
       err << registry.unreadableMessage() << "\n";
       return;
     }
     const auto scheduler = setup.scheduler();
-    const auto state = scheduler->current(false);
-    if (wish == ScheduleWish::none && !state.installed) return;
+    if (wish == ScheduleWish::none && !scheduler->current(false).installed) return;
+    // The service is asked too, so that a timer or agent stopped, disabled or
+    // booted out behind the program's back is installed again.
+    const auto state = scheduler->current(wish == ScheduleWish::scheduled);
     const auto minute = setup.defaults.tickMinute();
-    if (wish == ScheduleWish::scheduled && state.installed && minute && state.minute == minute &&
-        state.executablePath == setup.executable.string())
+    if (wish == ScheduleWish::scheduled && state.installed && state.loaded.value_or(false) &&
+        minute && state.minute == minute && state.executablePath == setup.executable.string())
       return;
     const auto result = BackupScheduleSetup::reconcileAtLaunch(
         registry, *scheduler, setup.defaults, isDemo(), setup.executable);

@@ -23,8 +23,12 @@ TransportFailure DedupeAPITransport::classify(const std::exception& error) const
   if (!failure) return {};
   using Kind = SalesforceAPI::APIError::Kind;
   TransportFailure result;
+  // A SOAP call whose session ended even after the retry with a fresh one
+  // answers 500 with the INVALID_SESSION_ID fault, whose text leads with it.
   result.signedOut = failure->kind() == Kind::noSession ||
-                     (failure->kind() == Kind::http && failure->status() == 401);
+                     (failure->kind() == Kind::http &&
+                      (failure->status() == 401 ||
+                       failure->message().rfind("INVALID_SESSION_ID", 0) == 0));
   if (failure->kind() == Kind::http) {
     result.httpStatus = failure->status();
     result.message = failure->message();

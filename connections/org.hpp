@@ -53,6 +53,13 @@ struct Org {
   // The kind of org. Production only when something positive says so: a known
   // sandbox flag or a known edition, and an instance URL.
   OrgType type() const;
+  // A production org, or a Dev Hub (which is one): the kinds whose data is
+  // real, so that a command asks before writing to them. Sandboxes, scratch
+  // and Developer Edition orgs are not; neither is an org of unknown kind.
+  bool isProduction() const {
+    const auto kind = type();
+    return kind == OrgType::production || kind == OrgType::devHub;
+  }
   OrgConnection connection() const;
   // The host of instanceUrl; the instanceUrl text itself when it is not a URL
   // with a host; empty without one.

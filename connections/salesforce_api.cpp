@@ -405,11 +405,30 @@ Client::Response Client::rawSOAP(const std::string& action, const std::string& e
 
 // ---- Calls with a login ----
 
+namespace {
+
+// A session that has ended: REST answers 401; the SOAP API answers 500 with
+// the fault code INVALID_SESSION_ID (as "sf:INVALID_SESSION_ID").
+bool sessionEnded(const Client::Response& response) {
+  if (response.status == 401) return true;
+  if (response.status != 500) return false;
+  const auto open = response.body.find("<faultcode>");
+  if (open == std::string::npos) return false;
+  const auto close = response.body.find("</faultcode>", open);
+  if (close == std::string::npos) return false;
+  const std::string_view code =
+      std::string_view(response.body).substr(open + 11, close - open - 11);
+  constexpr std::string_view invalid = "INVALID_SESSION_ID";
+  return code.size() >= invalid.size() && code.substr(code.size() - invalid.size()) == invalid;
+}
+
+}  // namespace
+
 Client::Response Client::withRetry(const Org& org,
                                    const std::function<Response(const Session&)>& call) {
   Session current = session(org, false);
   Response response = call(current);
-  if (response.status == 401) {
+  if (sessionEnded(response)) {
     current = session(org, true);
     response = call(current);
   }
@@ -540,11 +559,22 @@ std::vector<std::pair<std::string, std::int64_t>> Client::recordCounts(const Org
 }
 
 std::vector<nlohmann::json> Client::toolingQuery(const std::string& soql, const Org& org) {
-  auto json = getJSON("/tooling/query", {{"q", soql}}, org);
-  if (!json.is_object() || !json.contains("records") || !json["records"].is_array()) {
-    throw APIError::decoding();
+  std::vector<nlohmann::json> records;
+  std::string path = "/tooling/query";
+  QueryItems query = {{"q", soql}};
+  while (true) {
+    auto json = getJSON(path, query, org);
+    if (!json.is_object() || !json.contains("records") || !json["records"].is_array()) {
+      throw APIError::decoding();
+    }
+    for (auto& record : json["records"]) records.push_back(std::move(record));
+    const auto next = json.find("nextRecordsUrl");
+    if (json.value("done", true) || next == json.end() || !next->is_string()) return records;
+    path = next->get<std::string>();
+    // Followed as it stands, so it must stay on this org's API.
+    if (path.rfind("/services/", 0) != 0) throw APIError::decoding();
+    query.clear();
   }
-  return json["records"].get<std::vector<nlohmann::json>>();
 }
 
 nlohmann::json Client::importObject(const std::string& object, const Org& org) {

@@ -3,7 +3,7 @@
 // One shared Client serves every screen and run. It keeps one session per login
 // (keyed by the lower-cased username), takes a new one from the Salesforce CLI
 // when it has none, and repeats a request exactly once with a fresh session
-// after a 401. Every call blocks until the reply is complete; any number of
+// after a 401, or, for SOAP calls, after the INVALID_SESSION_ID fault. Every call blocks until the reply is complete; any number of
 // threads may call at once (each thread reuses its own connection).
 //
 // The access token goes only into the Authorization header (and, for SOAP, into
@@ -130,7 +130,8 @@ class Client {
   Response rawSOAP(const std::string& action, const std::string& envelope,
                    std::string_view tokenPlaceholder, const Session& session);
 
-  // The same calls with the login's session, one retry after a 401, and a
+  // The same calls with the login's session, one retry after a 401 (or a SOAP
+  // INVALID_SESSION_ID fault), and a
   // reply outside 200-299 thrown as http(status, message).
   std::string send(const std::string& method, const std::string& path, const QueryItems& query,
                    const std::optional<std::string>& body, const Org& org);
@@ -152,6 +153,7 @@ class Client {
   nlohmann::json describe(const std::string& object, const Org& org);
   // (name, count) of "/limits/recordCount".
   std::vector<std::pair<std::string, std::int64_t>> recordCounts(const Org& org);
+  // The records of a Tooling API query, every page of them (nextRecordsUrl).
   std::vector<nlohmann::json> toolingQuery(const std::string& soql, const Org& org);
   // The object's describe, read by the import engine as its schema.
   nlohmann::json importObject(const std::string& object, const Org& org);

@@ -10,6 +10,7 @@
 
 #include "connections/ascii.hpp"
 #include "platform/app_support.hpp"
+#include "platform/durable_file.hpp"
 
 namespace corvane {
 
@@ -291,7 +292,8 @@ ProcessResult SalesforceCLI::runRaw(const std::string& executable,
   try {
     return ChildProcess::run(request);
   } catch (const ProcessLaunchError& error) {
-    throw CLIError::failed("Could not launch the Salesforce CLI: " + error.description());
+    // The platform's reason only: "Could not start <path>" would say the same twice.
+    throw CLIError::failed("Could not launch the Salesforce CLI: " + error.reason());
   } catch (const ProcessTimedOut&) {
     throw CLIError::timedOut();
   }
@@ -561,7 +563,7 @@ RunningProcess SalesforceCLI::startLoginWeb(const std::optional<std::string>& al
   try {
     return RunningProcess::start(request);
   } catch (const ProcessLaunchError& error) {
-    throw CLIError::failed("Could not start the login flow: " + error.description());
+    throw CLIError::failed("Could not start the login flow: " + error.reason());
   }
 }
 
@@ -622,26 +624,75 @@ std::vector<json> SalesforceCLI::listMetadata(const std::string& orgTarget,
   }
 }
 
+namespace {
+
+// The project file the CLI needs in the folder it retrieves into. A project
+// that is already there is the user's: it is never written over. Only the
+// package folder "force-app" is added to its packageDirectories when missing
+// (as the default only when it names no default), keeping every other key and
+// the order of keys as they were.
+void prepareProject(const std::filesystem::path& projectRoot) {
+  const auto path = projectRoot / "sfdx-project.json";
+  const auto cannotPrepare = [&] {
+    return CLIError::failed("Could not prepare the folder " + projectRoot.string() +
+                            " for the retrieval. Check that it can be written to and try again.");
+  };
+  std::error_code error;
+  std::filesystem::create_directories(projectRoot / "force-app", error);
+  std::optional<std::string> existing;
+  try {
+    existing = Durable::readWhole(path);
+  } catch (const std::exception&) {
+    throw cannotPrepare();
+  }
+  nlohmann::ordered_json project;
+  if (!existing) {
+    project = {
+        {"packageDirectories",
+         nlohmann::ordered_json::array({{{"path", "force-app"}, {"default", true}}})},
+        {"sourceApiVersion", "62.0"},
+        {"namespace", ""},
+    };
+  } else {
+    project = nlohmann::ordered_json::parse(*existing, nullptr, false);
+    if (project.is_discarded() || !project.is_object() ||
+        (project.contains("packageDirectories") && !project["packageDirectories"].is_array())) {
+      throw CLIError::failed("The folder " + projectRoot.string() +
+                             " already holds an sfdx-project.json that is not a project file "
+                             "Corvane can read, so nothing was retrieved and the file was left as "
+                             "it is. Choose another folder, or repair the file.");
+    }
+    auto& folders = project["packageDirectories"];
+    if (folders.is_null()) folders = nlohmann::ordered_json::array();
+    bool hasFolder = false;
+    bool hasDefault = false;
+    for (const auto& folder : folders) {
+      if (!folder.is_object()) continue;
+      const auto folderPath = folder.value("path", std::string());
+      hasFolder |= folderPath == "force-app" || folderPath == "force-app/" ||
+                   folderPath == "./force-app";
+      hasDefault |= folder.value("default", false);
+    }
+    if (hasFolder) return;
+    nlohmann::ordered_json added = {{"path", "force-app"}};
+    if (!hasDefault) added["default"] = true;
+    folders.push_back(std::move(added));
+  }
+  try {
+    Durable::replace(path, project.dump(2) + "\n", 0644);
+  } catch (const std::exception&) {
+    throw cannotPrepare();
+  }
+}
+
+}  // namespace
+
 json SalesforceCLI::retrieve(const std::string& orgTarget,
                              const std::vector<std::string>& components,
                              const std::filesystem::path& projectRoot) {
   if (components.empty()) throw CLIError::failed("No components selected.");
   if (orgTarget.empty()) throw CLIError::failed(kNoTarget);
-  const json project = {
-      {"packageDirectories", json::array({{{"path", "force-app"}, {"default", true}}})},
-      {"sourceApiVersion", "62.0"},
-      {"namespace", ""},
-  };
-  std::error_code error;
-  std::filesystem::create_directories(projectRoot, error);
-  {
-    std::ofstream file(projectRoot / "sfdx-project.json", std::ios::binary | std::ios::trunc);
-    file << project.dump(2) << '\n';
-    if (!file.flush()) {
-      throw CLIError::failed("Could not prepare the folder " + projectRoot.string() +
-                             " for the retrieval. Check that it can be written to and try again.");
-    }
-  }
+  prepareProject(projectRoot);
   std::vector<std::string> args = {"project",      "retrieve", "start",
                                    "--target-org", orgTarget,  "--json"};
   for (const auto& component : components) {

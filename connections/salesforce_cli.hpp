@@ -138,8 +138,10 @@ class SalesforceCLI {
   // Never throws: an empty list on any failure.
   std::vector<nlohmann::json> listMetadata(const std::string& orgTarget,
                                            const std::string& type) noexcept;
-  // Writes sfdx-project.json into projectRoot and retrieves the components into
-  // its force-app/main/default folder.
+  // Retrieves the components into projectRoot, writing sfdx-project.json there
+  // when there is none. An existing one is never overwritten: the package
+  // folder force-app is added to it when missing and the rest left alone; one
+  // that cannot be read as a project refuses the retrieval.
   nlohmann::json retrieve(const std::string& orgTarget, const std::vector<std::string>& components,
                           const std::filesystem::path& projectRoot);
 

@@ -41,14 +41,10 @@ std::mutex settingsMutex;
 std::filesystem::path settingsPath() { return AppSupport::folder() / "settings.json"; }
 
 // The settings as stored, or none when the file is there but is not a JSON
-// object. A missing file is an empty object.
+// object. A missing file is an empty object. A file that cannot be read just
+// now throws FileError: it may be fine the next time, so it is never set aside.
 std::optional<nlohmann::json> readSettings(const std::filesystem::path& path) {
-  std::optional<std::string> text;
-  try {
-    text = Durable::readWhole(path);
-  } catch (const FileError&) {
-    return std::nullopt;
-  }
+  const std::optional<std::string> text = Durable::readWhole(path);
   if (!text) return nlohmann::json::object();
   nlohmann::json parsed = nlohmann::json::parse(*text, nullptr, false);
   if (parsed.is_discarded() || !parsed.is_object()) return std::nullopt;

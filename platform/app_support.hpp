@@ -25,8 +25,10 @@ std::filesystem::path homeFolder();
 }  // namespace AppSupport
 
 // settings.json in the application-support folder: a JSON object written sorted,
-// pretty-printed and atomically. A file that cannot be read is moved aside
-// under a dated name and treated as empty, never overwritten in place.
+// pretty-printed and atomically. A file that is not a JSON object is moved
+// aside under a dated name and treated as empty, never overwritten in place; a
+// file that cannot be read at all (an I/O error) throws FileError from every
+// call and is left where it is.
 // Keys in use: "backupTickMinute" (int), "cliPath" (text).
 // Thread-safe: every call reads or replaces the whole file under a process-wide mutex.
 namespace Settings {

@@ -77,12 +77,12 @@ Pipe makePipe() {
   // No pipe2 on macOS; the spawn below uses POSIX_SPAWN_CLOEXEC_DEFAULT, which
   // closes the gap between pipe() and fcntl() for children we start ourselves.
   if (::pipe(fds) != 0) {
-    throw ProcessLaunchError("Could not create a pipe: " + errnoText(errno) + ".");
+    throw ProcessLaunchError("a program", "no pipe could be made for it: " + errnoText(errno) + ".");
   }
   for (int fd : fds) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
 #else
   if (::pipe2(fds, O_CLOEXEC) != 0) {
-    throw ProcessLaunchError("Could not create a pipe: " + errnoText(errno) + ".");
+    throw ProcessLaunchError("a program", "no pipe could be made for it: " + errnoText(errno) + ".");
   }
 #endif
   return Pipe{Descriptor(fds[0]), Descriptor(fds[1])};
@@ -127,15 +127,15 @@ struct ChildStreams {
 // changed are reset to the defaults a fresh program expects.
 pid_t spawn(const ProcessRequest& request, const ChildStreams& streams) {
   if (request.executable.is_relative()) {
-    throw ProcessLaunchError("Could not start " + request.executable.string() +
-                             ": the program must be named by an absolute path.");
+    throw ProcessLaunchError(request.executable.string(),
+                             "the program must be named by an absolute path.");
   }
   if (request.workingDirectory) {
     std::error_code error;
     if (!std::filesystem::is_directory(*request.workingDirectory, error)) {
-      throw ProcessLaunchError("Could not start " + request.executable.string() +
-                               ": the working folder " + request.workingDirectory->string() +
-                               " does not exist.");
+      throw ProcessLaunchError(request.executable.string(),
+                               "the working folder " + request.workingDirectory->string() +
+                                   " does not exist.");
     }
   }
 
@@ -187,8 +187,7 @@ pid_t spawn(const ProcessRequest& request, const ChildStreams& streams) {
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attributes);
   if (error != 0) {
-    throw ProcessLaunchError("Could not start " + request.executable.string() + ": " +
-                             errnoText(error) + ".");
+    throw ProcessLaunchError(request.executable.string(), errnoText(error) + ".");
   }
   return pid;
 }

@@ -14,6 +14,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace corvane {
@@ -36,10 +37,20 @@ struct ProcessRequest {
 // The child could not be started at all (missing file, no permission, ...).
 class ProcessLaunchError : public std::runtime_error {
  public:
-  explicit ProcessLaunchError(const std::string& platformDescription)
-      : std::runtime_error(platformDescription) {}
+  // program: what could not be started; reason: why, as the platform puts it
+  // ("No such file or directory."), a sentence of its own.
+  ProcessLaunchError(const std::string& program, std::string reason)
+      : std::runtime_error("Could not start " + program + ": " + reason), reason_(std::move(reason)) {}
+  // Only the reason known (stand-ins in tests).
+  explicit ProcessLaunchError(const std::string& reason)
+      : std::runtime_error(reason), reason_(reason) {}
   // The sentence a user reads: what could not be started, and why.
   std::string description() const { return what(); }
+  // Only why, for a caller that names the program in its own words.
+  const std::string& reason() const { return reason_; }
+
+ private:
+  std::string reason_;
 };
 
 // The child did not end within its time limit; it has been terminated.

@@ -145,7 +145,13 @@ BackupSchedule::Decision BackupSchedule::decide(SystemTime now, const ScheduleCa
   if (!lastFull) {
     runKind = RunKind::full;
   } else if (const auto interval = fullCopyInterval(fullEvery)) {
-    if (now - *lastFull >= *interval) runKind = RunKind::full;
+    // A run starts some seconds after its tick, a little later or earlier each
+    // time: a copy started at 03:17:05 is due again at the tick of 03:17:02 a
+    // week on. Half the tick period forgives that; daily and weekly moments
+    // also move by an hour when daylight saving changes, so they get two hours
+    // (still far less than the day between their runs).
+    const auto slack = kind == Kind::hourly ? seconds(minutes(30)) : seconds(hours(2));
+    if (now - *lastFull >= *interval - slack) runKind = RunKind::full;
   }
   return Decision::run(runKind, downloadFiles);
 }

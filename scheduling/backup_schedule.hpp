@@ -17,8 +17,10 @@
 //   whole run waits (needsPower); later runs go ahead with records only
 //   (downloadFiles false) and leave the bodies for a run on mains. Callers pass
 //   firstFilesDone true for sets that do not download files at all.
-// - The kind: full when there is no full copy yet, or when the last one is at
-//   least the interval of fullEvery old (seven days, 28 days); otherwise changes.
+// - The kind: full when there is no full copy yet, or when the last one was
+//   started at least the interval of fullEvery ago (seven days, 28 days), give
+//   or take the few seconds a run starts after its tick; otherwise changes. A
+//   daily set thus gets its full copy on every 7th day, not every 8th.
 #pragma once
 
 #include <chrono>
@@ -95,6 +97,7 @@ struct BackupSchedule {
   std::optional<SystemTime> lastSlot(SystemTime before, const ScheduleCalendar& calendar) const;
 
   Decision decide(SystemTime now, const ScheduleCalendar& calendar,
+                  // lastFull: when the last usable full copy started.
                   std::optional<SystemTime> lastSuccess, std::optional<SystemTime> lastFull,
                   FullEvery fullEvery, bool unfinishedRun, const Conditions& conditions) const;
 

@@ -181,6 +181,9 @@ void LaunchAgentManager::apply(const std::vector<Action>& actions, const std::st
         }
         break;
       case Action::bootstrap:
+        // An agent disabled behind the program's back ("launchctl disable")
+        // would refuse the bootstrap: turning scheduled backups on means it.
+        launchctl_({"enable", serviceTarget()});
         if (launchctl_({"bootstrap", domain(), fileURL().string()}).status != 0)
           throw SchedulerError(
               "macOS did not accept the backup schedule. Check that Corvane is allowed under "

@@ -28,9 +28,12 @@ bool onBatteryLinux(const std::filesystem::path& supplies) {
     if (type == "Mains" || type == "USB") {
       if (firstLine(entry.path() / "online") == "1") mains = true;
     } else if (type == "Battery") {
-      // A battery that is not there at all (an empty bay) does not count.
-      const auto present = firstLine(entry.path() / "present");
-      if (present != "0") battery = true;
+      // A wireless mouse or headset lists its battery with scope "Device"; only
+      // a battery that powers the system counts, and one that is not there at
+      // all (an empty bay) does not.
+      if (firstLine(entry.path() / "scope") == "Device") continue;
+      if (firstLine(entry.path() / "present") == "0") continue;
+      battery = true;
       if (firstLine(entry.path() / "status") == "Charging") mains = true;
     }
   }

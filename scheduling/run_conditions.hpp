@@ -2,7 +2,8 @@
 // battery or on mains, and whether a network path out exists.
 //
 // Linux reads /sys/class/power_supply (a "Mains" or "USB" supply online means
-// mains; otherwise a "Battery" supply means battery) and the routing tables
+// mains; otherwise a "Battery" supply whose scope is not "Device" means
+// battery: a wireless mouse's battery never makes a desktop "on battery") and the routing tables
 // /proc/net/route and /proc/net/ipv6_route (a default route through any
 // interface but loopback means a usable path). macOS reads the power-source
 // line of "pmset -g batt" ("AC Power" is mains, "Battery Power" battery) and

@@ -1,5 +1,7 @@
 #include "scheduling/scheduled_backups.hpp"
 
+#include <algorithm>
+
 #include <nlohmann/json.hpp>
 
 #include "backup/backup_error.hpp"
@@ -106,9 +108,14 @@ SetHistory readSetHistory(const BackupLocation& location) {
   for (const auto& run : runs) {
     if (!run.isUsable()) continue;
     if (run.kind == RunKind::full) {
-      if (auto finished = parseTime(run.finishedAt)) history.lastFull = finished;
+      if (auto started = parseTime(run.startedAt)) history.lastFull = started;
     }
-    if (run.filesWaiting == 0) history.firstFilesDone = true;
+    if (run.filesWaiting == 0) {
+      history.firstFilesDone = true;
+      history.filesWaitingSince.reset();
+    } else if (!history.filesWaitingSince) {
+      history.filesWaitingSince = parseTime(run.startedAt);
+    }
   }
   history.unfinishedRun = !runs.empty() && !runs.back().isFinished();
   return history;
@@ -170,6 +177,7 @@ BackupTickResult tick(const TickContext& context) {
         continue;
       }
       const auto history = context.history(config.location);
+      outcome.filesWaitingSince = history.filesWaitingSince;
       BackupSchedule::Conditions conditions;
       conditions.onBattery = context.conditions.onBattery;
       conditions.networkAvailable = context.conditions.networkAvailable;
@@ -189,7 +197,9 @@ BackupTickResult tick(const TickContext& context) {
         continue;
       }
       if (auto problem = writeProblem(set, config.location, context.volumes)) {
-        result.sets.push_back(failed(set.username, *problem, false));
+        auto refused = failed(set.username, *problem, false);
+        refused.filesWaitingSince = outcome.filesWaitingSince;
+        result.sets.push_back(refused);
         continue;
       }
       SetRunRequest request{set, config, decision.runKind,
@@ -204,13 +214,20 @@ BackupTickResult tick(const TickContext& context) {
         run = SetRunOutcome::failed("the backup stopped");
       }
       if (!run.succeeded) {
-        result.sets.push_back(failed(set.username,
-                                     run.failure.empty() ? "the backup stopped" : run.failure,
-                                     run.started));
+        auto failure = failed(set.username,
+                              run.failure.empty() ? "the backup stopped" : run.failure,
+                              run.started);
+        failure.filesWaitingSince = outcome.filesWaitingSince;
+        result.sets.push_back(failure);
         continue;
       }
       outcome.kind = SetTickOutcome::Kind::succeeded;
       outcome.ran = true;
+      outcome.unusualDeletions = run.unusualDeletions;
+      try {
+        outcome.filesWaitingSince = context.history(config.location).filesWaitingSince;
+      } catch (const std::exception&) {
+      }
       context.registry->recordSuccess(set.username, context.now());
       result.sets.push_back(outcome);
     } catch (const UserFacingError& error) {
@@ -260,60 +277,137 @@ std::vector<std::string> update(const std::filesystem::path& backupRoot,
                                 const BackupTickResult& result, SystemTime now) {
   const auto path = backupRoot / fileName;
   json ledger = json::object();
+  // A ledger that cannot be read just now is neither set aside nor written
+  // over: its notices are told again, which beats never telling.
+  bool writable = true;
   try {
     if (const auto text = Durable::readWhole(path)) {
-      ledger = json::parse(*text);
-      if (!ledger.is_object() || !ledger.value("notices", json::object()).is_object())
-        throw std::invalid_argument("not a ledger");
+      ledger = json::parse(*text, nullptr, false);
+      if (ledger.is_discarded() || !ledger.is_object() ||
+          !ledger.value("notices", json::object()).is_object()) {
+        try {
+          Durable::moveAside(path, now);
+        } catch (const std::exception&) {
+          writable = false;
+        }
+        ledger = json::object();
+      }
     }
   } catch (const std::exception&) {
-    try {
-      Durable::moveAside(path, now);
-    } catch (const std::exception&) {
-    }
+    writable = false;
     ledger = json::object();
   }
   json notices = ledger.value("notices", json::object());
 
-  // Problems of this tick, keyed by username, so that a set's notice is
-  // replaced when its problem changes and dropped when it goes away.
+  // Problems of this tick. A set's failure (or its wait for power) is keyed
+  // by its username, so that its notice is replaced when the problem changes
+  // and dropped when the set succeeds; unusual deletions and owed documents
+  // have keys of their own.
   std::vector<std::string> toTell;
+  auto raise = [&](const std::string& key, const std::string& problem, const std::string& text) {
+    const auto known = notices.find(key);
+    if (known != notices.end() && known->value("problem", "") == problem) return;
+    toTell.push_back(text);
+    notices[key] = {{"problem", problem},
+                    {"since", IsoTime::formatPlain(now)},
+                    {"text", text},
+                    {"seen", false}};
+  };
   if (result.setsUnreadable) {
-    if (!notices.contains("")) toTell.push_back(result.summary());
-    notices[""] = {{"problem", "unreadable"}, {"since", IsoTime::formatPlain(now)}};
+    raise("", "unreadable", result.summary());
   } else {
     notices.erase("");
   }
   for (const auto& set : result.sets) {
-    std::string problem;
-    std::string text;
+    const std::string& name = set.username;
     if (set.kind == SetTickOutcome::Kind::failed) {
-      problem = set.failure;
-      text = "The scheduled backup of " + set.username + " did not finish: " + set.failure;
+      raise(name, set.failure,
+            "The scheduled backup of " + name + " did not finish: " + set.failure);
     } else if (set.kind == SetTickOutcome::Kind::succeeded) {
-      notices.erase(set.username);
-      continue;
+      notices.erase(name);
+      if (set.unusualDeletions.empty()) {
+        notices.erase(name + "|deletions");
+      } else {
+        std::string list;
+        for (const auto& count : set.unusualDeletions) {
+          if (!list.empty()) list += ", ";
+          list += std::to_string(count.deleted + count.missing) + " " + count.object;
+        }
+        raise(name + "|deletions", list,
+              "The scheduled backup of " + name + " found unusually many records deleted (" +
+                  list + "). Check with \"corvane backup deleted " + name +
+                  "\" that this was meant.");
+      }
     } else if (set.kind == SetTickOutcome::Kind::waiting &&
                set.waitReason == BackupSchedule::WaitReason::needsPower) {
-      problem = "needsPower";
-      text = "The scheduled backup of " + set.username +
-             " is waiting for mains power to download files. Connect the power adapter.";
-    } else {
-      continue;  // not due, or briefly offline: nothing to tell
+      raise(name, "needsPower",
+            "The scheduled backup of " + name +
+                " is waiting for mains power to download files. Connect the power adapter.");
     }
-    const auto known = notices.find(set.username);
-    if (known == notices.end() || known->value("problem", "") != problem) {
-      toTell.push_back(text);
-      notices[set.username] = {{"problem", problem}, {"since", IsoTime::formatPlain(now)}};
+    if (set.filesWaitingSince && now - *set.filesWaitingSince > filesOwedGrace) {
+      const auto days = std::chrono::floor<std::chrono::days>(now - *set.filesWaitingSince).count();
+      raise(name + "|filesOwed", "filesOwed",
+            "The backup of " + name + " has owed documents for " + std::to_string(days) +
+                " days: their bodies have not been downloaded yet. They are fetched by the next "
+                "run on mains power with a working connection.");
+    } else if (set.kind == SetTickOutcome::Kind::succeeded) {
+      notices.erase(name + "|filesOwed");
     }
   }
   ledger["notices"] = notices;
   try {
-    Durable::replace(path, ledger.dump(2) + "\n", 0600);
+    if (writable) {
+      std::filesystem::create_directories(backupRoot);
+      Durable::replace(path, ledger.dump(2) + "\n", 0600);
+    }
   } catch (const std::exception&) {
     // Without a ledger the notice comes again next hour: better than never.
   }
   return toTell;
+}
+
+namespace {
+
+std::optional<json> readLedger(const std::filesystem::path& backupRoot) {
+  try {
+    const auto text = Durable::readWhole(backupRoot / fileName);
+    if (!text) return std::nullopt;
+    auto ledger = json::parse(*text, nullptr, false);
+    if (ledger.is_discarded() || !ledger.is_object()) return std::nullopt;
+    return ledger;
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+std::vector<Notice> unseen(const std::filesystem::path& backupRoot) {
+  std::vector<Notice> out;
+  const auto ledger = readLedger(backupRoot);
+  if (!ledger) return out;
+  const auto notices = ledger->value("notices", json::object());
+  if (!notices.is_object()) return out;
+  for (const auto& [key, notice] : notices.items()) {
+    if (!notice.is_object() || notice.value("seen", true)) continue;
+    out.push_back({notice.value("text", std::string()), notice.value("since", std::string())});
+  }
+  std::stable_sort(out.begin(), out.end(),
+                   [](const Notice& a, const Notice& b) { return a.since < b.since; });
+  return out;
+}
+
+void markSeen(const std::filesystem::path& backupRoot) {
+  auto ledger = readLedger(backupRoot);
+  if (!ledger || !ledger->contains("notices") || !(*ledger)["notices"].is_object()) return;
+  bool changed = false;
+  for (auto& [key, notice] : (*ledger)["notices"].items()) {
+    if (notice.is_object() && !notice.value("seen", true)) {
+      notice["seen"] = true;
+      changed = true;
+    }
+  }
+  if (changed) Durable::replace(backupRoot / fileName, ledger->dump(2) + "\n", 0600);
 }
 
 }  // namespace NoticeLedger

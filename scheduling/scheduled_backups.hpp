@@ -20,6 +20,7 @@
 
 #include "backup/backup_config.hpp"
 #include "backup/backup_volumes.hpp"
+#include "backup/deleted_count.hpp"
 #include "platform/file_lock.hpp"
 #include "platform/iso_time.hpp"
 #include "platform/user_facing_error.hpp"
@@ -57,10 +58,14 @@ struct SetRunOutcome {
   bool succeeded = false;
   std::string failure;
   bool started = true;
-  static SetRunOutcome success() { return {true, {}, true}; }
-  static SetRunOutcome failed(std::string sentence) { return {false, std::move(sentence), true}; }
+  // What the run found deleted beyond the usual (the deletion alarm).
+  std::vector<DeletedCount> unusualDeletions;
+  static SetRunOutcome success() { return {true, {}, true, {}}; }
+  static SetRunOutcome failed(std::string sentence) {
+    return {false, std::move(sentence), true, {}};
+  }
   static SetRunOutcome notStarted(std::string sentence) {
-    return {false, std::move(sentence), false};
+    return {false, std::move(sentence), false, {}};
   }
 };
 
@@ -70,9 +75,13 @@ using SetRunner = std::function<SetRunOutcome(const SetRunRequest&)>;
 
 // What the set's own backup folder says about earlier runs.
 struct SetHistory {
-  std::optional<SystemTime> lastFull;  // the end of the last usable full copy
+  std::optional<SystemTime> lastFull;  // the start of the last usable full copy
   bool unfinishedRun = false;          // the latest run did not reach its end
   bool firstFilesDone = false;         // some usable run left no file bodies waiting
+  // When the documents still owed began to be owed: the start of the first of
+  // the latest usable runs that all left file bodies waiting; none when the
+  // latest usable run left none.
+  std::optional<SystemTime> filesWaitingSince;
 };
 using SetHistoryReader = std::function<SetHistory(const BackupLocation&)>;
 
@@ -87,6 +96,8 @@ struct SetTickOutcome {
   BackupSchedule::WaitReason waitReason = BackupSchedule::WaitReason::offline;
   std::string failure;  // failed: the sentence
   bool ran = false;     // the run itself was started
+  std::vector<DeletedCount> unusualDeletions;    // succeeded: what the alarm found
+  std::optional<SystemTime> filesWaitingSince;  // documents owed since then
   bool operator==(const SetTickOutcome&) const = default;
 };
 
@@ -143,15 +154,29 @@ std::optional<Record> read(const std::filesystem::path& backupRoot);
 }  // namespace LastTick
 
 // "notifications.json": one notice per problem, not one per hour. A problem is
-// a set's username with its failure (or its wait); once told it is not told
-// again while it lasts. A set that succeeds forgets its problems, so the same
-// problem coming back later is told again.
+// one of a set's: its run failed or was given up, it waits for mains power to
+// fetch its first documents, its run found unusual deletions, or it has owed
+// documents for more than three days. Once told it is not told again while it
+// lasts; a set that succeeds forgets its failure, so the same failure coming
+// back later is told again. Every notice is kept as not yet seen until the
+// program shows it (`corvane schedule status`).
 namespace NoticeLedger {
 inline constexpr const char* fileName = "notifications.json";
-// The notices to give now, as sentences; updates the ledger. An unreadable
-// ledger is moved aside and counts as empty.
+// How long documents may be owed before the user is told.
+inline constexpr std::chrono::hours filesOwedGrace{72};
+// The notices to give now, as sentences; updates the ledger. A ledger that
+// holds bad JSON is moved aside and counts as empty.
 std::vector<std::string> update(const std::filesystem::path& backupRoot,
                                 const BackupTickResult& result, SystemTime now);
+struct Notice {
+  std::string text;
+  std::string since;  // ISO 8601
+  bool operator==(const Notice&) const = default;
+};
+// The notices not yet seen, oldest first; none when there is no ledger.
+std::vector<Notice> unseen(const std::filesystem::path& backupRoot);
+// Marks every notice seen.
+void markSeen(const std::filesystem::path& backupRoot);
 }  // namespace NoticeLedger
 
 // The power-wait setting: "backupFilesWaitForPower" (true or false) in the
@@ -182,7 +207,8 @@ struct Environment {
   SetRunner runSet;
   SetHistoryReader history = readSetHistory;
   BackupVolumes volumes = BackupVolumes::system();
-  // Where new notices go (the headless program writes them to standard error).
+  // Where new notices go (the headless program posts them on the desktop
+  // when it can; they stay in notifications.json as not yet seen anyway).
   std::function<void(const std::string&)> notify;
 };
 

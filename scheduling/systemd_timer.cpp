@@ -54,7 +54,7 @@ std::string timer(int minute) {
       "\n"
       "[Timer]\n"
       "OnCalendar=*-*-* *:{:02}:00\n"
-      "Persistent=false\n"
+      "Persistent=true\n"
       "\n"
       "[Install]\n"
       "WantedBy=timers.target\n",
@@ -148,7 +148,11 @@ SchedulerState SystemdUserTimer::current(bool askSystemd) {
   state.installed = timerText.has_value() || serviceText.has_value();
   if (timerText) state.minute = minuteFromTimer(*timerText);
   if (serviceText) state.executablePath = executableFromService(*serviceText);
-  if (askSystemd) state.loaded = systemctl_({"is-active", SystemdUnits::timerName}).status == 0;
+  // Loaded means running now and enabled for the next session too: a timer
+  // disabled behind the program's back still runs until the user logs out.
+  if (askSystemd)
+    state.loaded = systemctl_({"is-active", SystemdUnits::timerName}).status == 0 &&
+                   systemctl_({"is-enabled", SystemdUnits::timerName}).status == 0;
   return state;
 }
 
@@ -219,7 +223,8 @@ ServiceCommandRunner recordingRunner(std::filesystem::path folder, std::string p
       Durable::append(folder / "service-commands.log", line + "\n", 0600);
     } catch (const std::exception&) {
     }
-    const bool asks = !arguments.empty() && (arguments[0] == "is-active" || arguments[0] == "print");
+    const bool asks = !arguments.empty() && (arguments[0] == "is-active" ||
+                                             arguments[0] == "is-enabled" || arguments[0] == "print");
     std::error_code error;
     return ServiceCommandResult{asks && !std::filesystem::exists(installed, error) ? 3 : 0, ""};
   };

@@ -4,8 +4,8 @@
 //
 // Units live in the user's unit folder ($XDG_CONFIG_HOME/systemd/user, else
 // ~/.config/systemd/user) and are driven with "systemctl --user". A tick that
-// the machine slept through is not repeated (Persistent=false): the next
-// hourly tick catches up whatever is due anyway.
+// the machine was off or asleep for runs when it wakes (Persistent=true), as
+// the launch agent does on macOS; the tick itself runs a missed slot once.
 #pragma once
 
 #include <optional>

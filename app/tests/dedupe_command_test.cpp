@@ -31,8 +31,10 @@ class DedupeCommandTest : public orgsim::testing::ServerFixture {
                  server_->baseUrl() + R"("}]}}')");
     cli_ = std::make_unique<SalesforceCLI>(fake_.options());
     api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
+      // Once signed out, the CLI only has the ended session to give.
+      return SalesforceAPI::Session{
+          signedOut_ ? "00D000000000001!ended" : orgsim::Sessions::issue(store(), "").token,
+          server_->baseUrl(), "62.0", {}};
     });
   }
   void TearDown() override {
@@ -56,6 +58,7 @@ class DedupeCommandTest : public orgsim::testing::ServerFixture {
   testing::FakeCLI fake_;
   std::unique_ptr<SalesforceCLI> cli_;
   std::unique_ptr<SalesforceAPI::Client> api_;
+  bool signedOut_ = false;
   std::ostringstream out_;
 };
 
@@ -340,7 +343,9 @@ TEST_F(DedupeResolveCommandTest, ASignOutPartWayStopsTheRunAndSaysWhatWasAndWasN
   auto ctx = context();
   auto options = mergeOldest();
   options.progress = [this](std::size_t done, std::size_t) {
-    if (done == 1) admin("tokens/expire", {{"username", store().identity().adminUsername}});
+    if (done != 1) return;
+    signedOut_ = true;  // a fresh session would be taken, and the run go on, otherwise
+    admin("tokens/expire", {{"username", store().identity().adminUsername}});
   };
   out_.str("");
   std::ostringstream err;

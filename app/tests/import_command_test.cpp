@@ -212,7 +212,7 @@ TEST_F(ImportRunTest, KilledAtRandomMomentsAndResumedTheOrgHasEachRowOnce) {
     }
     ProcessRequest import{
         corvane,
-        {"import", "run", "sample", "Account", file.string(), "--operation", "insert"},
+        {"import", "run", "sample", "Account", file.string(), "--operation", "insert", "--yes"},
         std::nullopt,
         environment,
         std::chrono::seconds(300),

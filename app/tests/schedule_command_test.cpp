@@ -123,6 +123,23 @@ TEST_F(ScheduleCommandTest, AddingAScheduledSetInstallsTheTimerAndRemovingItTake
                ScheduleCommand::SetArgumentError);
 }
 
+TEST_F(ScheduleCommandTest, StatusListsTheNotificationsNotYetSeenOnce) {
+  BackupTickResult result;
+  SetTickOutcome failedRun;
+  failedRun.username = "admin@acme.example";
+  failedRun.kind = SetTickOutcome::Kind::failed;
+  failedRun.failure = "The disk is full.";
+  result.sets.push_back(failedRun);
+  NoticeLedger::update(setup.backupRoot, result, *IsoTime::parsePlain("2024-05-01T10:17:00Z"));
+
+  const auto shown = run([&](CommandContext& c) { ScheduleCommand::status(c, setup); });
+  EXPECT_THAT(shown, HasSubstr("Notifications not yet seen:\n  2024-05-01T10:17:00Z: The "
+                               "scheduled backup of admin@acme.example did not finish: The disk "
+                               "is full.\n"));
+  const auto again = run([&](CommandContext& c) { ScheduleCommand::status(c, setup); });
+  EXPECT_EQ(again.find("Notifications not yet seen"), std::string::npos) << again;
+}
+
 TEST_F(ScheduleCommandTest, UnknownLoginsAndContradictoryOptionsChangeNothing) {
   ScheduleCommand::SetArguments arguments;
   arguments.login = "nobody";
@@ -180,12 +197,19 @@ TEST_F(ScheduleCommandTest, LaunchReconcilesOnlyWhenTheSetsAndTheTimerDiffer) {
   EXPECT_THAT(err.str(), HasSubstr("Scheduled backups are on"));
   EXPECT_TRUE(std::filesystem::exists(folder.path() / "units/corvane-backup.timer"));
 
-  // Nothing changed: not one service command.
+  // Nothing changed: only the questions to systemd, nothing done.
   calls.clear();
   err.str("");
   ScheduleCommand::reconcileAtLaunch(setup, err);
   EXPECT_EQ(err.str(), "");
-  EXPECT_TRUE(calls.empty());
+  EXPECT_EQ(calls, (std::vector<std::vector<std::string>>{{"is-active", "corvane-backup.timer"},
+                                                          {"is-enabled", "corvane-backup.timer"}}));
+
+  // Stopped behind the program's back: the next start installs it again.
+  active = false;
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_THAT(err.str(), HasSubstr("Scheduled backups are on"));
+  EXPECT_TRUE(active);
 
   // A stored minute out of range is drawn again; then the timer follows it.
   minute = 60;
@@ -205,6 +229,17 @@ TEST_F(ScheduleCommandTest, LaunchReconcilesOnlyWhenTheSetsAndTheTimerDiffer) {
 
   set.schedule = BackupSchedule::manual();
   registry.save({set});
+  err.str("");
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  EXPECT_THAT(err.str(), HasSubstr("was removed"));
+  EXPECT_FALSE(std::filesystem::exists(folder.path() / "units/corvane-backup.timer"));
+
+  // backup-sets.json gone altogether: a timer left behind goes too.
+  set.schedule = BackupSchedule::hourly();
+  registry.save({set});
+  ScheduleCommand::reconcileAtLaunch(setup, err);
+  ASSERT_TRUE(std::filesystem::exists(folder.path() / "units/corvane-backup.timer"));
+  std::filesystem::remove(registry.fileURL());
   err.str("");
   ScheduleCommand::reconcileAtLaunch(setup, err);
   EXPECT_THAT(err.str(), HasSubstr("was removed"));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "connections/api_transport.hpp"
+#include "tools/orgsim/faults.hpp"
 #include "tools/orgsim/org_records.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
 
@@ -122,6 +123,24 @@ TEST_F(RecycleBinTest, CheckAndPutBackRoundTripOverManyBatches) {
   // Everything that was in the bin is back now.
   for (const auto& outcome : bin.check("Account", {ids[2], ids[4]}))
     EXPECT_EQ(outcome.kind, Kind::alreadyBack);
+}
+
+// Every session ends after each request or two: each call that meets an
+// ended session is repeated once with a fresh one, and the put-back finishes.
+TEST_F(RecycleBinTest, PutBackFinishesWhileSessionsKeepExpiring) {
+  auto ids = orgsim::testing::addAccounts(store(), 300);
+  const auto admin = store().identity().adminUserId;
+  for (const auto& id : ids) ASSERT_TRUE(orgsim::OrgRecords::remove(store(), id, admin).success);
+  this->admin("faults", {{"path", "/services/*"}, {"fault", "expireSessions"}, {"every", 1},
+                         {"count", 1000}});
+  RecycleBin bin(*transport_);
+  const auto back = bin.putBack("Account", ids);
+  ASSERT_EQ(back.size(), ids.size());
+  for (std::size_t i = 0; i < back.size(); ++i)
+    EXPECT_EQ(back[i].kind, Kind::putBack) << i << " " << RecycleBin::toText(back[i]);
+  EXPECT_EQ(store().count("Account"), 300);
+  EXPECT_GE(orgsim::Faults::list(store()).front().remaining, 1);
+  EXPECT_LT(orgsim::Faults::list(store()).front().remaining, 1000) << "no session ever ended";
 }
 
 TEST_F(RecycleBinTest, RecordsThatCannotBePutBackAreRefusedWithSalesforcesWords) {

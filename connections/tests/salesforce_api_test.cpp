@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "connections/api_transport.hpp"
 #include "connections/cli_error.hpp"
 #include "tools/orgsim/faults.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
@@ -65,6 +66,20 @@ TEST_F(SalesforceAPITest, QueryStreamFollowsEveryPageInOrder) {
   ASSERT_GE(nextUrls.size(), 2u);
   for (const auto& url : nextUrls)
     EXPECT_EQ(url.rfind("/services/data/v62.0/query/", 0), 0u) << url;
+}
+
+TEST_F(SalesforceAPITest, ToolingQueriesFollowEveryPage) {
+  auto ids = orgsim::testing::addAccounts(store(), 4500);
+  Client api(source());
+  const auto records =
+      api.toolingQuery("SELECT Id FROM Account WHERE Name LIKE 'Account%' ORDER BY Name", org_);
+  // The pages come from the Tooling API's own locator path, as Salesforce gives them.
+  const auto log = client().Get("/_admin/requests");
+  ASSERT_TRUE(log);
+  EXPECT_NE(log->body.find("/services/data/v62.0/tooling/query/"), std::string::npos);
+  ASSERT_EQ(records.size(), 4500u);
+  EXPECT_EQ(records.front()["Id"], ids.front());
+  EXPECT_EQ(records.back()["Id"], ids.back());
 }
 
 TEST_F(SalesforceAPITest, RetriesOnceWithAFreshSessionAfter401AndCachesIt) {
@@ -171,6 +186,36 @@ TEST_F(SalesforceAPITest, SoapPlaceholderIsReplacedByTheSession) {
       R"(<urn:ids>001000000000000AAA</urn:ids></urn:undelete></soapenv:Body></soapenv:Envelope>)";
   std::string reply = api.soap("undelete", envelope, org_);
   EXPECT_NE(reply.find("undeleteResponse"), std::string::npos) << reply;
+}
+
+// The SOAP API says a session has ended with HTTP 500 and the fault code
+// INVALID_SESSION_ID; that is retried once with a fresh session, like a 401.
+TEST_F(SalesforceAPITest, SoapRetriesOnceWithAFreshSessionAfterInvalidSessionId) {
+  auto ids = orgsim::testing::addAccounts(store(), 1);
+  const std::string envelope =
+      R"(<?xml version="1.0" encoding="UTF-8"?><soapenv:Envelope xmlns:soapenv="http://schemas.xmlsoap.org/soap/envelope/" xmlns:urn="urn:partner.soap.sforce.com">)"
+      R"(<soapenv:Header><urn:SessionHeader><urn:sessionId>)" +
+      std::string(SalesforceAPI::sessionPlaceholder) +
+      R"(</urn:sessionId></urn:SessionHeader></soapenv:Header><soapenv:Body><urn:undelete>)"
+      R"(<urn:ids>)" + ids[0] + R"(</urn:ids></urn:undelete></soapenv:Body></soapenv:Envelope>)";
+  {
+    Client api(source(1));
+    EXPECT_NE(api.soap("undelete", envelope, org_).find("undeleteResponse"), std::string::npos);
+    EXPECT_EQ(sessionsIssued_, 2);
+  }
+  sessionsIssued_ = 0;
+  Client api(source(2));
+  try {
+    api.soap("undelete", envelope, org_);
+    ADD_FAILURE() << "no failure";
+  } catch (const APIError& error) {
+    EXPECT_EQ(error.status(), 500);
+    EXPECT_EQ(error.message().rfind("INVALID_SESSION_ID", 0), 0u) << error.message();
+    EXPECT_EQ(std::string(error.what()).find("00Dstale"), std::string::npos);
+    DedupeAPITransport transport(api, org_);
+    EXPECT_TRUE(transport.classify(error).signedOut);
+  }
+  EXPECT_EQ(sessionsIssued_, 2);
 }
 
 TEST_F(SalesforceAPITest, ThreadsShareTheClientAndItsSession) {

@@ -183,8 +183,11 @@ TEST(RunningSF, AProgramThatCannotStartIsReportedAsSuch) {
   writeFile(fake.path(), "#!/nonexistent/interpreter\n");
   makeExecutable(fake.path());
   SalesforceCLI cli(fake.options());
-  EXPECT_THAT(descriptionOf([&] { cli.limits("sample"); }),
-              HasSubstr("Could not launch the Salesforce CLI: "));
+  const auto text = descriptionOf([&] { cli.limits("sample"); });
+  EXPECT_EQ(text.rfind("Could not launch the Salesforce CLI: ", 0), 0u) << text;
+  // Said once: not "Could not launch ...: Could not start ...".
+  EXPECT_EQ(text.find("Could not start"), std::string::npos) << text;
+  EXPECT_EQ(text.find("Could not", 1), std::string::npos) << text;
 }
 
 TEST(Session, AMaskedTokenIsFetchedWithTheSecondCommand) {
@@ -360,6 +363,40 @@ TEST(LoginWeb, StartsInTheBackgroundWithAliasAndInstance) {
   makeExecutable(fake.path());
   EXPECT_THAT(descriptionOf([&] { cli.startLoginWeb(std::nullopt, std::nullopt); }),
               HasSubstr("Could not start the login flow: "));
+}
+
+TEST(OrgHealth, RetrieveKeepsTheUsersProjectFile) {
+  FakeCLI fake;
+  SalesforceCLI cli(fake.options());
+  fake.script(R"(echo '{"status":0,"result":{"files":[]}}')");
+  TemporaryFolder project;
+  const auto file = project.path() / "sfdx-project.json";
+
+  // A project with its own folder: force-app is added, not as the default, and
+  // every other key stays as the user wrote it, in their order.
+  writeFile(file, R"({"name": "mine", "packageDirectories": [{"path": "src", "default": true}],)"
+                  R"( "sourceApiVersion": "59.0", "plugins": {"x": 1}})");
+  cli.retrieve("sample", {"ApexClass:Foo"}, project.path());
+  const auto kept = nlohmann::ordered_json::parse(testing::readFile(file));
+  EXPECT_EQ(kept.dump(),
+            R"({"name":"mine","packageDirectories":[{"path":"src","default":true},)"
+            R"({"path":"force-app"}],"sourceApiVersion":"59.0","plugins":{"x":1}})");
+  EXPECT_TRUE(std::filesystem::is_directory(project.path() / "force-app"));
+
+  // One that already has the folder is not touched at all.
+  const std::string complete =
+      R"({"packageDirectories":[{"path":"force-app","default":true}],"name":"x"})";
+  writeFile(file, complete);
+  cli.retrieve("sample", {"ApexClass:Foo"}, project.path());
+  EXPECT_EQ(testing::readFile(file), complete);
+
+  // One that is not a project file refuses the retrieval and stays as it is.
+  writeFile(file, "{ not json");
+  const auto calls = fake.calls().size();
+  EXPECT_THAT(descriptionOf([&] { cli.retrieve("sample", {"ApexClass:Foo"}, project.path()); }),
+              HasSubstr("already holds an sfdx-project.json"));
+  EXPECT_EQ(testing::readFile(file), "{ not json");
+  EXPECT_EQ(fake.calls().size(), calls);
 }
 
 TEST(OrgHealth, CommandLinesAndWhatIsReadFromThem) {

@@ -8,7 +8,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/desktop_notification.hpp"
 #include "platform/durable_file.hpp"
+#include "platform/file_error.hpp"
 #include "platform/tests/temporary_folder.hpp"
 
 namespace corvane {
@@ -120,6 +122,32 @@ TEST_F(SettingsTest, UnreadableFileIsMovedAsideNeverOverwritten) {
   }
   EXPECT_THAT(keptAside, ::testing::UnorderedElementsAre("{\"cliPath\": \"/opt/sf\"", "[1, 2]"));
   EXPECT_EQ(Settings::load(), (nlohmann::json{{"backupTickMinute", 5}}));
+}
+
+// Only bad JSON is set aside: a file that exists but cannot be read just now
+// (here a folder where the file should be, which fails like an I/O error) is
+// reported and left exactly where it is, and nothing is written over it.
+TEST_F(SettingsTest, APassingReadErrorNeverMovesTheFileAside) {
+  std::filesystem::create_directories(file);
+  EXPECT_THROW(Settings::load(), FileError);
+  EXPECT_THROW(Settings::set("backupTickMinute", 5), FileError);
+  EXPECT_THROW(Settings::save(nlohmann::json{{"backupTickMinute", 5}}), FileError);
+  int entries = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(home)) ++entries;
+  EXPECT_EQ(entries, 1);
+  EXPECT_TRUE(std::filesystem::is_directory(file));
+}
+
+// The headless tick often runs without a session bus: then nothing is shown,
+// nothing is started, and post() says so at once.
+TEST(DesktopNotification, WithoutASessionBusNothingIsShown) {
+  TemporaryFolder runtime;
+  ScopedEnvironment bus("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+  ScopedEnvironment runtimeDir("XDG_RUNTIME_DIR", runtime.path().string());
+  EXPECT_FALSE(DesktopNotification::sessionBusAvailable());
+  EXPECT_FALSE(DesktopNotification::post("Corvane", "A test notice."));
+  Durable::writeWhole(runtime.path() / "bus", "");
+  EXPECT_TRUE(DesktopNotification::sessionBusAvailable());
 }
 
 TEST_F(SettingsTest, ConcurrentSettersLoseNoKey) {

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <ctime>
+
 namespace corvane {
 namespace {
 
@@ -143,6 +146,79 @@ TEST(BackupScheduleDecide, ACaughtUpSlotIsNeverRunTwice) {
                                                                 : Decision::Kind::run)
         << IsoTime::formatPlain(later);
   }
+}
+
+// Sixty days of hourly ticks at minute 17, for a set made at `begin` (its
+// first run comes at its first slot). Each run starts a few seconds after its
+// tick (the process has to start) and takes 25 minutes; the full copy is
+// remembered by when it started. Returns the days (from the first run) on
+// which full copies ran.
+std::vector<double> fullRunDays(const BackupSchedule& schedule, FullEvery fullEvery,
+                                const ScheduleCalendar& calendar, SystemTime begin) {
+  std::optional<SystemTime> lastSuccess = begin;
+  std::optional<SystemTime> lastFull;
+  std::optional<SystemTime> firstRun;
+  std::vector<double> days;
+  unsigned jitter = 7;
+  for (int hour = 0; hour < 24 * 60; ++hour) {
+    const auto tick = begin + std::chrono::hours(hour) + 17min;
+    const auto decision = schedule.decide(tick, calendar, lastSuccess, lastFull, fullEvery, false,
+                                          {});
+    if (decision.kind != Decision::Kind::run) continue;
+    jitter = (jitter * 37 + 11) % 59;
+    const auto started = tick + std::chrono::seconds(1 + jitter);
+    if (!firstRun) firstRun = started;
+    if (decision.runKind == RunKind::full) {
+      lastFull = started;
+      days.push_back(std::chrono::duration<double, std::ratio<86400>>(started - *firstRun).count());
+    }
+    lastSuccess = started + 25min;
+  }
+  return days;
+}
+
+TEST(BackupScheduleDecide, FullCopiesComeExactlyEveryIntervalOverSixtyDays) {
+  const auto utc = ScheduleCalendar::utc();
+  const auto begin = at("2024-05-01T00:00:00Z");  // a Wednesday
+  struct Row {
+    BackupSchedule schedule;
+    FullEvery fullEvery;
+    std::vector<int> days;  // whole days from the first run
+  };
+  const Row rows[] = {
+      {BackupSchedule::hourly(), FullEvery::weekly, {0, 7, 14, 21, 28, 35, 42, 49, 56}},
+      {BackupSchedule::hourly(), FullEvery::every4Weeks, {0, 28, 56}},
+      {BackupSchedule::hourly(), FullEvery::never, {0}},
+      {BackupSchedule::daily(2, 30), FullEvery::weekly, {0, 7, 14, 21, 28, 35, 42, 49, 56}},
+      {BackupSchedule::daily(2, 30), FullEvery::every4Weeks, {0, 28, 56}},
+      {BackupSchedule::daily(2, 30), FullEvery::never, {0}},
+      {BackupSchedule::weekly(2, 9, 0), FullEvery::weekly, {0, 7, 14, 21, 28, 35, 42, 49}},
+      {BackupSchedule::weekly(2, 9, 0), FullEvery::every4Weeks, {0, 28}},
+      {BackupSchedule::weekly(2, 9, 0), FullEvery::never, {0}},
+  };
+  for (const auto& row : rows) {
+    const auto days = fullRunDays(row.schedule, row.fullEvery, utc, begin);
+    std::vector<double> expected(row.days.begin(), row.days.end());
+    ASSERT_EQ(days.size(), expected.size()) << row.schedule.text() << " " << toText(row.fullEvery);
+    for (std::size_t i = 0; i < days.size(); ++i)
+      EXPECT_NEAR(days[i], expected[i], 0.01)
+          << row.schedule.text() << " " << toText(row.fullEvery) << " full run " << i;
+  }
+}
+
+TEST(BackupScheduleDecide, FullCopyKeepsItsWeekdayAcrossADaylightSavingChange) {
+  const char* saved = std::getenv("TZ");
+  const std::string previous = saved ? saved : "";
+  setenv("TZ", "Europe/Berlin", 1);
+  tzset();
+  // Daily at 09:00 local from Monday 2024-03-18; clocks go forward on 2024-03-31.
+  const auto days = fullRunDays(BackupSchedule::daily(9, 0), FullEvery::weekly,
+                                ScheduleCalendar::local(), at("2024-03-18T00:00:00Z"));
+  if (saved) setenv("TZ", previous.c_str(), 1); else unsetenv("TZ");
+  tzset();
+  ASSERT_GE(days.size(), 4u);
+  for (std::size_t i = 0; i < days.size(); ++i)
+    EXPECT_NEAR(days[i], 7.0 * static_cast<double>(i), 0.1) << "full run " << i;
 }
 
 TEST(BackupScheduleText, NamesAndFullEveryTexts) {

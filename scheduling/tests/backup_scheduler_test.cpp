@@ -18,6 +18,7 @@ using Calls = std::vector<std::vector<std::string>>;
 struct Recorder {
   Calls calls;
   bool loaded = false;
+  bool enabled = false;
   int bootstrapStatus = 0;
 
   ServiceCommandRunner runner() {
@@ -25,11 +26,13 @@ struct Recorder {
       calls.push_back(arguments);
       const auto& verb = arguments.front();
       if (verb == "print" || verb == "is-active") return {loaded ? 0 : 3, ""};
+      if (verb == "is-enabled") return {enabled ? 0 : 1, ""};
+      if (verb == "enable") enabled = true;
       if (verb == "bootstrap" || verb == "restart") {
         if (bootstrapStatus == 0) loaded = true;
         return {bootstrapStatus, ""};
       }
-      if (verb == "bootout" || verb == "disable") loaded = false;
+      if (verb == "bootout" || verb == "disable") loaded = enabled = false;
       return {0, ""};
     };
   }
@@ -72,6 +75,7 @@ TEST(LaunchAgentManager, InstallsOnceRemovesWhenNoLongerWanted) {
   EXPECT_EQ(agent.reconcile(true, app, 17), BackupScheduler::Outcome::installed);
   EXPECT_EQ(launchctl.calls, (Calls{{"print", "gui/501/com.veskar.corvane.backup"},
                                     {"bootout", "gui/501/com.veskar.corvane.backup"},
+                                    {"enable", "gui/501/com.veskar.corvane.backup"},
                                     {"bootstrap", "gui/501", plist}}));
   EXPECT_EQ(*Durable::readWhole(plist), LaunchAgentPlist::contents(app, 17));
   EXPECT_EQ(agent.current(false), (SchedulerState{true, app.string(), 17, std::nullopt}));
@@ -80,6 +84,10 @@ TEST(LaunchAgentManager, InstallsOnceRemovesWhenNoLongerWanted) {
   launchctl.calls.clear();
   EXPECT_EQ(agent.reconcile(true, app, 17), BackupScheduler::Outcome::unchanged);
   EXPECT_EQ(launchctl.calls.size(), 1u);
+  // Booted out behind the program's back: bootstrapped again.
+  launchctl.loaded = false;
+  EXPECT_EQ(agent.reconcile(true, app, 17), BackupScheduler::Outcome::installed);
+  EXPECT_TRUE(launchctl.loaded);
   // A new minute rewrites and reloads.
   EXPECT_EQ(agent.reconcile(true, app, 42), BackupScheduler::Outcome::installed);
   EXPECT_EQ(agent.current(true).minute, 42);
@@ -142,15 +150,28 @@ TEST(SystemdUserTimer, WritesUnitsEnablesTheTimerAndRemovesThem) {
   const auto timerText = *Durable::readWhole(units / "corvane-backup.timer");
   EXPECT_NE(timerText.find("OnCalendar=*-*-* *:07:00\n"), std::string::npos);
   EXPECT_NE(timerText.find("WantedBy=timers.target"), std::string::npos);
+  // A tick missed while the machine was off or asleep runs when it wakes.
+  EXPECT_NE(timerText.find("Persistent=true\n"), std::string::npos);
   EXPECT_EQ(timer.current(false), (SchedulerState{true, exe.string(), 7, std::nullopt}));
 
   systemctl.calls.clear();
   EXPECT_EQ(timer.reconcile(true, exe, 7), BackupScheduler::Outcome::unchanged);
-  EXPECT_EQ(systemctl.calls.size(), 1u);
+  EXPECT_EQ(systemctl.calls, (Calls{{"is-active", "corvane-backup.timer"},
+                                    {"is-enabled", "corvane-backup.timer"}}));
+
+  // Disabled behind the program's back (still running until logout), or
+  // stopped: installed again.
+  systemctl.enabled = false;
+  EXPECT_EQ(timer.reconcile(true, exe, 7), BackupScheduler::Outcome::installed);
+  EXPECT_TRUE(systemctl.enabled);
+  systemctl.loaded = false;
+  EXPECT_EQ(timer.reconcile(true, exe, 7), BackupScheduler::Outcome::installed);
+  EXPECT_TRUE(systemctl.loaded);
 
   systemctl.calls.clear();
   EXPECT_EQ(timer.reconcile(false, exe, 7), BackupScheduler::Outcome::removed);
   EXPECT_EQ(systemctl.calls, (Calls{{"is-active", "corvane-backup.timer"},
+                                    {"is-enabled", "corvane-backup.timer"},
                                     {"disable", "--now", "corvane-backup.timer"},
                                     {"daemon-reload"}}));
   EXPECT_FALSE(std::filesystem::exists(units / "corvane-backup.service"));

@@ -35,6 +35,45 @@ TEST(RunConditions, LinuxPowerSupplies) {
   EXPECT_FALSE(ConditionsReader::readLinux(root.path()).onBattery);
 }
 
+// The batteries of a wireless mouse or headset are listed too, with scope
+// "Device"; only a battery that powers the system counts.
+TEST(RunConditions, LinuxDeviceBatteriesNeverMeanBattery) {
+  {
+    SCOPED_TRACE("a desktop with a mouse battery");
+    TemporaryFolder root;
+    const auto supplies = root.path() / "sys/class/power_supply";
+    write(supplies / "hidpp_battery_0/type", "Battery\n");
+    write(supplies / "hidpp_battery_0/scope", "Device\n");
+    write(supplies / "hidpp_battery_0/status", "Discharging\n");
+    write(supplies / "hidpp_battery_0/present", "1\n");
+    EXPECT_FALSE(ConditionsReader::readLinux(root.path()).onBattery);
+  }
+  {
+    SCOPED_TRACE("a laptop on battery, with a headset");
+    TemporaryFolder root;
+    const auto supplies = root.path() / "sys/class/power_supply";
+    write(supplies / "BAT0/type", "Battery\n");
+    write(supplies / "BAT0/scope", "System\n");
+    write(supplies / "BAT0/status", "Discharging\n");
+    write(supplies / "AC/type", "Mains\n");
+    write(supplies / "AC/online", "0\n");
+    write(supplies / "headset/type", "Battery\n");
+    write(supplies / "headset/scope", "Device\n");
+    write(supplies / "headset/status", "Charging\n");
+    EXPECT_TRUE(ConditionsReader::readLinux(root.path()).onBattery);
+    SCOPED_TRACE("the same laptop charging");
+    write(supplies / "AC/online", "1\n");
+    write(supplies / "BAT0/status", "Charging\n");
+    EXPECT_FALSE(ConditionsReader::readLinux(root.path()).onBattery);
+    SCOPED_TRACE("on a USB-C charger");
+    write(supplies / "AC/online", "0\n");
+    write(supplies / "ucsi-source-psy-USBC000:001/type", "USB\n");
+    write(supplies / "ucsi-source-psy-USBC000:001/online", "1\n");
+    write(supplies / "BAT0/status", "Not charging\n");
+    EXPECT_FALSE(ConditionsReader::readLinux(root.path()).onBattery);
+  }
+}
+
 TEST(RunConditions, LinuxNetworkIsADefaultRouteOffLoopback) {
   TemporaryFolder root;
   const auto routes = root.path() / "proc/net/route";

@@ -1,7 +1,9 @@
 #include "scheduling/scheduled_backups.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
+#include "backup/backup_store.hpp"
 #include "platform/durable_file.hpp"
 #include "platform/tests/temporary_folder.hpp"
 
@@ -50,6 +52,48 @@ class ScheduledBackupsTest : public ::testing::Test {
     return env;
   }
 };
+
+// The full-copy interval counts from when the last usable full copy started.
+TEST(SetHistory, LastFullIsTheStartOfTheLastUsableFullCopy) {
+  TemporaryFolder folder;
+  const BackupLocation location{folder.path(), "00Dx", "me@x.example"};
+  EXPECT_FALSE(readSetHistory(location).lastFull);
+  {
+    BackupStore store(location);
+    auto addRun = [&](RunKind kind, const char* started, const char* finished, const char* result) {
+      const auto id = store.insertRun(started, kind, started);
+      store.db()
+          .prepare("UPDATE runs SET stage = 'done', result = ?, finished_at = ? WHERE id = ?")
+          .bindText(1, result)
+          .bindText(2, finished)
+          .bindInt(3, id)
+          .run();
+    };
+    addRun(RunKind::full, "2024-05-01T03:17:04Z", "2024-05-01T04:40:00Z", "complete");
+    addRun(RunKind::changes, "2024-05-02T03:17:02Z", "2024-05-02T03:20:00Z", "complete");
+    addRun(RunKind::full, "2024-05-08T03:17:09Z", "2024-05-08T03:19:00Z", "stopped");
+  }
+  auto history = readSetHistory(location);
+  EXPECT_EQ(history.lastFull, at("2024-05-01T03:17:04Z"));
+  EXPECT_FALSE(history.unfinishedRun);
+  EXPECT_FALSE(history.filesWaitingSince);
+
+  // Documents are owed since the first of the latest runs that left some.
+  {
+    BackupStore store(location);
+    for (const char* started : {"2024-05-09T03:17:00Z", "2024-05-10T03:17:00Z"}) {
+      const auto id = store.insertRun(started, RunKind::changes, started);
+      store.db()
+          .prepare("UPDATE runs SET stage = 'done', result = 'complete', files_waiting = 3 "
+                   "WHERE id = ?")
+          .bindInt(1, id)
+          .run();
+    }
+  }
+  history = readSetHistory(location);
+  EXPECT_EQ(history.filesWaitingSince, at("2024-05-09T03:17:00Z"));
+  EXPECT_TRUE(history.firstFilesDone);
+}
 
 TEST_F(ScheduledBackupsTest, RunsOnlyTheDueSetRecordsItAndWritesLastTick) {
   auto notDue = scheduled("later@x.example", BackupSchedule::daily(2, 0));
@@ -166,6 +210,84 @@ TEST_F(ScheduledBackupsTest, BadSetsAreRecordedOthersStillRunAndTheLedgerTellsOn
   now += 1h;
   HeadlessBackup::run(environment());
   EXPECT_EQ(LastTick::read(root)->result.find("disk@x.example"), std::string::npos);
+}
+
+// The ledger is set aside only when it holds bad JSON. One that cannot be read
+// just now stays where it is; the notices are told, since telling twice beats
+// never telling.
+TEST_F(ScheduledBackupsTest, ALedgerThatCannotBeReadJustNowIsLeftInPlace) {
+  registry.save({scheduled("gone@x.example", BackupSchedule::hourly())});
+  const auto ledger = root / NoticeLedger::fileName;
+  std::filesystem::create_directories(ledger);  // reading it fails like an I/O error
+  HeadlessBackup::run(environment());
+  EXPECT_EQ(told.size(), 1u);
+  EXPECT_TRUE(std::filesystem::is_directory(ledger));
+  for (const auto& entry : std::filesystem::directory_iterator(root))
+    EXPECT_EQ(entry.path().filename().string().find("unreadable"), std::string::npos)
+        << entry.path();
+
+  std::filesystem::remove(ledger);
+  Durable::replace(ledger, "{\"notices\": ");
+  now += 1h;
+  HeadlessBackup::run(environment());
+  EXPECT_EQ(told.size(), 2u);
+  bool setAside = false;
+  for (const auto& entry : std::filesystem::directory_iterator(root))
+    setAside |= entry.path().filename().string().rfind("notifications-unreadable-", 0) == 0;
+  EXPECT_TRUE(setAside);
+  EXPECT_TRUE(nlohmann::json::parse(*Durable::readWhole(ledger)).is_object());
+}
+
+// Unusual deletions and documents owed for more than three days are told once
+// each, and kept as not yet seen until the program shows them.
+TEST_F(ScheduledBackupsTest, DeletionsAndOwedDocumentsAreToldOnceAndKeptUntilSeen) {
+  registry.save({scheduled("alarm@x.example", BackupSchedule::hourly()),
+                 scheduled("owes@x.example", BackupSchedule::hourly())});
+  auto env = environment();
+  env.runSet = [](const SetRunRequest& request) {
+    auto outcome = SetRunOutcome::success();
+    if (request.set.username == "alarm@x.example")
+      outcome.unusualDeletions = {{"Account", 120, 5, 1000}};
+    return outcome;
+  };
+  env.history = [this](const BackupLocation& location) {
+    SetHistory history;
+    if (location.username == "owes@x.example") history.filesWaitingSince = now - 100h;
+    return history;
+  };
+  HeadlessBackup::run(env);
+  ASSERT_EQ(told.size(), 2u);
+  EXPECT_EQ(told[0],
+            "The scheduled backup of alarm@x.example found unusually many records deleted (125 "
+            "Account). Check with \"corvane backup deleted alarm@x.example\" that this was meant.");
+  EXPECT_EQ(told[1].rfind("The backup of owes@x.example has owed documents for 4 days", 0), 0u)
+      << told[1];
+
+  now += 1h;
+  HeadlessBackup::run(env);
+  EXPECT_EQ(told.size(), 2u);
+
+  auto unseen = NoticeLedger::unseen(root);
+  ASSERT_EQ(unseen.size(), 2u);
+  EXPECT_EQ(unseen[0].text, told[0]);
+  NoticeLedger::markSeen(root);
+  EXPECT_TRUE(NoticeLedger::unseen(root).empty());
+
+  // Caught up: the problems go; when they come back they are told again.
+  env.runSet = [](const SetRunRequest&) { return SetRunOutcome::success(); };
+  env.history = [](const BackupLocation&) { return SetHistory{}; };
+  now += 1h;
+  HeadlessBackup::run(env);
+  EXPECT_EQ(told.size(), 2u);
+  env.runSet = [](const SetRunRequest&) {
+    auto outcome = SetRunOutcome::success();
+    outcome.unusualDeletions = {{"Account", 120, 5, 1000}};
+    return outcome;
+  };
+  now += 1h;
+  HeadlessBackup::run(env);
+  EXPECT_EQ(told.size(), 4u);
+  EXPECT_EQ(NoticeLedger::unseen(root).size(), 2u);
 }
 
 TEST_F(ScheduledBackupsTest, WaitsAreSummarisedWithTheRetryAndPowerWaitsTakeFilesIntoAccount) {

@@ -22,6 +22,7 @@ constexpr KindName kKindNames[] = {
     {FaultRule::Kind::InvalidLocator, "invalidLocator"},
     {FaultRule::Kind::FailJob, "failJob"},
     {FaultRule::Kind::LockRow, "UNABLE_TO_LOCK_ROW"},
+    {FaultRule::Kind::ExpireSessions, "expireSessions"},
 };
 
 }  // namespace
@@ -61,6 +62,10 @@ nlohmann::json FaultRule::toJson() const {
   if (kind == Kind::Status) json["status"] = status;
   if (kind == Kind::Delay) json["delayMs"] = delayMs;
   if (kind == Kind::Drop) json["afterBytes"] = afterBytes;
+  if (kind == Kind::ExpireSessions) {
+    json["every"] = every;
+    json["seen"] = seen;
+  }
   if (!message.empty()) json["message"] = message;
   return json;
 }
@@ -96,12 +101,15 @@ FaultRule FaultRule::fromJson(const nlohmann::json& json) {
       throw std::invalid_argument(
           "Unknown \"fault\" \"" + fault +
           "\": use a status such as 401, 500 or 503, REQUEST_LIMIT_EXCEEDED, drop, delay, "
-          "invalidLocator, failJob or UNABLE_TO_LOCK_ROW.");
+          "invalidLocator, failJob, UNABLE_TO_LOCK_ROW or expireSessions.");
     }
   }
   if (json.contains("status")) rule.status = json["status"].get<int>();
   rule.delayMs = json.value("delayMs", std::int64_t{0});
   rule.afterBytes = json.value("afterBytes", std::int64_t{0});
+  rule.every = json.value("every", 1);
+  rule.seen = json.value("seen", 0);
+  if (rule.every < 1) throw std::invalid_argument("\"every\" must be 1 or more.");
   if (rule.kind == Kind::Status && (rule.status < 400 || rule.status > 599)) {
     throw std::invalid_argument("\"status\" must be an HTTP error status (400 to 599).");
   }
@@ -170,6 +178,49 @@ std::optional<FaultRule> take(OrgStore& store, std::string_view method, std::str
     }
   });
   return taken;
+}
+
+bool sessionsExpireNow(OrgStore& store, std::string_view method, std::string_view path) {
+  {
+    auto lease = store.read();
+    if (lease->scalarInt("SELECT COUNT(*) FROM _faults") == 0) return false;
+  }
+  bool expire = false;
+  store.write([&](Database& db) {
+    std::optional<FaultRule> found;
+    auto statement = db.prepare("SELECT id, rule, remaining FROM _faults ORDER BY id");
+    while (statement.step()) {
+      FaultRule rule = FaultRule::fromJson(nlohmann::json::parse(statement.text(1)));
+      rule.id = statement.integer(0);
+      rule.remaining = static_cast<int>(statement.integer(2));
+      if (rule.kind != FaultRule::Kind::ExpireSessions) continue;
+      if (!rule.method.empty() && rule.method != method) continue;
+      if (!globMatches(rule.pathPattern, path)) continue;
+      found = rule;
+      break;
+    }
+    statement.reset();
+    if (!found) return;
+    if (found->seen < found->every) {
+      ++found->seen;
+      db.prepare("UPDATE _faults SET rule = ? WHERE id = ?")
+          .bind(1, found->toJson().dump())
+          .bind(2, found->id)
+          .run();
+      return;
+    }
+    expire = true;
+    if (found->remaining <= 1) {
+      db.prepare("DELETE FROM _faults WHERE id = ?").bind(1, found->id).run();
+      return;
+    }
+    found->seen = 0;
+    db.prepare("UPDATE _faults SET rule = ?, remaining = remaining - 1 WHERE id = ?")
+        .bind(1, found->toJson().dump())
+        .bind(2, found->id)
+        .run();
+  });
+  return expire;
 }
 
 }  // namespace Faults

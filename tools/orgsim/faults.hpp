@@ -26,6 +26,7 @@ struct FaultRule {
     InvalidLocator,  // Bulk results: the locator is refused
     FailJob,         // the next Bulk query job created goes Failed with `message`
     LockRow,         // SOAP merge: UNABLE_TO_LOCK_ROW for the record
+    ExpireSessions,  // after every `every` matching requests, every session ends
   };
 
   std::int64_t id = 0;
@@ -36,13 +37,15 @@ struct FaultRule {
   int status = 500;
   std::int64_t delayMs = 0;
   std::int64_t afterBytes = 0;
+  int every = 1;  // ExpireSessions: requests served between two expiries
+  int seen = 0;   // ExpireSessions: requests served since the last expiry
   std::string message;  // overrides the error message where the kind has one
 
   nlohmann::json toJson() const;
   // Reads {"path": ..., "method": ..., "fault": "status"|"401"|"500"|"503"|
   // "REQUEST_LIMIT_EXCEEDED"|"drop"|"delay"|"invalidLocator"|"failJob"|
-  // "UNABLE_TO_LOCK_ROW", "count": N, "status": ..., "delayMs": ..., "afterBytes": ...,
-  // "message": ...}. Throws std::invalid_argument naming what is wrong.
+  // "UNABLE_TO_LOCK_ROW"|"expireSessions", "count": N, "status": ..., "delayMs": ...,
+  // "afterBytes": ..., "every": ..., "message": ...}. Throws std::invalid_argument naming what is wrong.
   static FaultRule fromJson(const nlohmann::json& json);
 };
 
@@ -61,6 +64,13 @@ void clear(OrgStore& store);
 // no rule applies.
 std::optional<FaultRule> take(OrgStore& store, std::string_view method, std::string_view path,
                               std::initializer_list<FaultRule::Kind> kinds);
+
+// For ExpireSessions rules: counts this request against the first matching
+// rule and returns true when it is the one past `every` since the last expiry,
+// i.e. when every session must end before it is answered. Each expiry uses
+// one of the rule's count; the request that finds its session ended does not
+// count as served.
+bool sessionsExpireNow(OrgStore& store, std::string_view method, std::string_view path);
 
 }  // namespace Faults
 

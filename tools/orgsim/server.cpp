@@ -119,6 +119,7 @@ struct Exchange {
   std::string faultName;
   std::int64_t dropAfter = -1;  // bytes of body to send before dropping the connection
   bool countsAgainstAllowance = false;
+  bool tooling = false;  // a Tooling API query: its next pages are under tooling/query
 };
 
 struct Cursor {
@@ -332,6 +333,10 @@ struct OrgServer::Impl {
     if (startsWith(path, "/v1/instances/")) return instanceStatus(ex);
     if (!startsWith(path, "/services/")) return notFound(ex);
     bool soap = startsWith(path, "/services/Soap/");
+    if (Faults::sessionsExpireNow(store, ex.req.method, path)) {
+      ex.faultName = std::string(faultKindName(FaultRule::Kind::ExpireSessions));
+      Sessions::expireAll(store);
+    }
     if (auto fault = Faults::take(store, ex.req.method, path,
                                   {FaultRule::Kind::Status, FaultRule::Kind::RequestLimit,
                                    FaultRule::Kind::Drop, FaultRule::Kind::Delay})) {
@@ -396,7 +401,8 @@ struct OrgServer::Impl {
     }
     if (!fault.message.empty()) message = fault.message;
     if (soap) {
-      ex.res.status = fault.status;
+      // The SOAP API answers every fault, an ended session included, with 500.
+      ex.res.status = fault.status == 401 ? 500 : fault.status;
       ex.res.set_content(Soap::fault(code, message), "text/xml; charset=utf-8");
       return;
     }
@@ -558,7 +564,12 @@ struct OrgServer::Impl {
       if (parts[1] == "query" && parts.size() == 2 && method == "GET") {
         auto answer = HealthAnswers::releaseUpdatesQuery(ex.req.get_param_value("q"), store.now());
         if (answer) return sendJson(ex, 200, *answer);
+        ex.tooling = true;
         return query(ex, version, false, ex.req.get_param_value("q"));
+      }
+      if (parts[1] == "query" && parts.size() == 3 && method == "GET") {
+        ex.tooling = true;
+        return queryMore(ex, version, false, parts[2]);
       }
       if (parts[1] == "sobjects" && method == "GET") {
         return sendJson(ex, 200, R"({"encoding":"UTF-8","maxBatchSize":200,"sobjects":[]})");
@@ -950,8 +961,9 @@ struct OrgServer::Impl {
     std::string out =
         "{\"totalSize\":" + std::to_string(cursor.total) + ",\"done\":" + (done ? "true" : "false");
     if (!done) {
-      out += ",\"nextRecordsUrl\":\"/services/data/v" + version + (all ? "/queryAll/" : "/query/") +
-             id + "-" + std::to_string(next) + "\"";
+      out += ",\"nextRecordsUrl\":\"/services/data/v" + version +
+             (ex.tooling ? "/tooling/query/" : all ? "/queryAll/" : "/query/") + id + "-" +
+             std::to_string(next) + "\"";
     }
     out += ",\"records\":[" + records + "]}";
     sendJson(ex, 200, out);

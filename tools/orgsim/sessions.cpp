@@ -85,6 +85,19 @@ int expire(OrgStore& store, const std::string& token, const std::string& usernam
   return expired;
 }
 
+int expireAll(OrgStore& store) {
+  int expired = 0;
+  store.write([&](Database& db) {
+    std::string past = WireTime::dateTime(store.now() - std::chrono::seconds(1));
+    db.prepare("UPDATE _tokens SET expires_at = ? WHERE expires_at > ?")
+        .bind(1, past)
+        .bind(2, past)
+        .run();
+    expired = db.changes();
+  });
+  return expired;
+}
+
 }  // namespace Sessions
 
 }  // namespace corvane::orgsim

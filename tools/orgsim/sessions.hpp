@@ -50,6 +50,9 @@ std::optional<Session> find(OrgStore& store, const std::string& token);
 // Returns how many were expired.
 int expire(OrgStore& store, const std::string& token, const std::string& username = {});
 
+// Expires every live token of every user; returns how many.
+int expireAll(OrgStore& store);
+
 }  // namespace Sessions
 
 }  // namespace corvane::orgsim

@@ -52,6 +52,29 @@ TEST(FaultsTest, RulesAreUsedUpInOrderAndOnlyByMatchingRequests) {
   EXPECT_TRUE(Faults::list(*store).empty());
 }
 
+TEST(FaultsTest, SessionsExpireAfterEveryNthRequestAsOftenAsCounted) {
+  TempFolder folder;
+  auto store = OrgStore::open(folder.path());
+  Faults::add(*store, FaultRule::fromJson({{"path", "/services/Soap/*"},
+                                           {"fault", "expireSessions"},
+                                           {"every", 3},
+                                           {"count", 2}}));
+  std::string pattern;
+  for (int i = 0; i < 10; ++i)
+    pattern += Faults::sessionsExpireNow(*store, "POST", "/services/Soap/u/62.0") ? 'X' : '.';
+  EXPECT_EQ(pattern, "...X...X..");
+  EXPECT_TRUE(Faults::list(*store).empty());
+  EXPECT_FALSE(Faults::sessionsExpireNow(*store, "GET", "/services/data/v62.0/limits"));
+  EXPECT_THROW(FaultRule::fromJson({{"fault", "expireSessions"}, {"every", 0}}),
+               std::invalid_argument);
+
+  Session one = Sessions::issue(*store, "");
+  Session two = Sessions::issue(*store, "");
+  EXPECT_EQ(Sessions::expireAll(*store), 2);
+  EXPECT_FALSE(Sessions::find(*store, one.token));
+  EXPECT_FALSE(Sessions::find(*store, two.token));
+}
+
 TEST(SessionsTest, TokensBelongToUsersAndEndWithTheirLifetime) {
   TempFolder folder;
   auto store = OrgStore::open(folder.path());

@@ -294,6 +294,31 @@ TEST_F(OrgServerTest, SoapAnswersABadSessionWithAFault) {
   EXPECT_EQ(store().count("Account"), 2);
 }
 
+// Salesforce answers an ended session on the SOAP API with HTTP 500 and the
+// INVALID_SESSION_ID fault, whether it ended by itself or by a fault rule.
+TEST_F(OrgServerTest, ExpiringSessionsEndEveryTokenAfterNRequests) {
+  auto accounts = testing::addAccounts(store(), 1);
+  const std::string undelete = "<urn:undelete><urn:ids>" + accounts[0] + "</urn:ids></urn:undelete>";
+  admin("faults", {{"path", "/services/Soap/*"}, {"fault", "401"}});
+  auto injected = soap(undelete, token_);
+  ASSERT_TRUE(injected);
+  EXPECT_EQ(injected->status, 500);
+  EXPECT_NE(injected->body.find("<faultcode>sf:INVALID_SESSION_ID</faultcode>"), std::string::npos);
+
+  admin("faults", {{"path", "/services/Soap/*"}, {"fault", "expireSessions"}, {"every", 2},
+                   {"count", 5}});
+  std::string session = token_;
+  EXPECT_EQ(soap(undelete, session)->status, 200);
+  EXPECT_EQ(soap(undelete, session)->status, 200);
+  auto ended = soap(undelete, session);
+  EXPECT_EQ(ended->status, 500);
+  EXPECT_NE(ended->body.find("<faultcode>sf:INVALID_SESSION_ID</faultcode>"), std::string::npos);
+  // REST paths are not matched by the rule, but the token has ended there too.
+  EXPECT_EQ(client().Get("/services/data/v62.0/limits", auth())->status, 401);
+  session = Sessions::issue(store(), "").token;
+  EXPECT_EQ(soap(undelete, session)->status, 200);
+}
+
 TEST_F(OrgServerTest, GetDeletedCoversItsWindowAndMovesEarliestDateAfterPurges) {
   auto accounts = testing::addAccounts(store(), 3);
   SystemTime before = store().now() - std::chrono::minutes(5);
