@@ -77,6 +77,11 @@ bool isLostLocator(const DownloadError& error) {
            error.platformText().find("invalid query locator") != std::string::npos));
 }
 
+// queryAll sends deleted rows too; they are deletions, not records.
+bool dropsDeleted(const BackupRunner::JobRow& job) {
+  return job.hasIsDeleted && job.operation == "queryAll";
+}
+
 std::string jsonList(const std::vector<std::string>& names) { return nlohmann::json(names).dump(); }
 
 std::vector<std::string> listFrom(std::string_view text) {
@@ -106,6 +111,34 @@ int columnOf(const std::vector<std::string>& header, std::string_view name) {
       return static_cast<int>(i);
   }
   return -1;
+}
+
+// soql ordered by Id, asking only for ids after `after` when it is not empty.
+std::string byId(const std::string& soql, const std::string& after) {
+  std::string out = soql;
+  if (!after.empty()) {
+    const auto from = out.find(" FROM ");
+    const bool filtered = from != std::string::npos && out.find(" WHERE ", from) != std::string::npos;
+    out += (filtered ? " AND Id > '" : " WHERE Id > '") + after + "'";
+  }
+  return out + " ORDER BY Id";
+}
+
+// The Id of the last row of a CSV (header first), or "".
+std::string lastId(std::string_view data) {
+  int idAt = -1;
+  std::string last;
+  try {
+    BackupCSV::scan(
+        data, [&](const BackupCSV::Record& header) { idAt = columnOf(header.fields, "Id"); },
+        [&](const BackupCSV::Record& record) {
+          if (idAt >= 0 && static_cast<std::size_t>(idAt) < record.fields.size())
+            last = record.fields[idAt];
+          return true;
+        });
+  } catch (const BackupCSV::Unreadable&) {
+  }
+  return last;
 }
 
 // Every request of a run passes through it: its count is the run's API requests.
@@ -495,8 +528,12 @@ void BackupRunner::plan(Context& context) {
       entry.rowCount = nlohmann::json::parse(body).at("totalSize").get<std::int64_t>();
     } catch (const std::exception& error) {
       if (transport.classify(error).signedOut) throw;
+      // Salesforce's rough count lags behind and leaves objects out: it may
+      // choose REST or bulk, but never says an object is empty. Without a
+      // count the object is copied, and the copy itself counts it.
       if (entry.plan.mode != BackupPlanner::Mode::changes) {
-        if (auto it = roughCounts.find(entry.plan.object); it != roughCounts.end())
+        if (auto it = roughCounts.find(entry.plan.object);
+            it != roughCounts.end() && it->second > 0)
           entry.rowCount = it->second;
       }
     }
@@ -670,6 +707,7 @@ void BackupRunner::copyObject(Context& context, JobRow job, int index, int count
       job.locator.clear();
       job.jobId.clear();
       job.rows = 0;
+      job.deletedRows = 0;
       commitPage(context, job, fresh, header, {}, 0, "", false, index, count);
       fresh.close();
     }
@@ -764,37 +802,64 @@ void BackupRunner::copyObject(Context& context, JobRow job, int index, int count
 
 namespace {
 
-// The ids (and watermark values) of CSV rows; data starts with a header.
+// What one page of CSV rows holds. data starts with a header.
+struct PageRows {
+  std::vector<BackupRunner::PageOp> ops;  // keep for a live row, gone for a deleted one
+  BackupCSV::Range rows;                  // from the first row to the end of the last
+  std::int64_t live = 0;
+  std::int64_t deleted = 0;
+  // The live rows, each with its line break, when some rows were deleted ones.
+  std::optional<std::string> liveOnly;
+};
+
+// The ids (and watermark values) of CSV rows. With dropDeleted, rows whose
+// IsDeleted is "true" (queryAll sends them) are deletions, not records.
 // Throws PageRefused when the header has no Id column.
-std::vector<BackupRunner::PageOp> pageOps(std::string_view data, const std::string& watermark,
-                                          BackupCSV::Range& rowsRange) {
-  std::vector<BackupRunner::PageOp> ops;
+PageRows pageOps(std::string_view data, const std::string& watermark, bool dropDeleted) {
+  PageRows page;
   int idAt = -1;
   int stampAt = -1;
+  int deletedAt = -1;
   bool first = true;
-  rowsRange = {};
+  std::vector<std::pair<std::size_t, bool>> starts;  // (row begins at, live)
   BackupCSV::scan(
       data,
       [&](const BackupCSV::Record& header) {
         idAt = columnOf(header.fields, "Id");
         if (!watermark.empty()) stampAt = columnOf(header.fields, watermark);
+        if (dropDeleted) deletedAt = columnOf(header.fields, "IsDeleted");
         if (idAt < 0) throw PageRefused(noIdColumn);
-        rowsRange.begin = rowsRange.end = header.range.end;
+        page.rows.begin = page.rows.end = header.range.end;
       },
       [&](const BackupCSV::Record& record) {
-        if (first) rowsRange.begin = record.range.begin;
+        if (first) page.rows.begin = record.range.begin;
         first = false;
-        rowsRange.end = record.range.end;
+        page.rows.end = record.range.end;
         BackupRunner::PageOp op;
         if (static_cast<std::size_t>(idAt) < record.fields.size()) op.id = record.fields[idAt];
         if (stampAt >= 0 && static_cast<std::size_t>(stampAt) < record.fields.size())
           op.stamp = record.fields[stampAt];
         if (op.id.empty()) throw PageRefused(noIdColumn);
-        ops.push_back(std::move(op));
+        const bool gone = deletedAt >= 0 &&
+                          static_cast<std::size_t>(deletedAt) < record.fields.size() &&
+                          record.fields[deletedAt] == "true";
+        if (gone) op.kind = BackupRunner::PageOp::Kind::gone;
+        ++(gone ? page.deleted : page.live);
+        starts.emplace_back(record.range.begin, !gone);
+        page.ops.push_back(std::move(op));
         return true;
       });
   if (idAt < 0) throw PageRefused(noIdColumn);
-  return ops;
+  if (page.deleted > 0) {
+    std::string live;
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+      if (!starts[i].second) continue;
+      const std::size_t until = i + 1 < starts.size() ? starts[i + 1].first : data.size();
+      live += BackupCSV::terminated(data.substr(starts[i].first, until - starts[i].first));
+    }
+    page.liveOnly = std::move(live);
+  }
+  return page;
 }
 
 }  // namespace
@@ -808,18 +873,45 @@ void BackupRunner::copyRest(Context& context, JobRow& job, CommittedFile& file, 
   const std::string header = BackupCSV::line(job.fields);
   const auto operation = job.operation == "queryAll" ? RestQueryRunner::Operation::queryAll
                                                      : RestQueryRunner::Operation::query;
+  // In order of Id, so that a cursor Salesforce let go can be asked for again
+  // from the last row kept.
+  std::string soql = byId(job.soql, {});
+  std::string from = job.locator;
   bool finished = false;
-  auto outcome = runner.fetchPages(
-      job.soql, operation, job.fields, job.fieldTypes, job.locator, context.folder,
-      [&](const RestPage::Result& page) {
-        if (context.stopping || stopRequested()) throw StopRun(stoppedMessage);
-        std::string data = header + page.csv;
-        BackupCSV::Range rows;
-        auto ops = pageOps(data, job.watermarkField, rows);
-        finished = page.next.empty();
-        commitPage(context, job, file, std::string_view(page.csv), ops,
-                   static_cast<std::int64_t>(ops.size()), page.next, finished, index, count);
-      });
+  RestQueryRunner::Outcome outcome;
+  for (int lost = 0;;) {
+    try {
+      outcome = runner.fetchPages(
+          soql, operation, job.fields, job.fieldTypes, from, context.folder,
+          [&](const RestPage::Result& page) {
+            if (context.stopping || stopRequested()) throw StopRun(stoppedMessage);
+            std::string data = header + page.csv;
+            auto rows = pageOps(data, job.watermarkField, dropsDeleted(job));
+            finished = page.next.empty();
+            commitPage(context, job, file,
+                       rows.liveOnly ? std::string_view(*rows.liveOnly)
+                                     : std::string_view(page.csv),
+                       rows.ops, rows.live, page.next, finished, index, count);
+            lost = 0;
+          });
+      break;
+    } catch (const StopRun&) {
+      throw;
+    } catch (const std::exception& error) {
+      const auto failure = context.transport->classify(error);
+      if (from.empty() && job.locator.empty()) throw;
+      if (failure.message.find("INVALID_QUERY_LOCATOR") == std::string::npos &&
+          failure.message.find("invalid query locator") == std::string::npos)
+        throw;
+      if (++lost > 2) throw PageRefused(lostPlaceTwice);
+      // The cursor is gone: ask again for what comes after the last row kept.
+      file.sync();
+      auto data = Durable::readWhole(file.url());
+      const std::string kept = data ? data->substr(0, static_cast<std::size_t>(job.csvBytes)) : "";
+      soql = byId(job.soql, lastId(kept));
+      from.clear();
+    }
+  }
   if (outcome.stoppedForSpace) {
     const auto free = freeSpace_ ? freeSpace_(context.folder).value_or(0) : 0;
     throw StopRun(BackupError::lowDiskSpace(config_.freeSpaceFloor, free).what());
@@ -876,13 +968,18 @@ void BackupRunner::copyBulk(Context& context, JobRow& job, std::unique_ptr<Commi
             remote,
             job.locator.empty() ? std::nullopt : std::optional<std::string>(job.locator),
             config_.bulkPageSize, std::max<std::int64_t>(0, *found - job.rows));
-        BackupCSV::Range rows;
-        auto ops = pageOps(page.csv, job.watermarkField, rows);
-        const std::string body =
-            BackupCSV::terminated(BackupCSV::slice(page.csv, rows));
+        auto rows = pageOps(page.csv, job.watermarkField, dropsDeleted(job));
+        const std::string body = rows.liveOnly
+                                     ? std::move(*rows.liveOnly)
+                                     : BackupCSV::terminated(BackupCSV::slice(page.csv, rows.rows));
         const bool last = page.nextLocator.empty();
-        commitPage(context, job, *file, body, ops, static_cast<std::int64_t>(ops.size()),
-                   page.nextLocator, last, index, count);
+        // The last page completes the object only when every row the job
+        // found has come.
+        const std::int64_t received =
+            job.rows + job.deletedRows + static_cast<std::int64_t>(rows.ops.size());
+        if (last && received != *found) throw DownloadError::rowsNotAsCounted(*found, received);
+        commitPage(context, job, *file, body, rows.ops, rows.live, page.nextLocator, last, index,
+                   count);
         if (last) break;
       }
       bulk.remove(remote);
@@ -898,6 +995,7 @@ void BackupRunner::copyBulk(Context& context, JobRow& job, std::unique_ptr<Commi
       job.jobId.clear();
       job.locator.clear();
       job.rows = 0;
+      job.deletedRows = 0;
       job.csvBytes = 0;
       commitPage(context, job, *file, header, {}, 0, "", false, index, count);
     }
@@ -909,6 +1007,8 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
                               std::int64_t rowCount, const std::string& locator, bool done,
                               int index, int count) {
   const std::int64_t before = file.length();
+  const auto deleted = static_cast<std::int64_t>(
+      std::count_if(ops.begin(), ops.end(), [](const PageOp& op) { return op.kind == PageOp::Kind::gone; }));
   if (!rows.empty()) {
     file.append(rows);
     file.sync();
@@ -925,7 +1025,7 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
           .bindText(1, locator)
           .bindInt(2, file.length())
           .bindInt(3, job.rows + rowCount)
-          .bindInt(4, job.deletedRows)
+          .bindInt(4, job.deletedRows + deleted)
           .bindText(5, done ? "" : job.jobId)
           .bindText(6, done ? JobState::done : JobState::running)
           .bindInt(7, context.runId)
@@ -936,7 +1036,18 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
             "INSERT INTO known_ids (object, id, stamp, seen_run) VALUES (?, ?, ?, ?) "
             "ON CONFLICT(object, id) DO UPDATE SET stamp = excluded.stamp, "
             "seen_run = excluded.seen_run, deleted = 0");
+        // A deleted row Salesforce still sends: the record is gone, once.
+        auto gone = db.prepare(
+            "UPDATE known_ids SET deleted = 1, deleted_run = ?, deleted_at = ?, how = "
+            "'recycleBin' WHERE object = ? AND id = ? AND deleted = 0");
         for (const auto& op : ops) {
+          if (op.kind == PageOp::Kind::gone) {
+            gone.reset();
+            gone.bindInt(1, context.runId).bindText(2, op.stamp).bindText(3, job.object).bindText(
+                4, op.id);
+            gone.run();
+            continue;
+          }
           upsert.reset();
           upsert.bindText(1, job.object)
               .bindText(2, op.id)
@@ -961,6 +1072,7 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
     }
   }
   job.rows += rowCount;
+  job.deletedRows += deleted;
   job.csvBytes = file.length();
   job.locator = locator;
   if (done) job.state = JobState::done;
@@ -994,6 +1106,7 @@ bool BackupRunner::dropRefusedField(Context& context, JobRow& job, const std::st
   job.locator.clear();
   job.jobId.clear();
   job.rows = 0;
+  job.deletedRows = 0;
   job.csvBytes = 0;
 
   std::lock_guard guard(context.storeLock);
@@ -1011,7 +1124,7 @@ bool BackupRunner::dropRefusedField(Context& context, JobRow& job, const std::st
                             IsoTime::formatPlain(now_()));
     db.prepare(
           "UPDATE jobs SET fields = ?, field_types = ?, soql = ?, locator = '', job_id = '', "
-          "csv_bytes = 0, rows = 0 WHERE run_id = ? AND seq = ?")
+          "csv_bytes = 0, rows = 0, deleted_rows = 0 WHERE run_id = ? AND seq = ?")
         .bindText(1, jsonList(job.fields))
         .bindText(2, job.fieldTypes.empty() ? "" : jsonList(job.fieldTypes))
         .bindText(3, job.soql)
