@@ -48,6 +48,25 @@ constexpr const char* allowanceLowForFiles =
 constexpr const char* refusedFieldReason =
     "Salesforce refused these fields in a query, so they were left out.";
 constexpr const char* allowanceSpent = " (Salesforce says the org's daily API allowance is used up.)";
+constexpr const char* serverTimeUnreadable =
+    "Salesforce's clock could not be read, so the backup did not start: the next backup of "
+    "changes asks for what changed since this moment on that clock. It starts again the next "
+    "time it runs.";
+// Why a run copies everything although changes were asked for.
+constexpr const char* fullAfterGivenUp =
+    "The backup before this one was given up part-way, so this one copies everything.";
+constexpr const char* fullAfterObjectsChanged =
+    "The kinds of record to back up changed since the last backup, so this one copies "
+    "everything.";
+constexpr const char* fullAfterFieldsChanged =
+    " changed since the last backup, so this one copies everything.";
+constexpr const char* fullAfterTooLong =
+    "The last backup is older than the 15 days for which Salesforce lists deleted records, so "
+    "this one copies everything.";
+// Keys of the sets table.
+constexpr const char* needsFullKey = "needsFull";      // why the next run copies everything
+constexpr const char* heldBeforeKey = "heldBefore";    // {"run", "counts"} at a run's start
+constexpr const char* fullBecauseKey = "fullBecause";  // "run id<TAB>why" of a forced full run
 // Tries of one file body before it is given up; the next full backup tries again.
 constexpr int fileTries = 3;
 
@@ -141,6 +160,28 @@ std::string lastId(std::string_view data) {
   return last;
 }
 
+// The newest watermark is older than Salesforce's list of deleted records reaches.
+bool watermarkTooOld(BackupStore& store, SystemTime serverNow) {
+  auto statement = store.db().prepare("SELECT MAX(watermark) FROM objects WHERE watermark != ''");
+  if (!statement.step()) return false;
+  const auto newest = ServerTime::parse(statement.columnText(0));
+  return newest && *newest < serverNow - DeletionFinder::window;
+}
+
+// The objects of the last run whose folder is a copy to rely on differ from chosen.
+bool objectsChanged(BackupStore& store, std::int64_t runId, const std::vector<std::string>& chosen) {
+  std::optional<std::int64_t> last;
+  for (const auto& run : store.runs())
+    if (run.id != runId && run.isUsable()) last = run.id;
+  if (!last) return false;
+  auto statement = store.db().prepare(
+      "SELECT object FROM jobs WHERE run_id = ? AND purpose = 'records' ORDER BY object");
+  statement.bindInt(1, *last);
+  std::set<std::string> before;
+  while (statement.step()) before.insert(statement.columnText(0));
+  return before != std::set<std::string>(chosen.begin(), chosen.end());
+}
+
 // Every request of a run passes through it: its count is the run's API requests.
 class RequestCounting : public BackupTransport {
  public:
@@ -213,6 +254,11 @@ struct BackupRunner::Context {
   std::int64_t filesGivenUp = 0;
   std::int64_t fileBytes = 0;
   std::string filesMessage;
+  std::int64_t filesFailed = 0;  // tries of this run that did not bring a body
+  // Why this run copies everything although changes were asked for, or "".
+  std::string fullBecause;
+  // Live ids held per object when the run began.
+  std::map<std::string, std::int64_t> heldBefore;
 
   void stop(const std::string& message) {
     std::lock_guard guard(stopMutex);
@@ -308,6 +354,7 @@ RunSummary BackupRunner::run(RunKind kind) {
   auto& store = *context.store;
   reportStep(BackupProgress::Step::starting);
 
+  const std::string needsFull = store.setting(needsFullKey).value_or("");
   auto runs = store.runs();
   if (!runs.empty() && !runs.back().isFinished()) {
     // Carry on with the unfinished run. A stop counts against it only when the
@@ -323,9 +370,17 @@ RunSummary BackupRunner::run(RunKind kind) {
         "COALESCE(SUM(state IN ('done', 'failed', 'skipped')), 0) FROM jobs WHERE run_id = ?");
     marker.bindInt(1, context.runId);
     marker.step();
-    const std::string mark = fmt::format("{}:{}:{}:{}:{}", context.runId, unfinished.stage,
-                                         marker.columnInt(0), marker.columnInt(1),
-                                         marker.columnInt(2));
+    // Deletion checks and file bodies are progress too.
+    auto later = store.db().prepare(
+        "SELECT (SELECT COUNT(*) FROM file_versions WHERE downloaded = 1), "
+        "(SELECT COUNT(*) FROM known_ids WHERE check_run = ?1 OR deleted_run = ?1), "
+        "(SELECT COALESCE(group_concat(name || '=' || deleted_checked, ','), '') FROM objects)");
+    later.bindInt(1, context.runId);
+    later.step();
+    const std::string mark =
+        fmt::format("{}:{}:{}:{}:{}:{}:{}:{}", context.runId, unfinished.stage,
+                    marker.columnInt(0), marker.columnInt(1), marker.columnInt(2),
+                    later.columnInt(0), later.columnInt(1), later.columnText(2));
     const std::int64_t stops =
         store.setting("resumeMark") == mark ? unfinished.stops + 1 : 1;
     store.setSetting("resumeMark", mark);
@@ -335,6 +390,7 @@ RunSummary BackupRunner::run(RunKind kind) {
         .bindInt(2, context.runId)
         .run();
     if (stops > 2) {
+      store.setSetting(needsFullKey, fullAfterGivenUp);
       store.db()
           .prepare(
               "UPDATE jobs SET state = 'failed', reason = ? WHERE run_id = ? AND state IN "
@@ -348,6 +404,9 @@ RunSummary BackupRunner::run(RunKind kind) {
                                          stops));
     }
   } else {
+    // A changes run that could not be trusted makes this one full.
+    const bool forced = kind == RunKind::changes && !needsFull.empty();
+    if (forced) kind = RunKind::full;
     const auto started = now_();
     std::string name = IsoTime::folderStamp(started);
     std::set<std::string> used;
@@ -361,21 +420,51 @@ RunSummary BackupRunner::run(RunKind kind) {
     context.runId = store.insertRun(name, kind, context.startedAt);
     context.folder = config_.location.folder() / BackupLocation::safeName(name);
     store.setSetting("resumeMark", "");
+    if (forced) {
+      context.fullBecause = needsFull;
+      store.setSetting(fullBecauseKey, fmt::format("{}\t{}", context.runId, needsFull));
+    }
+  }
+  if (auto because = store.setting(fullBecauseKey);
+      because && because->rfind(fmt::format("{}\t", context.runId), 0) == 0)
+    context.fullBecause = because->substr(because->find('\t') + 1);
+  {
+    // What the backup held before this run copied anything, kept across stops.
+    auto held = nlohmann::json::parse(store.setting(heldBeforeKey).value_or(""), nullptr, false);
+    if (!held.is_object() || held.value("run", std::int64_t{0}) != context.runId) {
+      held = {{"run", context.runId}, {"counts", nlohmann::json::object()}};
+      for (const auto& [object, count] : store.heldCounts()) held["counts"][object] = count;
+      store.setSetting(heldBeforeKey, held.dump());
+    }
+    for (const auto& [object, count] : held["counts"].items())
+      if (count.is_number_integer()) context.heldBefore[object] = count.get<std::int64_t>();
   }
   std::filesystem::create_directories(context.folder);
   context.fileSystem = fileSystem_ ? fileSystem_(context.folder) : std::nullopt;
 
   try {
     if (context.serverNow.empty()) {
-      // The org's clock, not ours: the next changes run asks for what changed
-      // since this moment as Salesforce counts it.
-      SystemTime serverNow = now_();
+      // The org's clock, never ours: the next changes run asks for what
+      // changed since this moment as Salesforce counts it.
+      std::optional<SystemTime> serverNow;
       try {
-        auto allowance = ApiAllowance::ready(*context.transport);
-        if (allowance.serverDate) serverNow = *allowance.serverDate;
-      } catch (const AllowanceError&) {
+        serverNow = ApiAllowance::ready(*context.transport).serverDate;
+      } catch (const std::exception& error) {
+        if (context.transport->classify(error).signedOut) throw;
       }
-      context.serverNow = IsoTime::formatPlain(serverNow);
+      if (!serverNow) throw StopRun(serverTimeUnreadable);
+      context.serverNow = IsoTime::formatPlain(*serverNow);
+      if (context.kind == RunKind::changes && watermarkTooOld(store, *serverNow)) {
+        context.kind = RunKind::full;
+        context.fullBecause = fullAfterTooLong;
+        store.setSetting(needsFullKey, fullAfterTooLong);
+        store.setSetting(fullBecauseKey, fmt::format("{}\t{}", context.runId, fullAfterTooLong));
+        store.db()
+            .prepare("UPDATE runs SET kind = ? WHERE id = ?")
+            .bindText(1, toText(RunKind::full))
+            .bindInt(2, context.runId)
+            .run();
+      }
       store.db()
           .prepare("UPDATE runs SET server_now = ? WHERE id = ?")
           .bindText(1, context.serverNow)
@@ -435,6 +524,8 @@ void BackupRunner::plan(Context& context) {
   const auto global =
       BackupPlanner::GlobalObject::parse(transport.send("GET", "/sobjects/", {}, std::nullopt));
   const auto chosen = BackupPlanner::objects(global, options);
+  if (context.kind == RunKind::changes && objectsChanged(store, context.runId, chosen))
+    store.setSetting(needsFullKey, fullAfterObjectsChanged);
 
   reportStep(BackupProgress::Step::countingRecords);
   std::map<std::string, std::int64_t> roughCounts;
@@ -486,8 +577,10 @@ void BackupRunner::plan(Context& context) {
     // A field list that changed since the watermark was taken needs a whole copy.
     if (since) {
       auto state = store.objectState(name);
-      if (state && state->fields != entry.plan.fields)
+      if (state && state->fields != entry.plan.fields) {
         entry.plan = BackupPlanner::plan(describe, options, std::nullopt, unsupported);
+        store.setSetting(needsFullKey, "The fields of " + name + fullAfterFieldsChanged);
+      }
     }
     fields += entry.plan.fields.size();
     planned.push_back(std::move(entry));
@@ -1056,15 +1149,6 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
           upsert.run();
         }
       }
-      if (done) {
-        store.storeWatermark(job.object, job.watermarkField,
-                             job.watermarkField.empty() ? "" : context.serverNow, job.fields);
-        // Fields refused in this run stay left out of the next run's plan.
-        if (auto refused = context.refusedFields.find(job.object);
-            refused != context.refusedFields.end())
-          store.recordUnsupported(job.object, refused->second, refusedFieldReason,
-                                  context.serverNow);
-      }
       db.exec("COMMIT");
     } catch (...) {
       db.exec("ROLLBACK");
@@ -1215,6 +1299,7 @@ void BackupRunner::downloadFiles(Context& context) {
       std::lock_guard guard(context.storeLock);
       FileDownload::recordFetch(store.db(), body, fetched, fileTries, context.runId);
     }
+    if (!fetched.stored) ++context.filesFailed;
     if (fetched.stored) {
       ++context.filesDownloaded;
       context.fileBytes += fetched.bytes;
@@ -1267,6 +1352,9 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
   if (gaveUp) {
     result = RunResult::gaveUp;
     message = stopMessage;
+    // Objects that failed before it was given up say so, as in a finished run.
+    if (!refused.empty())
+      message += " Salesforce would not give these objects: " + joined(refused) + ".";
   } else if (stopped) {
     result = RunResult::stopped;
     message = stopMessage;
@@ -1291,12 +1379,16 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       add(fmt::format("{} still to download. They will be fetched by the next backup.",
                       context.filesWaiting));
   }
-  const auto deletions = DeletionReport::of(store, context.runId, context.deletionFailures);
+  if (!context.fullBecause.empty() && !stopped && !gaveUp)
+    message = context.fullBecause + (message.empty() ? "" : " ") + message;
+  const auto deletions =
+      DeletionReport::of(store, context.runId, context.deletionFailures, context.heldBefore);
   if (!stopped && !gaveUp && !deletions.failed.empty())
     message += std::string(message.empty() ? "" : " ") + deletions.failureMessage();
   const std::string finishedAt = IsoTime::formatPlain(now_());
 
   // The run's own files. A failure here loses no record: the CSVs are complete.
+  bool folderWritten = false;
   try {
     reportStep(BackupProgress::Step::writingDeletedList);
     std::string deleted = BackupCSV::line(std::vector<std::string>{"Object", "Id", "DeletedAt", "How"});
@@ -1351,10 +1443,17 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     manifest.files.downloadedThisRun = context.filesDownloaded;
     manifest.files.waiting = context.filesWaiting;
     manifest.files.leftOutThisRun = context.filesGivenUp;
+    manifest.files.failed = context.filesFailed;
+    {
+      auto leftOutFiles = db.prepare(
+          "SELECT COUNT(*) FROM file_versions WHERE skipped = 1 AND downloaded = 0 AND deleted = 0");
+      manifest.files.leftOut = leftOutFiles.step() ? leftOutFiles.columnInt(0) : 0;
+    }
     manifest.objectsLeftOut = leftOut;
     deletions.fill(manifest);
     manifest.write(context.folder);
     ReadMe::write(context.folder);
+    folderWritten = true;
   } catch (const std::exception& error) {
     message += std::string(" Its own summary files could not be written (") + error.what() +
                ") so what is in its folder may be incomplete.";
@@ -1382,6 +1481,33 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       .bindInt(1, deletions.deleted)
       .bindInt(2, context.runId)
       .run();
+  // The next changes run asks from here only when this run's rows are safely
+  // in a folder: a stopped, given-up or unwritten run leaves the watermarks.
+  if ((result == RunResult::complete || result == RunResult::partial) && folderWritten) {
+    db.exec("BEGIN IMMEDIATE");
+    try {
+      auto done = db.prepare(
+          "SELECT object, watermark_field, fields FROM jobs WHERE run_id = ? AND purpose = "
+          "'records' AND state = 'done' ORDER BY seq");
+      done.bindInt(1, context.runId);
+      while (done.step()) {
+        const std::string object = done.columnText(0);
+        const std::string field = done.columnText(1);
+        store.storeWatermark(object, field, field.empty() ? "" : context.serverNow,
+                             listFrom(done.columnView(2)));
+        // Fields refused in this run stay left out of the next run's plan.
+        if (auto refusedHere = context.refusedFields.find(object);
+            refusedHere != context.refusedFields.end())
+          store.recordUnsupported(object, refusedHere->second, refusedFieldReason,
+                                  context.serverNow);
+      }
+      if (context.kind == RunKind::full) store.setSetting(needsFullKey, "");
+      db.exec("COMMIT");
+    } catch (...) {
+      db.exec("ROLLBACK");
+      throw;
+    }
+  }
   // Older copies are tidied once this one is finished; a failure keeps them all.
   RetentionSweep::Outcome tidied;
   if (!stopped) {
@@ -1406,6 +1532,8 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
   last.folder = run ? run->folder : context.folder.filename().string();
   last.files = run ? run->files : context.filesDownloaded;
   last.filesWaiting = context.filesWaiting;
+  last.removedBackups = tidied.removed;
+  last.removedBytes = tidied.bytes;
   try {
     last.write(config_.location);
   } catch (const std::exception&) {
