@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "backup/backup_csv.hpp"
 #include "backup/tests/backup_run_fixture.hpp"
 
 namespace corvane::testing {
@@ -121,6 +122,33 @@ TEST_F(BackupWatermarkTest, ChangedObjectsOrAnOldWatermarkMakeARunFullAndSayWhy)
   EXPECT_EQ(old.message.rfind(fullAfterTooLong, 0), 0u) << old.message;
   EXPECT_EQ(job(first_.path(), old.runId, "Account").first, JobState::done);
   EXPECT_EQ(run(first_.path(), RunKind::changes).kind, RunKind::changes);
+}
+
+TEST_F(BackupWatermarkTest, ChangedFieldsCopyTheObjectWholeAndMakeTheNextRunFull) {
+  firstFull();
+  {
+    // As if Account had one field more when it was last copied.
+    BackupStore backup(config(first_.path()).location);
+    auto state = backup.objectState("Account");
+    ASSERT_TRUE(state);
+    state->fields.push_back("Gone__c");
+    backup.db()
+        .prepare("UPDATE objects SET fields = ? WHERE name = 'Account'")
+        .bindText(1, nlohmann::json(state->fields).dump())
+        .run();
+  }
+  auto changed = run(first_.path(), RunKind::changes);
+  ASSERT_EQ(changed.result, RunResult::complete) << changed.message;
+  EXPECT_EQ(changed.kind, RunKind::changes);
+  // Copied whole, not only the 5 new ones.
+  EXPECT_EQ(BackupCSV::scan(readFile(changed.folder / "Account.csv")).records.size(), 155u);
+  auto next = run(first_.path(), RunKind::changes);
+  EXPECT_EQ(next.kind, RunKind::full);
+  EXPECT_EQ(next.message.rfind("The fields of Account changed since the last backup, so this one "
+                               "copies everything.",
+                               0),
+            0u)
+      << next.message;
 }
 
 }  // namespace
