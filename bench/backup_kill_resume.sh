@@ -50,7 +50,11 @@ took=$(echo "$(date +%s.%N) - $start" | bc)
 echo "uninterrupted run: ${took}s"
 
 killed=0
-for i in $(seq "$kills"); do
+i=0
+# Until `kills` kills have landed in a running backup (a run that finished
+# before its kill does not count; the next one is a new full run).
+while [[ $killed -lt $kills && $i -lt $((kills * 3)) ]]; do
+  i=$((i + 1))
   # The program itself, not a shell function around it: the kill must reach it.
   "$corvane" backup run sample --root "$work/killed" --only "$only" --json >/dev/null 2>&1 &
   pid=$!
