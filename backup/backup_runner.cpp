@@ -48,6 +48,25 @@ constexpr const char* allowanceLowForFiles =
 constexpr const char* refusedFieldReason =
     "Salesforce refused these fields in a query, so they were left out.";
 constexpr const char* allowanceSpent = " (Salesforce says the org's daily API allowance is used up.)";
+constexpr const char* serverTimeUnreadable =
+    "Salesforce's clock could not be read, so the backup did not start: the next backup of "
+    "changes asks for what changed since this moment on that clock. It starts again the next "
+    "time it runs.";
+// Why a run copies everything although changes were asked for.
+constexpr const char* fullAfterGivenUp =
+    "The backup before this one was given up part-way, so this one copies everything.";
+constexpr const char* fullAfterObjectsChanged =
+    "The kinds of record to back up changed since the last backup, so this one copies "
+    "everything.";
+constexpr const char* fullAfterFieldsChanged =
+    " changed since the last backup, so this one copies everything.";
+constexpr const char* fullAfterTooLong =
+    "The last backup is older than the 15 days for which Salesforce lists deleted records, so "
+    "this one copies everything.";
+// Keys of the sets table.
+constexpr const char* needsFullKey = "needsFull";      // why the next run copies everything
+constexpr const char* heldBeforeKey = "heldBefore";    // {"run", "counts"} at a run's start
+constexpr const char* fullBecauseKey = "fullBecause";  // "run id<TAB>why" of a forced full run
 // Tries of one file body before it is given up; the next full backup tries again.
 constexpr int fileTries = 3;
 
@@ -75,6 +94,11 @@ bool isLostLocator(const DownloadError& error) {
          (error.kind() == DownloadError::Kind::jobFailed &&
           (error.platformText().find("INVALID_QUERY_LOCATOR") != std::string::npos ||
            error.platformText().find("invalid query locator") != std::string::npos));
+}
+
+// queryAll sends deleted rows too; they are deletions, not records.
+bool dropsDeleted(const BackupRunner::JobRow& job) {
+  return job.hasIsDeleted && job.operation == "queryAll";
 }
 
 std::string jsonList(const std::vector<std::string>& names) { return nlohmann::json(names).dump(); }
@@ -106,6 +130,56 @@ int columnOf(const std::vector<std::string>& header, std::string_view name) {
       return static_cast<int>(i);
   }
   return -1;
+}
+
+// soql ordered by Id, asking only for ids after `after` when it is not empty.
+std::string byId(const std::string& soql, const std::string& after) {
+  std::string out = soql;
+  if (!after.empty()) {
+    const auto from = out.find(" FROM ");
+    const bool filtered = from != std::string::npos && out.find(" WHERE ", from) != std::string::npos;
+    out += (filtered ? " AND Id > '" : " WHERE Id > '") + after + "'";
+  }
+  return out + " ORDER BY Id";
+}
+
+// The Id of the last row of a CSV (header first), or "".
+std::string lastId(std::string_view data) {
+  int idAt = -1;
+  std::string last;
+  try {
+    BackupCSV::scan(
+        data, [&](const BackupCSV::Record& header) { idAt = columnOf(header.fields, "Id"); },
+        [&](const BackupCSV::Record& record) {
+          if (idAt >= 0 && static_cast<std::size_t>(idAt) < record.fields.size())
+            last = record.fields[idAt];
+          return true;
+        });
+  } catch (const BackupCSV::Unreadable&) {
+  }
+  return last;
+}
+
+// The newest watermark is older than Salesforce's list of deleted records reaches.
+bool watermarkTooOld(BackupStore& store, SystemTime serverNow) {
+  auto statement = store.db().prepare("SELECT MAX(watermark) FROM objects WHERE watermark != ''");
+  if (!statement.step()) return false;
+  const auto newest = ServerTime::parse(statement.columnText(0));
+  return newest && *newest < serverNow - DeletionFinder::window;
+}
+
+// The objects of the last run whose folder is a copy to rely on differ from chosen.
+bool objectsChanged(BackupStore& store, std::int64_t runId, const std::vector<std::string>& chosen) {
+  std::optional<std::int64_t> last;
+  for (const auto& run : store.runs())
+    if (run.id != runId && run.isUsable()) last = run.id;
+  if (!last) return false;
+  auto statement = store.db().prepare(
+      "SELECT object FROM jobs WHERE run_id = ? AND purpose = 'records' ORDER BY object");
+  statement.bindInt(1, *last);
+  std::set<std::string> before;
+  while (statement.step()) before.insert(statement.columnText(0));
+  return before != std::set<std::string>(chosen.begin(), chosen.end());
 }
 
 // Every request of a run passes through it: its count is the run's API requests.
@@ -180,6 +254,11 @@ struct BackupRunner::Context {
   std::int64_t filesGivenUp = 0;
   std::int64_t fileBytes = 0;
   std::string filesMessage;
+  std::int64_t filesFailed = 0;  // tries of this run that did not bring a body
+  // Why this run copies everything although changes were asked for, or "".
+  std::string fullBecause;
+  // Live ids held per object when the run began.
+  std::map<std::string, std::int64_t> heldBefore;
 
   void stop(const std::string& message) {
     std::lock_guard guard(stopMutex);
@@ -275,6 +354,7 @@ RunSummary BackupRunner::run(RunKind kind) {
   auto& store = *context.store;
   reportStep(BackupProgress::Step::starting);
 
+  const std::string needsFull = store.setting(needsFullKey).value_or("");
   auto runs = store.runs();
   if (!runs.empty() && !runs.back().isFinished()) {
     // Carry on with the unfinished run. A stop counts against it only when the
@@ -290,9 +370,17 @@ RunSummary BackupRunner::run(RunKind kind) {
         "COALESCE(SUM(state IN ('done', 'failed', 'skipped')), 0) FROM jobs WHERE run_id = ?");
     marker.bindInt(1, context.runId);
     marker.step();
-    const std::string mark = fmt::format("{}:{}:{}:{}:{}", context.runId, unfinished.stage,
-                                         marker.columnInt(0), marker.columnInt(1),
-                                         marker.columnInt(2));
+    // Deletion checks and file bodies are progress too.
+    auto later = store.db().prepare(
+        "SELECT (SELECT COUNT(*) FROM file_versions WHERE downloaded = 1), "
+        "(SELECT COUNT(*) FROM known_ids WHERE check_run = ?1 OR deleted_run = ?1), "
+        "(SELECT COALESCE(group_concat(name || '=' || deleted_checked, ','), '') FROM objects)");
+    later.bindInt(1, context.runId);
+    later.step();
+    const std::string mark =
+        fmt::format("{}:{}:{}:{}:{}:{}:{}:{}", context.runId, unfinished.stage,
+                    marker.columnInt(0), marker.columnInt(1), marker.columnInt(2),
+                    later.columnInt(0), later.columnInt(1), later.columnText(2));
     const std::int64_t stops =
         store.setting("resumeMark") == mark ? unfinished.stops + 1 : 1;
     store.setSetting("resumeMark", mark);
@@ -302,6 +390,7 @@ RunSummary BackupRunner::run(RunKind kind) {
         .bindInt(2, context.runId)
         .run();
     if (stops > 2) {
+      store.setSetting(needsFullKey, fullAfterGivenUp);
       store.db()
           .prepare(
               "UPDATE jobs SET state = 'failed', reason = ? WHERE run_id = ? AND state IN "
@@ -315,6 +404,9 @@ RunSummary BackupRunner::run(RunKind kind) {
                                          stops));
     }
   } else {
+    // A changes run that could not be trusted makes this one full.
+    const bool forced = kind == RunKind::changes && !needsFull.empty();
+    if (forced) kind = RunKind::full;
     const auto started = now_();
     std::string name = IsoTime::folderStamp(started);
     std::set<std::string> used;
@@ -328,21 +420,51 @@ RunSummary BackupRunner::run(RunKind kind) {
     context.runId = store.insertRun(name, kind, context.startedAt);
     context.folder = config_.location.folder() / BackupLocation::safeName(name);
     store.setSetting("resumeMark", "");
+    if (forced) {
+      context.fullBecause = needsFull;
+      store.setSetting(fullBecauseKey, fmt::format("{}\t{}", context.runId, needsFull));
+    }
+  }
+  if (auto because = store.setting(fullBecauseKey);
+      because && because->rfind(fmt::format("{}\t", context.runId), 0) == 0)
+    context.fullBecause = because->substr(because->find('\t') + 1);
+  {
+    // What the backup held before this run copied anything, kept across stops.
+    auto held = nlohmann::json::parse(store.setting(heldBeforeKey).value_or(""), nullptr, false);
+    if (!held.is_object() || held.value("run", std::int64_t{0}) != context.runId) {
+      held = {{"run", context.runId}, {"counts", nlohmann::json::object()}};
+      for (const auto& [object, count] : store.heldCounts()) held["counts"][object] = count;
+      store.setSetting(heldBeforeKey, held.dump());
+    }
+    for (const auto& [object, count] : held["counts"].items())
+      if (count.is_number_integer()) context.heldBefore[object] = count.get<std::int64_t>();
   }
   std::filesystem::create_directories(context.folder);
   context.fileSystem = fileSystem_ ? fileSystem_(context.folder) : std::nullopt;
 
   try {
     if (context.serverNow.empty()) {
-      // The org's clock, not ours: the next changes run asks for what changed
-      // since this moment as Salesforce counts it.
-      SystemTime serverNow = now_();
+      // The org's clock, never ours: the next changes run asks for what
+      // changed since this moment as Salesforce counts it.
+      std::optional<SystemTime> serverNow;
       try {
-        auto allowance = ApiAllowance::ready(*context.transport);
-        if (allowance.serverDate) serverNow = *allowance.serverDate;
-      } catch (const AllowanceError&) {
+        serverNow = ApiAllowance::ready(*context.transport).serverDate;
+      } catch (const std::exception& error) {
+        if (context.transport->classify(error).signedOut) throw;
       }
-      context.serverNow = IsoTime::formatPlain(serverNow);
+      if (!serverNow) throw StopRun(serverTimeUnreadable);
+      context.serverNow = IsoTime::formatPlain(*serverNow);
+      if (context.kind == RunKind::changes && watermarkTooOld(store, *serverNow)) {
+        context.kind = RunKind::full;
+        context.fullBecause = fullAfterTooLong;
+        store.setSetting(needsFullKey, fullAfterTooLong);
+        store.setSetting(fullBecauseKey, fmt::format("{}\t{}", context.runId, fullAfterTooLong));
+        store.db()
+            .prepare("UPDATE runs SET kind = ? WHERE id = ?")
+            .bindText(1, toText(RunKind::full))
+            .bindInt(2, context.runId)
+            .run();
+      }
       store.db()
           .prepare("UPDATE runs SET server_now = ? WHERE id = ?")
           .bindText(1, context.serverNow)
@@ -402,6 +524,8 @@ void BackupRunner::plan(Context& context) {
   const auto global =
       BackupPlanner::GlobalObject::parse(transport.send("GET", "/sobjects/", {}, std::nullopt));
   const auto chosen = BackupPlanner::objects(global, options);
+  if (context.kind == RunKind::changes && objectsChanged(store, context.runId, chosen))
+    store.setSetting(needsFullKey, fullAfterObjectsChanged);
 
   reportStep(BackupProgress::Step::countingRecords);
   std::map<std::string, std::int64_t> roughCounts;
@@ -453,8 +577,10 @@ void BackupRunner::plan(Context& context) {
     // A field list that changed since the watermark was taken needs a whole copy.
     if (since) {
       auto state = store.objectState(name);
-      if (state && state->fields != entry.plan.fields)
+      if (state && state->fields != entry.plan.fields) {
         entry.plan = BackupPlanner::plan(describe, options, std::nullopt, unsupported);
+        store.setSetting(needsFullKey, "The fields of " + name + fullAfterFieldsChanged);
+      }
     }
     fields += entry.plan.fields.size();
     planned.push_back(std::move(entry));
@@ -495,8 +621,12 @@ void BackupRunner::plan(Context& context) {
       entry.rowCount = nlohmann::json::parse(body).at("totalSize").get<std::int64_t>();
     } catch (const std::exception& error) {
       if (transport.classify(error).signedOut) throw;
+      // Salesforce's rough count lags behind and leaves objects out: it may
+      // choose REST or bulk, but never says an object is empty. Without a
+      // count the object is copied, and the copy itself counts it.
       if (entry.plan.mode != BackupPlanner::Mode::changes) {
-        if (auto it = roughCounts.find(entry.plan.object); it != roughCounts.end())
+        if (auto it = roughCounts.find(entry.plan.object);
+            it != roughCounts.end() && it->second > 0)
           entry.rowCount = it->second;
       }
     }
@@ -670,6 +800,7 @@ void BackupRunner::copyObject(Context& context, JobRow job, int index, int count
       job.locator.clear();
       job.jobId.clear();
       job.rows = 0;
+      job.deletedRows = 0;
       commitPage(context, job, fresh, header, {}, 0, "", false, index, count);
       fresh.close();
     }
@@ -764,37 +895,64 @@ void BackupRunner::copyObject(Context& context, JobRow job, int index, int count
 
 namespace {
 
-// The ids (and watermark values) of CSV rows; data starts with a header.
+// What one page of CSV rows holds. data starts with a header.
+struct PageRows {
+  std::vector<BackupRunner::PageOp> ops;  // keep for a live row, gone for a deleted one
+  BackupCSV::Range rows;                  // from the first row to the end of the last
+  std::int64_t live = 0;
+  std::int64_t deleted = 0;
+  // The live rows, each with its line break, when some rows were deleted ones.
+  std::optional<std::string> liveOnly;
+};
+
+// The ids (and watermark values) of CSV rows. With dropDeleted, rows whose
+// IsDeleted is "true" (queryAll sends them) are deletions, not records.
 // Throws PageRefused when the header has no Id column.
-std::vector<BackupRunner::PageOp> pageOps(std::string_view data, const std::string& watermark,
-                                          BackupCSV::Range& rowsRange) {
-  std::vector<BackupRunner::PageOp> ops;
+PageRows pageOps(std::string_view data, const std::string& watermark, bool dropDeleted) {
+  PageRows page;
   int idAt = -1;
   int stampAt = -1;
+  int deletedAt = -1;
   bool first = true;
-  rowsRange = {};
+  std::vector<std::pair<std::size_t, bool>> starts;  // (row begins at, live)
   BackupCSV::scan(
       data,
       [&](const BackupCSV::Record& header) {
         idAt = columnOf(header.fields, "Id");
         if (!watermark.empty()) stampAt = columnOf(header.fields, watermark);
+        if (dropDeleted) deletedAt = columnOf(header.fields, "IsDeleted");
         if (idAt < 0) throw PageRefused(noIdColumn);
-        rowsRange.begin = rowsRange.end = header.range.end;
+        page.rows.begin = page.rows.end = header.range.end;
       },
       [&](const BackupCSV::Record& record) {
-        if (first) rowsRange.begin = record.range.begin;
+        if (first) page.rows.begin = record.range.begin;
         first = false;
-        rowsRange.end = record.range.end;
+        page.rows.end = record.range.end;
         BackupRunner::PageOp op;
         if (static_cast<std::size_t>(idAt) < record.fields.size()) op.id = record.fields[idAt];
         if (stampAt >= 0 && static_cast<std::size_t>(stampAt) < record.fields.size())
           op.stamp = record.fields[stampAt];
         if (op.id.empty()) throw PageRefused(noIdColumn);
-        ops.push_back(std::move(op));
+        const bool gone = deletedAt >= 0 &&
+                          static_cast<std::size_t>(deletedAt) < record.fields.size() &&
+                          record.fields[deletedAt] == "true";
+        if (gone) op.kind = BackupRunner::PageOp::Kind::gone;
+        ++(gone ? page.deleted : page.live);
+        starts.emplace_back(record.range.begin, !gone);
+        page.ops.push_back(std::move(op));
         return true;
       });
   if (idAt < 0) throw PageRefused(noIdColumn);
-  return ops;
+  if (page.deleted > 0) {
+    std::string live;
+    for (std::size_t i = 0; i < starts.size(); ++i) {
+      if (!starts[i].second) continue;
+      const std::size_t until = i + 1 < starts.size() ? starts[i + 1].first : data.size();
+      live += BackupCSV::terminated(data.substr(starts[i].first, until - starts[i].first));
+    }
+    page.liveOnly = std::move(live);
+  }
+  return page;
 }
 
 }  // namespace
@@ -808,18 +966,45 @@ void BackupRunner::copyRest(Context& context, JobRow& job, CommittedFile& file, 
   const std::string header = BackupCSV::line(job.fields);
   const auto operation = job.operation == "queryAll" ? RestQueryRunner::Operation::queryAll
                                                      : RestQueryRunner::Operation::query;
+  // In order of Id, so that a cursor Salesforce let go can be asked for again
+  // from the last row kept.
+  std::string soql = byId(job.soql, {});
+  std::string from = job.locator;
   bool finished = false;
-  auto outcome = runner.fetchPages(
-      job.soql, operation, job.fields, job.fieldTypes, job.locator, context.folder,
-      [&](const RestPage::Result& page) {
-        if (context.stopping || stopRequested()) throw StopRun(stoppedMessage);
-        std::string data = header + page.csv;
-        BackupCSV::Range rows;
-        auto ops = pageOps(data, job.watermarkField, rows);
-        finished = page.next.empty();
-        commitPage(context, job, file, std::string_view(page.csv), ops,
-                   static_cast<std::int64_t>(ops.size()), page.next, finished, index, count);
-      });
+  RestQueryRunner::Outcome outcome;
+  for (int lost = 0;;) {
+    try {
+      outcome = runner.fetchPages(
+          soql, operation, job.fields, job.fieldTypes, from, context.folder,
+          [&](const RestPage::Result& page) {
+            if (context.stopping || stopRequested()) throw StopRun(stoppedMessage);
+            std::string data = header + page.csv;
+            auto rows = pageOps(data, job.watermarkField, dropsDeleted(job));
+            finished = page.next.empty();
+            commitPage(context, job, file,
+                       rows.liveOnly ? std::string_view(*rows.liveOnly)
+                                     : std::string_view(page.csv),
+                       rows.ops, rows.live, page.next, finished, index, count);
+            lost = 0;
+          });
+      break;
+    } catch (const StopRun&) {
+      throw;
+    } catch (const std::exception& error) {
+      const auto failure = context.transport->classify(error);
+      if (from.empty() && job.locator.empty()) throw;
+      if (failure.message.find("INVALID_QUERY_LOCATOR") == std::string::npos &&
+          failure.message.find("invalid query locator") == std::string::npos)
+        throw;
+      if (++lost > 2) throw PageRefused(lostPlaceTwice);
+      // The cursor is gone: ask again for what comes after the last row kept.
+      file.sync();
+      auto data = Durable::readWhole(file.url());
+      const std::string kept = data ? data->substr(0, static_cast<std::size_t>(job.csvBytes)) : "";
+      soql = byId(job.soql, lastId(kept));
+      from.clear();
+    }
+  }
   if (outcome.stoppedForSpace) {
     const auto free = freeSpace_ ? freeSpace_(context.folder).value_or(0) : 0;
     throw StopRun(BackupError::lowDiskSpace(config_.freeSpaceFloor, free).what());
@@ -876,13 +1061,18 @@ void BackupRunner::copyBulk(Context& context, JobRow& job, std::unique_ptr<Commi
             remote,
             job.locator.empty() ? std::nullopt : std::optional<std::string>(job.locator),
             config_.bulkPageSize, std::max<std::int64_t>(0, *found - job.rows));
-        BackupCSV::Range rows;
-        auto ops = pageOps(page.csv, job.watermarkField, rows);
-        const std::string body =
-            BackupCSV::terminated(BackupCSV::slice(page.csv, rows));
+        auto rows = pageOps(page.csv, job.watermarkField, dropsDeleted(job));
+        const std::string body = rows.liveOnly
+                                     ? std::move(*rows.liveOnly)
+                                     : BackupCSV::terminated(BackupCSV::slice(page.csv, rows.rows));
         const bool last = page.nextLocator.empty();
-        commitPage(context, job, *file, body, ops, static_cast<std::int64_t>(ops.size()),
-                   page.nextLocator, last, index, count);
+        // The last page completes the object only when every row the job
+        // found has come.
+        const std::int64_t received =
+            job.rows + job.deletedRows + static_cast<std::int64_t>(rows.ops.size());
+        if (last && received != *found) throw DownloadError::rowsNotAsCounted(*found, received);
+        commitPage(context, job, *file, body, rows.ops, rows.live, page.nextLocator, last, index,
+                   count);
         if (last) break;
       }
       bulk.remove(remote);
@@ -898,6 +1088,7 @@ void BackupRunner::copyBulk(Context& context, JobRow& job, std::unique_ptr<Commi
       job.jobId.clear();
       job.locator.clear();
       job.rows = 0;
+      job.deletedRows = 0;
       job.csvBytes = 0;
       commitPage(context, job, *file, header, {}, 0, "", false, index, count);
     }
@@ -909,6 +1100,8 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
                               std::int64_t rowCount, const std::string& locator, bool done,
                               int index, int count) {
   const std::int64_t before = file.length();
+  const auto deleted = static_cast<std::int64_t>(
+      std::count_if(ops.begin(), ops.end(), [](const PageOp& op) { return op.kind == PageOp::Kind::gone; }));
   if (!rows.empty()) {
     file.append(rows);
     file.sync();
@@ -925,7 +1118,7 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
           .bindText(1, locator)
           .bindInt(2, file.length())
           .bindInt(3, job.rows + rowCount)
-          .bindInt(4, job.deletedRows)
+          .bindInt(4, job.deletedRows + deleted)
           .bindText(5, done ? "" : job.jobId)
           .bindText(6, done ? JobState::done : JobState::running)
           .bindInt(7, context.runId)
@@ -936,7 +1129,18 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
             "INSERT INTO known_ids (object, id, stamp, seen_run) VALUES (?, ?, ?, ?) "
             "ON CONFLICT(object, id) DO UPDATE SET stamp = excluded.stamp, "
             "seen_run = excluded.seen_run, deleted = 0");
+        // A deleted row Salesforce still sends: the record is gone, once.
+        auto gone = db.prepare(
+            "UPDATE known_ids SET deleted = 1, deleted_run = ?, deleted_at = ?, how = "
+            "'recycleBin' WHERE object = ? AND id = ? AND deleted = 0");
         for (const auto& op : ops) {
+          if (op.kind == PageOp::Kind::gone) {
+            gone.reset();
+            gone.bindInt(1, context.runId).bindText(2, op.stamp).bindText(3, job.object).bindText(
+                4, op.id);
+            gone.run();
+            continue;
+          }
           upsert.reset();
           upsert.bindText(1, job.object)
               .bindText(2, op.id)
@@ -945,15 +1149,6 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
           upsert.run();
         }
       }
-      if (done) {
-        store.storeWatermark(job.object, job.watermarkField,
-                             job.watermarkField.empty() ? "" : context.serverNow, job.fields);
-        // Fields refused in this run stay left out of the next run's plan.
-        if (auto refused = context.refusedFields.find(job.object);
-            refused != context.refusedFields.end())
-          store.recordUnsupported(job.object, refused->second, refusedFieldReason,
-                                  context.serverNow);
-      }
       db.exec("COMMIT");
     } catch (...) {
       db.exec("ROLLBACK");
@@ -961,6 +1156,7 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
     }
   }
   job.rows += rowCount;
+  job.deletedRows += deleted;
   job.csvBytes = file.length();
   job.locator = locator;
   if (done) job.state = JobState::done;
@@ -994,6 +1190,7 @@ bool BackupRunner::dropRefusedField(Context& context, JobRow& job, const std::st
   job.locator.clear();
   job.jobId.clear();
   job.rows = 0;
+  job.deletedRows = 0;
   job.csvBytes = 0;
 
   std::lock_guard guard(context.storeLock);
@@ -1011,7 +1208,7 @@ bool BackupRunner::dropRefusedField(Context& context, JobRow& job, const std::st
                             IsoTime::formatPlain(now_()));
     db.prepare(
           "UPDATE jobs SET fields = ?, field_types = ?, soql = ?, locator = '', job_id = '', "
-          "csv_bytes = 0, rows = 0 WHERE run_id = ? AND seq = ?")
+          "csv_bytes = 0, rows = 0, deleted_rows = 0 WHERE run_id = ? AND seq = ?")
         .bindText(1, jsonList(job.fields))
         .bindText(2, job.fieldTypes.empty() ? "" : jsonList(job.fieldTypes))
         .bindText(3, job.soql)
@@ -1102,6 +1299,7 @@ void BackupRunner::downloadFiles(Context& context) {
       std::lock_guard guard(context.storeLock);
       FileDownload::recordFetch(store.db(), body, fetched, fileTries, context.runId);
     }
+    if (!fetched.stored) ++context.filesFailed;
     if (fetched.stored) {
       ++context.filesDownloaded;
       context.fileBytes += fetched.bytes;
@@ -1154,6 +1352,9 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
   if (gaveUp) {
     result = RunResult::gaveUp;
     message = stopMessage;
+    // Objects that failed before it was given up say so, as in a finished run.
+    if (!refused.empty())
+      message += " Salesforce would not give these objects: " + joined(refused) + ".";
   } else if (stopped) {
     result = RunResult::stopped;
     message = stopMessage;
@@ -1178,12 +1379,16 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       add(fmt::format("{} still to download. They will be fetched by the next backup.",
                       context.filesWaiting));
   }
-  const auto deletions = DeletionReport::of(store, context.runId, context.deletionFailures);
+  if (!context.fullBecause.empty() && !stopped && !gaveUp)
+    message = context.fullBecause + (message.empty() ? "" : " ") + message;
+  const auto deletions =
+      DeletionReport::of(store, context.runId, context.deletionFailures, context.heldBefore);
   if (!stopped && !gaveUp && !deletions.failed.empty())
     message += std::string(message.empty() ? "" : " ") + deletions.failureMessage();
   const std::string finishedAt = IsoTime::formatPlain(now_());
 
   // The run's own files. A failure here loses no record: the CSVs are complete.
+  bool folderWritten = false;
   try {
     reportStep(BackupProgress::Step::writingDeletedList);
     std::string deleted = BackupCSV::line(std::vector<std::string>{"Object", "Id", "DeletedAt", "How"});
@@ -1238,10 +1443,17 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     manifest.files.downloadedThisRun = context.filesDownloaded;
     manifest.files.waiting = context.filesWaiting;
     manifest.files.leftOutThisRun = context.filesGivenUp;
+    manifest.files.failed = context.filesFailed;
+    {
+      auto leftOutFiles = db.prepare(
+          "SELECT COUNT(*) FROM file_versions WHERE skipped = 1 AND downloaded = 0 AND deleted = 0");
+      manifest.files.leftOut = leftOutFiles.step() ? leftOutFiles.columnInt(0) : 0;
+    }
     manifest.objectsLeftOut = leftOut;
     deletions.fill(manifest);
     manifest.write(context.folder);
     ReadMe::write(context.folder);
+    folderWritten = true;
   } catch (const std::exception& error) {
     message += std::string(" Its own summary files could not be written (") + error.what() +
                ") so what is in its folder may be incomplete.";
@@ -1269,6 +1481,33 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       .bindInt(1, deletions.deleted)
       .bindInt(2, context.runId)
       .run();
+  // The next changes run asks from here only when this run's rows are safely
+  // in a folder: a stopped, given-up or unwritten run leaves the watermarks.
+  if ((result == RunResult::complete || result == RunResult::partial) && folderWritten) {
+    db.exec("BEGIN IMMEDIATE");
+    try {
+      auto done = db.prepare(
+          "SELECT object, watermark_field, fields FROM jobs WHERE run_id = ? AND purpose = "
+          "'records' AND state = 'done' ORDER BY seq");
+      done.bindInt(1, context.runId);
+      while (done.step()) {
+        const std::string object = done.columnText(0);
+        const std::string field = done.columnText(1);
+        store.storeWatermark(object, field, field.empty() ? "" : context.serverNow,
+                             listFrom(done.columnView(2)));
+        // Fields refused in this run stay left out of the next run's plan.
+        if (auto refusedHere = context.refusedFields.find(object);
+            refusedHere != context.refusedFields.end())
+          store.recordUnsupported(object, refusedHere->second, refusedFieldReason,
+                                  context.serverNow);
+      }
+      if (context.kind == RunKind::full) store.setSetting(needsFullKey, "");
+      db.exec("COMMIT");
+    } catch (...) {
+      db.exec("ROLLBACK");
+      throw;
+    }
+  }
   // Older copies are tidied once this one is finished; a failure keeps them all.
   RetentionSweep::Outcome tidied;
   if (!stopped) {
@@ -1293,6 +1532,8 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
   last.folder = run ? run->folder : context.folder.filename().string();
   last.files = run ? run->files : context.filesDownloaded;
   last.filesWaiting = context.filesWaiting;
+  last.removedBackups = tidied.removed;
+  last.removedBytes = tidied.bytes;
   try {
     last.write(config_.location);
   } catch (const std::exception&) {

@@ -514,13 +514,19 @@ std::vector<DeletionFinder::Target> DeletionFinder::targetsOf(BackupStore& store
   return targets;
 }
 
-DeletionReport DeletionReport::of(BackupStore& store, std::int64_t run,
-                                  std::vector<DeletionFinder::Failure> failed) {
+DeletionReport DeletionReport::of(
+    BackupStore& store, std::int64_t run, std::vector<DeletionFinder::Failure> failed,
+    const std::optional<std::map<std::string, std::int64_t>>& heldBefore) {
   DeletionReport report;
   const auto deletions = store.deletions(run);
   report.deleted = static_cast<std::int64_t>(deletions.size());
   report.counts = DeletionAlarm::counts(
       deletions, [&store](const std::string& object) { return store.knownCount(object); });
+  if (heldBefore)
+    for (auto& count : report.counts) {
+      const auto held = heldBefore->find(count.object);
+      count.heldBefore = held == heldBefore->end() ? 0 : held->second;
+    }
   report.unusual = DeletionAlarm::unusual(report.counts);
   report.failed = std::move(failed);
   return report;

@@ -23,6 +23,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -181,8 +182,12 @@ struct DeletionReport {
   std::vector<DeletedCount> unusual;  // those a person should look at
   std::vector<DeletionFinder::Failure> failed;
 
+  // heldBefore: live ids per object when the run began (taken before it
+  // copied anything); without it, what is held now and what was found deleted.
   static DeletionReport of(BackupStore& store, std::int64_t run,
-                           std::vector<DeletionFinder::Failure> failed);
+                           std::vector<DeletionFinder::Failure> failed,
+                           const std::optional<std::map<std::string, std::int64_t>>& heldBefore =
+                               std::nullopt);
   // "Deleted records could not be checked for: ..." or empty when none failed.
   std::string failureMessage() const;
   // deletionCount, deletionsByObject and idChecksFailed.

@@ -14,7 +14,7 @@ bool isNotSupported(const std::string& message) {
   return message.find("not supported") != std::string::npos;
 }
 
-std::string headerValue(const ResponseHeaders& headers, std::string_view name) {
+std::optional<std::string> headerValue(const ResponseHeaders& headers, std::string_view name) {
   for (const auto& [key, value] : headers) {
     if (key.size() != name.size()) continue;
     bool same = true;
@@ -24,7 +24,7 @@ std::string headerValue(const ResponseHeaders& headers, std::string_view name) {
     }
     if (same) return value;
   }
-  return {};
+  return std::nullopt;
 }
 
 }  // namespace
@@ -117,16 +117,21 @@ BulkQueryRunner::Page BulkQueryRunner::fetchPage(const Job& job,
   QueryItems query{{"maxRecords", std::to_string(std::max(maxRecords, 1))}};
   if (locator && !locator->empty()) query.emplace_back("locator", *locator);
   std::pair<std::string, ResponseHeaders> reply;
-  try {
-    reply = transport_.getRaw("/jobs/query/" + job.id + "/results", query, "text/csv");
-  } catch (const std::exception& error) {
-    rethrow(error, false);
+  std::optional<std::string> next;
+  for (int attempt = 1; !next; ++attempt) {
+    try {
+      reply = transport_.getRaw("/jobs/query/" + job.id + "/results", query, "text/csv");
+    } catch (const std::exception& error) {
+      rethrow(error, false);
+    }
+    next = headerValue(reply.second, "Sforce-Locator");
+    if (next && next->empty()) next.reset();
+    if (!next && attempt >= 2) throw DownloadError::pageWithoutLocator();
   }
   Page page;
   page.csv = std::move(reply.first);
-  std::string next = headerValue(reply.second, "Sforce-Locator");
-  page.nextLocator = next == "null" ? "" : next;
-  std::string count = headerValue(reply.second, "Sforce-NumberOfRecords");
+  page.nextLocator = *next == "null" ? "" : *next;
+  std::string count = headerValue(reply.second, "Sforce-NumberOfRecords").value_or("");
   if (!count.empty()) {
     try {
       page.records = std::stoll(count);

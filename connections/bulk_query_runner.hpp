@@ -41,7 +41,7 @@ class BulkQueryRunner {
 
   struct Page {
     std::string csv;          // the page as received, header row included
-    std::string nextLocator;  // empty when this was the last page
+    std::string nextLocator;  // empty when this was the last page (Salesforce's "null")
     std::int64_t records = -1;  // from Sforce-NumberOfRecords; -1 when not sent
   };
 
@@ -58,7 +58,9 @@ class BulkQueryRunner {
   std::optional<std::int64_t> waitForJob(const Job& job, const ShouldCancel& shouldCancel);
 
   // One page of results from locator (none for the first). remainingRecords is
-  // what is still to come, for the free-space check made before asking.
+  // what is still to come, for the free-space check made before asking. Only
+  // the locator text "null" ends the results: a page without the Sforce-Locator
+  // header is asked for once more, then it is DownloadError::pageWithoutLocator.
   Page fetchPage(const Job& job, const std::optional<std::string>& locator, int maxRecords,
                  std::int64_t remainingRecords);
 

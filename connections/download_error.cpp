@@ -45,6 +45,20 @@ DownloadError DownloadError::unexpectedColumns() {
                        "stored from this page.");
 }
 
+DownloadError DownloadError::pageWithoutLocator() {
+  return DownloadError(Kind::resultsIncomplete,
+                       "Salesforce sent a page of results twice without saying whether more "
+                       "follow, so this download could not be finished. Nothing after that page "
+                       "was stored; try again later.");
+}
+
+DownloadError DownloadError::rowsNotAsCounted(std::int64_t counted, std::int64_t received) {
+  return DownloadError(Kind::resultsIncomplete,
+                       fmt::format("Salesforce said this download holds {} records but sent {}, "
+                                   "so it is not complete; try again later.",
+                                   counted, received));
+}
+
 DownloadError DownloadError::unreadableReply() {
   return DownloadError(Kind::unreadableReply,
                        "Salesforce returned field details that could not be read.");

@@ -19,6 +19,7 @@ class DownloadError : public UserFacingError {
     jobExpired,          // the job's results are no longer kept
     unexpectedColumns,   // a page's header does not list the asked columns
     unreadableReply,     // a job status or field-details reply could not be read
+    resultsIncomplete,   // the job's results did not come whole
   };
 
   static DownloadError objectNotSupported(const std::string& platformText);
@@ -28,6 +29,10 @@ class DownloadError : public UserFacingError {
   static DownloadError jobExpired();
   static DownloadError unexpectedColumns();
   static DownloadError unreadableReply();
+  // A results page came twice without saying whether more follow.
+  static DownloadError pageWithoutLocator();
+  // The pages held fewer or more rows than the job said it found.
+  static DownloadError rowsNotAsCounted(std::int64_t counted, std::int64_t received);
 
   Kind kind() const { return kind_; }
   const std::string& platformText() const { return platformText_; }

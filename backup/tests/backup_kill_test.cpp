@@ -1,9 +1,13 @@
-// The `corvane` program killed with SIGKILL at random moments of a backup and
-// started again each time: the finished copy is byte for byte the copy of a run
-// never interrupted, and known_ids holds every id once.
+// The `corvane` program killed with SIGKILL at random moments of a backup with
+// files and started again each time: the finished copy is byte for byte the copy
+// of a run never interrupted, known_ids holds every id once, and every document
+// is in Files with its MD5 digest.
 #include <gtest/gtest.h>
 
 #include <signal.h>
+
+#include <fmt/format.h>
+#include <openssl/evp.h>
 
 #include <random>
 #include <thread>
@@ -21,7 +25,8 @@ class BackupKillTest : public BackupRunFixture {
   ProcessRequest backupRun(const std::filesystem::path& root) {
     return ProcessRequest{
         corvane_,
-        {"backup", "run", "sample", "--root", root.string(), "--only", "Account,Contact", "--json"},
+        {"backup", "run", "sample", "--root", root.string(), "--only",
+         "Account,Contact,ContentVersion", "--json"},
         std::nullopt,
         environment_,
         std::chrono::seconds(300),
@@ -74,13 +79,23 @@ TEST_F(BackupKillTest, KilledAtRandomMomentsAndResumedTheCopyMatchesAnUninterrup
                      "c" + std::to_string(i) + "@example.com"});
     writer.commit();
   }
+  {
+    auto writer = store().writer("ContentVersion", {"Title", "PathOnClient", "VersionData",
+                                                    "FileExtension", "FirstPublishLocationId", "IsLatest"});
+    for (int i = 0; i < 30; ++i) {
+      const std::string title = "Document " + std::to_string(i);
+      writer.insert({title, title + ".txt", std::string(2000 + i * 97, static_cast<char>('a' + i % 26)),
+                     "txt", accounts[static_cast<std::size_t>(i)], "true"});
+    }
+    writer.commit();
+  }
 
   const auto whole = ChildProcess::run(backupRun(first_.path()));
   ASSERT_EQ(whole.exitStatus, 0) << whole.standardOutput << whole.standardError;
 
   std::mt19937 random(std::random_device{}());
   int kills = 0;
-  for (int attempt = 0; attempt < 4; ++attempt) {
+  for (int attempt = 0; attempt < 5; ++attempt) {
     RunningProcess running = RunningProcess::start(backupRun(second_.path()));
     std::this_thread::sleep_for(
         std::chrono::milliseconds(std::uniform_int_distribution<int>(50, 1500)(random)));
@@ -123,6 +138,27 @@ TEST_F(BackupKillTest, KilledAtRandomMomentsAndResumedTheCopyMatchesAnUninterrup
     const auto [all, distinct, ids] = count(second_.path());
     EXPECT_EQ(all, distinct) << object;
     EXPECT_TRUE(ids == std::get<2>(count(first_.path()))) << object;
+  }
+  // Every document body is in Files with the digest Salesforce gave for it.
+  auto list = BackupCSV::scan(readFile(resumed / "Files.csv"));
+  const auto column = [&](std::string_view name) {
+    return static_cast<std::size_t>(
+        std::find(list.header.begin(), list.header.end(), name) -
+        list.header.begin());
+  };
+  const auto nameAt = column("NameOnDisk");
+  const auto checksumAt = column("Checksum");
+  const auto downloadedAt = column("Downloaded");
+  ASSERT_EQ(list.records.size(), 30u);
+  for (const auto& record : list.records) {
+    EXPECT_EQ(record.fields[downloadedAt], "true") << record.fields[nameAt];
+    const auto body = readFile(resumed.parent_path() / "Files" / record.fields[nameAt]);
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    EVP_Digest(body.data(), body.size(), digest, &size, EVP_md5(), nullptr);
+    std::string hex;
+    for (unsigned int i = 0; i < size; ++i) hex += fmt::format("{:02x}", digest[i]);
+    EXPECT_EQ(hex, record.fields[checksumAt]) << record.fields[nameAt];
   }
   RecordProperty("kills", kills);
 }

@@ -20,6 +20,7 @@ constexpr KindName kKindNames[] = {
     {FaultRule::Kind::Drop, "drop"},
     {FaultRule::Kind::Delay, "delay"},
     {FaultRule::Kind::InvalidLocator, "invalidLocator"},
+    {FaultRule::Kind::NoLocator, "noLocator"},
     {FaultRule::Kind::FailJob, "failJob"},
     {FaultRule::Kind::LockRow, "UNABLE_TO_LOCK_ROW"},
     {FaultRule::Kind::ExpireSessions, "expireSessions"},
@@ -101,7 +102,7 @@ FaultRule FaultRule::fromJson(const nlohmann::json& json) {
       throw std::invalid_argument(
           "Unknown \"fault\" \"" + fault +
           "\": use a status such as 401, 500 or 503, REQUEST_LIMIT_EXCEEDED, drop, delay, "
-          "invalidLocator, failJob, UNABLE_TO_LOCK_ROW or expireSessions.");
+          "invalidLocator, noLocator, failJob, UNABLE_TO_LOCK_ROW or expireSessions.");
     }
   }
   if (json.contains("status")) rule.status = json["status"].get<int>();

@@ -23,7 +23,8 @@ struct FaultRule {
     RequestLimit,    // 403 REQUEST_LIMIT_EXCEEDED
     Drop,            // send the headers and `afterBytes` of the body, then drop the connection
     Delay,           // wait `delayMs`, then answer normally
-    InvalidLocator,  // Bulk results: the locator is refused
+    InvalidLocator,  // Bulk results or a REST query cursor: the locator is refused
+    NoLocator,       // Bulk results: the page comes without its Sforce-Locator header
     FailJob,         // the next Bulk query job created goes Failed with `message`
     LockRow,         // SOAP merge: UNABLE_TO_LOCK_ROW for the record
     ExpireSessions,  // after every `every` matching requests, every session ends
@@ -43,7 +44,7 @@ struct FaultRule {
 
   nlohmann::json toJson() const;
   // Reads {"path": ..., "method": ..., "fault": "status"|"401"|"500"|"503"|
-  // "REQUEST_LIMIT_EXCEEDED"|"drop"|"delay"|"invalidLocator"|"failJob"|
+  // "REQUEST_LIMIT_EXCEEDED"|"drop"|"delay"|"invalidLocator"|"noLocator"|"failJob"|
   // "UNABLE_TO_LOCK_ROW"|"expireSessions", "count": N, "status": ..., "delayMs": ...,
   // "afterBytes": ..., "every": ..., "message": ...}. Throws std::invalid_argument naming what is wrong.
   static FaultRule fromJson(const nlohmann::json& json);

@@ -915,6 +915,11 @@ struct OrgServer::Impl {
     auto dash = locator.rfind('-');
     std::string id = locator.substr(0, dash);
     std::int64_t offset = dash == std::string::npos ? -1 : std::atoll(locator.c_str() + dash + 1);
+    // A cursor Salesforce let expire (15 minutes idle, or one too many open).
+    if (Faults::take(store, "GET", ex.path, {FaultRule::Kind::InvalidLocator})) {
+      ex.faultName = "invalidLocator";
+      return sendError(ex, 400, "INVALID_QUERY_LOCATOR", "invalid query locator");
+    }
     Cursor cursor;
     {
       std::lock_guard lock(cursorMutex);
@@ -1334,7 +1339,11 @@ struct OrgServer::Impl {
       ::close(*f);
       delete f;
     });
-    ex.res.set_header("Sforce-Locator", page.nextLocator);
+    // A proxy on the way may drop the header; the page itself is whole.
+    if (Faults::take(store, method, ex.path, {FaultRule::Kind::NoLocator}))
+      ex.faultName = "noLocator";
+    else
+      ex.res.set_header("Sforce-Locator", page.nextLocator);
     ex.res.set_header("Sforce-NumberOfRecords", std::to_string(page.rows));
     std::size_t header = page.headerBytes;
     std::size_t total = header + (page.end - page.begin);
