@@ -1027,10 +1027,9 @@ bool BackupRunner::dropRefusedField(Context& context, JobRow& job, const std::st
 }
 
 void BackupRunner::downloadFiles(Context& context) {
-  if (!config_.downloadFileBodies) return;
-  reportStep(BackupProgress::Step::measuringFiles);
   const auto& location = config_.location;
   auto& store = *context.store;
+  if (config_.downloadFileBodies) reportStep(BackupProgress::Step::measuringFiles);
 
   // What this run's copies say about bodies: new documents, new versions,
   // attachments whose body changed.
@@ -1054,12 +1053,25 @@ void BackupRunner::downloadFiles(Context& context) {
     }
   }
 
+  // A run without a file step still records what it listed: those bodies are
+  // owed, and the next run with a file step fetches them whatever changed since.
+  if (!config_.downloadFileBodies) {
+    std::lock_guard guard(context.storeLock);
+    context.filesWaiting = static_cast<std::int64_t>(
+        FileDownload::pending(store.db(), config_.latestFileVersionsOnly).size());
+    return;
+  }
+
   std::vector<FileDownload::Pending> pending;
   {
     std::lock_guard guard(context.storeLock);
+    FileDownload::forgetMissingBodies(store.db(), location.filesFolder());
+    // A full run tries again what earlier runs gave up on.
+    if (context.kind == RunKind::full) FileDownload::retryGivenUp(store.db(), context.runId);
     pending = FileDownload::pending(store.db(), config_.latestFileVersionsOnly);
   }
   std::int64_t done = 0;
+  int lostInARow = 0;
   for (const auto& body : pending) {
     if (stopRequested()) throw StopRun(stoppedMessage);
     if (context.allowance->isLow()) {
@@ -1097,17 +1109,28 @@ void BackupRunner::downloadFiles(Context& context) {
         break;
       }
       fetched.failure = failure.message.empty() ? std::string(error.what()) : failure.message;
+      // Only Salesforce's lasting answer about the body counts against it; a
+      // transfer lost on the way (no answer, a time-out, a 5xx) is tried again later.
+      if (failure.httpStatus == 404 || failure.httpStatus == 403)
+        fetched.kind = FileDownload::Fetched::Failure::final;
+      else if (failure.httpStatus == 0 || failure.httpStatus >= 500 ||
+               failure.httpStatus == 408 || failure.httpStatus == 429)
+        fetched.kind = FileDownload::Fetched::Failure::onTheWay;
     }
+    bool givenUp = false;
     {
       std::lock_guard guard(context.storeLock);
-      FileDownload::recordFetch(store.db(), body, fetched, fileTries, context.runId);
+      givenUp = FileDownload::recordFetch(store.db(), body, fetched, fileTries, context.runId);
     }
     if (fetched.stored) {
       ++context.filesDownloaded;
       context.fileBytes += fetched.bytes;
-    } else if (body.attempts + 1 >= fileTries) {
+    } else if (givenUp) {
       ++context.filesGivenUp;
     }
+    // Several transfers lost in a row: the connection is gone, leave the rest.
+    lostInARow = fetched.kind == FileDownload::Fetched::Failure::onTheWay ? lostInARow + 1 : 0;
+    if (lostInARow >= 3) break;
   }
   std::lock_guard guard(context.storeLock);
   context.filesWaiting =
@@ -1238,6 +1261,9 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     manifest.files.downloadedThisRun = context.filesDownloaded;
     manifest.files.waiting = context.filesWaiting;
     manifest.files.leftOutThisRun = context.filesGivenUp;
+    for (auto& given : FileDownload::givenUp(db))
+      manifest.files.failed.push_back(
+          {std::move(given.id), std::move(given.nameOnDisk), std::move(given.reason)});
     manifest.objectsLeftOut = leftOut;
     deletions.fill(manifest);
     manifest.write(context.folder);

@@ -146,6 +146,84 @@ TEST_F(BackupFilesTest, FilesWaitWhenAskedOrWhenTheAllowanceRunsLow) {
   EXPECT_EQ(filesOnDisk(second_.path()).size(), 4u);
 }
 
+TEST_F(BackupFilesTest, DocumentsOfARunWithoutFilesAreOwedAndFetchedByTheNextRunWithFiles) {
+  downloadFiles_ = false;
+  auto without = run(first_.path(), RunKind::full);
+  ASSERT_EQ(without.result, RunResult::complete) << without.message;
+  EXPECT_EQ(without.filesWaiting, 4);
+  auto owed = Manifest::read(without.folder);
+  ASSERT_TRUE(owed);
+  EXPECT_EQ(owed->files.waiting, 4);
+
+  // Nothing changed in the org: the changes run still fetches every owed body.
+  downloadFiles_ = true;
+  auto with = run(first_.path(), RunKind::changes);
+  ASSERT_EQ(with.result, RunResult::complete) << with.message;
+  EXPECT_EQ(with.filesDownloaded, 4);
+  EXPECT_EQ(with.filesWaiting, 0);
+  EXPECT_EQ(filesOnDisk(first_.path()).size(), 4u);
+
+  // A body that went missing from Files is the Files folder's lack too.
+  const auto files = filesOnDisk(first_.path());
+  std::filesystem::remove(config(first_.path()).location.filesFolder() / files.begin()->first);
+  auto again = run(first_.path(), RunKind::changes);
+  EXPECT_EQ(again.filesDownloaded, 1);
+  EXPECT_EQ(filesOnDisk(first_.path()), files);
+}
+
+TEST_F(BackupFilesTest, ADownloadLostOnTheWayIsNeverATryAndIsFetchedLater) {
+  const std::string body = "*/sobjects/ContentVersion/" + versions_[0] + "/VersionData";
+  // Three runs in a row lose the body: cut off mid-way, reset, then a 503.
+  fault({{"path", body}, {"fault", "drop"}, {"afterBytes", 10}, {"count", 1}});
+  auto first = run(first_.path(), RunKind::full);
+  ASSERT_EQ(first.result, RunResult::complete) << first.message;
+  EXPECT_EQ(first.filesDownloaded, 3);
+  EXPECT_EQ(first.filesWaiting, 1);
+  fault({{"path", body}, {"fault", "drop"}, {"afterBytes", 0}, {"count", 1}});
+  run(first_.path(), RunKind::changes);
+  fault({{"path", body}, {"fault", 503}, {"count", 1}});
+  auto third = run(first_.path(), RunKind::changes);
+  EXPECT_EQ(third.filesWaiting, 1);
+  EXPECT_EQ(third.message.find("could not be downloaded"), std::string::npos) << third.message;
+  {
+    BackupStore backup(config(first_.path()).location);
+    for (const auto& version : backup.fileVersions())
+      if (version.id == versions_[0]) {
+        EXPECT_FALSE(version.skipped);
+        EXPECT_EQ(version.attempts, 0);
+      }
+  }
+  auto fourth = run(first_.path(), RunKind::changes);
+  EXPECT_EQ(fourth.filesDownloaded, 1);
+  EXPECT_EQ(fourth.filesWaiting, 0);
+  EXPECT_EQ(filesOnDisk(first_.path()).size(), 4u);
+}
+
+TEST_F(BackupFilesTest, ABodySalesforceSaysIsGoneIsGivenUpListedAndTriedByTheNextFullRun) {
+  fault({{"path", "*/sobjects/ContentVersion/" + versions_[1] + "/VersionData"},
+         {"fault", 404},
+         {"count", 1}});
+  auto first = run(first_.path(), RunKind::full);
+  EXPECT_EQ(first.filesDownloaded, 3);
+  EXPECT_EQ(first.filesWaiting, 0);
+  EXPECT_NE(first.message.find("1 could not be downloaded after"), std::string::npos)
+      << first.message;
+  auto manifest = nlohmann::json::parse(readFile(first.folder / "manifest.json"));
+  const auto& failed = manifest.at("files").at("failed");
+  ASSERT_TRUE(failed.is_array()) << failed;
+  ASSERT_EQ(failed.size(), 1u);
+  EXPECT_EQ(failed[0].at("id"), versions_[1]);
+  EXPECT_EQ(failed[0].at("reason"), "The requested resource does not exist");
+
+  // A changes run leaves it given up; the next full run tries it again.
+  EXPECT_EQ(run(first_.path(), RunKind::changes).filesDownloaded, 0);
+  auto full = run(first_.path(), RunKind::full);
+  EXPECT_EQ(full.filesDownloaded, 1);
+  EXPECT_EQ(filesOnDisk(first_.path()).size(), 4u);
+  auto after = nlohmann::json::parse(readFile(full.folder / "manifest.json"));
+  EXPECT_TRUE(after.at("files").at("failed").empty());
+}
+
 TEST(FileDownload, ChangedAttachmentBodyGetsANewNameAndTheEarlierOneIsRemembered) {
   TemporaryFolder folder;
   BackupStore store(BackupLocation{folder.path(), "00D", "a@b.c"});

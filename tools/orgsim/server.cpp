@@ -380,6 +380,14 @@ struct OrgServer::Impl {
         code = "INVALID_SESSION_ID";
         message = "Session expired or invalid";
         break;
+      case 403:
+        code = "INSUFFICIENT_ACCESS";
+        message = "insufficient access rights on object id";
+        break;
+      case 404:
+        code = "NOT_FOUND";
+        message = "The requested resource does not exist";
+        break;
       case 503:
         code = "SERVER_UNAVAILABLE";
         message = "Server is unavailable. Please try again later.";
