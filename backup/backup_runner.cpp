@@ -445,7 +445,10 @@ void BackupRunner::plan(Context& context) {
     std::optional<SystemTime> since;
     std::set<std::string> unsupported;
     if (auto state = store.objectState(name)) {
-      unsupported.insert(state->unsupportedFields.begin(), state->unsupportedFields.end());
+      // A full run asks again for fields refused before: it copies the whole
+      // object anyway, and Salesforce may read them now.
+      if (context.kind != RunKind::full)
+        unsupported.insert(state->unsupportedFields.begin(), state->unsupportedFields.end());
       if (context.kind == RunKind::changes && !state->needsFull && !state->watermark.empty())
         since = ServerTime::parse(state->watermark);
     }
@@ -946,13 +949,18 @@ void BackupRunner::commitPage(Context& context, JobRow& job, CommittedFile& file
         }
       }
       if (done) {
+        // Fields refused in this run or earlier, and still left out, stay left
+        // out of the next run's plan; forgetting them would make the next plan
+        // differ from this copy's fields and so copy the object whole again.
+        std::vector<std::string> leftOut = context.refusedFields[job.object];
+        if (auto earlier = store.objectState(job.object))
+          for (const auto& field : earlier->unsupportedFields)
+            if (columnOf(job.fields, field) < 0 && columnOf(leftOut, field) < 0)
+              leftOut.push_back(field);
         store.storeWatermark(job.object, job.watermarkField,
                              job.watermarkField.empty() ? "" : context.serverNow, job.fields);
-        // Fields refused in this run stay left out of the next run's plan.
-        if (auto refused = context.refusedFields.find(job.object);
-            refused != context.refusedFields.end())
-          store.recordUnsupported(job.object, refused->second, refusedFieldReason,
-                                  context.serverNow);
+        if (!leftOut.empty())
+          store.recordUnsupported(job.object, leftOut, refusedFieldReason, context.serverNow);
       }
       db.exec("COMMIT");
     } catch (...) {
@@ -1200,6 +1208,14 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     if (context.filesWaiting > 0 && context.filesMessage.empty())
       add(fmt::format("{} still to download. They will be fetched by the next backup.",
                       context.filesWaiting));
+    std::vector<std::string> fieldsLeftOut;
+    for (const auto& object : copied)
+      if (auto state = store.objectState(object))
+        for (const auto& field : state->unsupportedFields)
+          fieldsLeftOut.push_back(object + "." + field);
+    if (!fieldsLeftOut.empty())
+      add("Left out because Salesforce refused them in a query: " + joined(fieldsLeftOut) +
+          ". Everything else of these objects was copied.");
   }
   const auto deletions = DeletionReport::of(store, context.runId, context.deletionFailures);
   if (!stopped && !gaveUp && !deletions.failed.empty())

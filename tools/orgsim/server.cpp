@@ -766,6 +766,7 @@ struct OrgServer::Impl {
     OrgRecords::purgeExpired(store);
     auto compiled = QueryEngine::compile(soql, all ? QueryScope::All : QueryScope::Live,
                                          QueryApi::Rest, store.now());
+    QueryEngine::refuseFields(*compiled, store.setting("queryRefusedFields").value_or(""));
     if (ex.req.get_param_value("columns") == "true") return columnMetadata(ex, *compiled);
     auto lease = store.read();
     if (compiled->isCountAll()) {
@@ -1572,6 +1573,12 @@ void OrgServer::Impl::admin(Exchange& ex) {
       static const char* keys[] = {"bulkDelayMs", "dailyApiMax", "dailyApiUsedOffset"};
       if (method == "POST") {
         for (const auto& [key, value] : body.items()) {
+          // Fields the describe lists but a query refuses: "Account.Industry,...".
+          if (key == "queryRefusedFields") {
+            if (!value.is_string()) return bad("\"" + key + "\" must be text.");
+            store.setSetting(key, value.get<std::string>());
+            continue;
+          }
           if (std::find(std::begin(keys), std::end(keys), key) == std::end(keys)) {
             return bad("Unknown setting \"" + key + "\".");
           }
@@ -1584,6 +1591,7 @@ void OrgServer::Impl::admin(Exchange& ex) {
       json["dailyApiMax"] = dailyApiMax();
       json["dailyApiUsedOffset"] = std::stoll(store.setting("dailyApiUsedOffset").value_or("0"));
       json["dailyApiUsed"] = apiRequestsUsed();
+      json["queryRefusedFields"] = store.setting("queryRefusedFields").value_or("");
       return sendJson(ex, 200, json.dump());
     }
   } catch (const UnknownUser& error) {
