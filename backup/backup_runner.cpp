@@ -316,13 +316,14 @@ RunSummary BackupRunner::run(RunKind kind) {
     }
   } else {
     const auto started = now_();
-    std::string name = IsoTime::folderStamp(started);
+    // Named on the user's clock; the database keeps the start in UTC.
+    std::string name = IsoTime::localFolderStamp(started);
     std::set<std::string> used;
     for (const auto& earlier : runs) used.insert(earlier.folder);
     for (int n = 2; used.count(name) != 0 ||
                     std::filesystem::exists(config_.location.folder() / BackupLocation::safeName(name));
          ++n)
-      name = IsoTime::folderStamp(started) + " " + std::to_string(n);
+      name = IsoTime::localFolderStamp(started) + " " + std::to_string(n);
     context.kind = kind;
     context.startedAt = IsoTime::formatPlain(started);
     context.runId = store.insertRun(name, kind, context.startedAt);
