@@ -1244,22 +1244,30 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     Durable::replace(context.folder / "Files.csv", files);
 
     reportStep(BackupProgress::Step::writingLinks);
-    std::string links =
-        BackupCSV::line(std::vector<std::string>{"ContentDocumentId", "LinkedEntityId"});
+    // Each document's record, by id, object and name, so that every document
+    // of a record can be found.
+    std::string links = BackupCSV::line(std::vector<std::string>{
+        "ContentDocumentId", "LinkedEntityId", "LinkedObject", "LinkedRecordName"});
     if (auto data = Durable::readWhole(context.folder / csvName("ContentDocumentLink"))) {
       int documentAt = -1;
       int entityAt = -1;
+      int typeAt = -1;
+      int nameAt = -1;
       BackupCSV::scan(
           *data,
           [&](const BackupCSV::Record& header) {
             documentAt = columnOf(header.fields, "ContentDocumentId");
             entityAt = columnOf(header.fields, "LinkedEntityId");
+            typeAt = columnOf(header.fields, "LinkedEntity.Type");
+            nameAt = columnOf(header.fields, "LinkedEntity.Name");
           },
           [&](const BackupCSV::Record& record) {
             if (documentAt < 0 || entityAt < 0) return false;
-            const auto size = record.fields.size();
-            if (static_cast<std::size_t>(std::max(documentAt, entityAt)) < size)
-              BackupCSV::appendLine(links, {record.fields[documentAt], record.fields[entityAt]});
+            const auto size = static_cast<int>(record.fields.size());
+            auto field = [&](int at) { return at >= 0 && at < size ? record.fields[at] : ""; };
+            if (std::max(documentAt, entityAt) < size)
+              BackupCSV::appendLine(links, {record.fields[documentAt], record.fields[entityAt],
+                                            field(typeAt), field(nameAt)});
             return true;
           });
     }

@@ -17,7 +17,8 @@ class BackupFilesTest : public BackupRunFixture {
     BackupRunFixture::SetUp();
     only_ = {"Account", "Attachment", "ContentVersion"};
     restThreshold_ = 1000;
-    const auto accounts = orgsim::testing::addAccounts(store(), 3);
+    accounts_ = orgsim::testing::addAccounts(store(), 3);
+    const auto& accounts = accounts_;
     {
       auto writer =
           store().writer("ContentVersion", {"Title", "PathOnClient", "VersionData", "FileExtension",
@@ -47,6 +48,7 @@ class BackupFilesTest : public BackupRunFixture {
       {"Quarterly report", std::string("%PDF-1.4 quarterly\n\x00\x01\x02 binary", 30)},
       {"../../etc/passwd", "root:x:0:0:root:/root:/bin/bash\n"},
       {"Re\xCC\x81sume\xCC\x81 \xE2\x80\x94 2024", "r\xC3\xA9sum\xC3\xA9 body"}};
+  std::vector<std::string> accounts_;
   std::vector<std::string> versions_;
   std::string attachment_;
 };
@@ -222,6 +224,45 @@ TEST_F(BackupFilesTest, ABodySalesforceSaysIsGoneIsGivenUpListedAndTriedByTheNex
   EXPECT_EQ(filesOnDisk(first_.path()).size(), 4u);
   auto after = nlohmann::json::parse(readFile(full.folder / "manifest.json"));
   EXPECT_TRUE(after.at("files").at("failed").empty());
+}
+
+TEST_F(BackupFilesTest, FileLinksNameTheLinkedRecordAndItsObject) {
+  std::string document;
+  {
+    auto writer = store().writer("ContentDocument", {"Title"});
+    document = writer.insert({"Board minutes"});
+    writer.commit();
+  }
+  {
+    auto writer = store().writer("ContentVersion", {"Title", "PathOnClient", "VersionData",
+                                                    "FileExtension", "ContentDocumentId"});
+    writer.insert({"Board minutes", "minutes.txt", "minutes", "txt", document});
+    writer.commit();
+  }
+  {
+    auto writer = store().writer("ContentDocumentLink", {"LinkedEntityId", "ContentDocumentId"});
+    writer.insert({accounts_[2], document});
+    writer.insert({store().identity().adminUserId, document});
+    writer.commit();
+  }
+  only_.push_back("ContentDocumentLink");
+  auto summary = run(first_.path(), RunKind::full);
+  ASSERT_EQ(summary.result, RunResult::complete) << summary.message;
+
+  auto links = BackupCSV::scan(readFile(summary.folder / "FileLinks.csv"));
+  EXPECT_EQ(links.header, (std::vector<std::string>{"ContentDocumentId", "LinkedEntityId",
+                                                     "LinkedObject", "LinkedRecordName"}));
+  std::set<std::vector<std::string>> rows;
+  for (const auto& record : links.records) rows.insert(record.fields);
+  EXPECT_EQ(rows.size(), 2u);
+  EXPECT_TRUE(rows.count({document, accounts_[2], "Account", "Account 0002"}))
+      << readFile(summary.folder / "FileLinks.csv");
+  const auto user = std::find_if(rows.begin(), rows.end(), [&](const auto& row) {
+    return row[1] == store().identity().adminUserId;
+  });
+  ASSERT_NE(user, rows.end());
+  EXPECT_EQ((*user)[2], "User");
+  EXPECT_FALSE((*user)[3].empty());
 }
 
 TEST(FileDownload, ChangedAttachmentBodyGetsANewNameAndTheEarlierOneIsRemembered) {
