@@ -163,7 +163,7 @@ TEST_F(BackupFilesTest, DocumentsOfARunWithoutFilesAreOwedAndFetchedByTheNextRun
   ASSERT_EQ(with.result, RunResult::complete) << with.message;
   EXPECT_EQ(with.filesDownloaded, 4);
   EXPECT_EQ(with.filesWaiting, 0);
-  EXPECT_EQ(filesOnDisk(first_.path()).size(), 4u);
+  ASSERT_EQ(filesOnDisk(first_.path()).size(), 4u);
 
   // A body that went missing from Files is the Files folder's lack too.
   const auto files = filesOnDisk(first_.path());
