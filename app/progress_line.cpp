@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cmath>
 
 namespace corvane {
@@ -48,6 +49,13 @@ std::optional<std::string> ProgressLine::accept(const BackupProgress& progress, 
   using Step = BackupProgress::Step;
   latest_ = progress;
   pace_.update(progress, at);
+  const auto& seen = progress.totals;
+  totals_.records = std::max(totals_.records, seen.records);
+  totals_.files = std::max(totals_.files, seen.files);
+  totals_.bytes = std::max(totals_.bytes, seen.bytes);
+  totals_.objectsDone = std::max(totals_.objectsDone, seen.objectsDone);
+  totals_.objectsTotal = std::max(totals_.objectsTotal, seen.objectsTotal);
+  totals_.recordsExpected = std::max(totals_.recordsExpected, seen.recordsExpected);
 
   BackupPace::Phase phase = BackupPace::Phase::none;
   double work = 0;
@@ -86,7 +94,7 @@ std::optional<double> ProgressLine::rate() const {
 }
 
 std::string ProgressLine::text() const {
-  const auto& totals = latest_.totals;
+  const auto& totals = totals_;
   std::string line;
   auto add = [&line](const std::string& part) {
     if (part.empty()) return;
@@ -97,12 +105,15 @@ std::string ProgressLine::text() const {
   add(totals.records == 1 ? "1 row" : grouped(totals.records) + " rows");
   if (totals.files > 0 || phase_ == BackupPace::Phase::files)
     add(totals.files == 1 ? "1 document" : grouped(totals.files) + " documents");
-  if (auto perSecond = rate()) {
+  using Step = BackupProgress::Step;
+  const bool working = latest_.step == Step::downloadingRecords ||
+                       latest_.step == Step::objectFinished || latest_.step == Step::downloadingFiles;
+  if (auto perSecond = working ? rate() : std::nullopt) {
     const auto rounded = static_cast<std::int64_t>(std::llround(*perSecond));
     add(phase_ == BackupPace::Phase::files ? grouped(rounded) + " documents/s"
                                            : grouped(rounded) + " rows/s");
   }
-  add(pace_.text());
+  if (working) add(pace_.text());
   add(progressText(latest_));
   return line;
 }

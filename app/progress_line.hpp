@@ -45,6 +45,9 @@ class ProgressLine {
   bool terminal_;
   int width_;
   BackupProgress latest_;
+  // The largest totals seen: steps that carry none (writing the lists) keep
+  // showing what the run has done.
+  BackupProgress::Totals totals_;
   BackupPace pace_;
   std::deque<std::pair<double, double>> samples_;  // (at, work) in the current phase
   BackupPace::Phase phase_ = BackupPace::Phase::none;

@@ -33,6 +33,10 @@ TEST(ProgressLine, OnATerminalRedrawsOneLineWithCountsRateAndTimeLeft) {
             "Account (1 of 12): 45210 records")
       << *later;
   EXPECT_EQ(line.finish(), "\n");
+
+  // A step that carries no totals still shows what the run has done.
+  line.accept(BackupProgress::simple(BackupProgress::Step::writingFileList), 11);
+  EXPECT_EQ(line.text(), "3/12 objects · 45,210 rows · Writing the list of files…");
 }
 
 TEST(ProgressLine, OffATerminalWritesAtMostOneLineEveryFiveSeconds) {
