@@ -177,7 +177,8 @@ struct BackupRunner::Context {
   // The file step's outcome, for the summary (written by the run's own thread only).
   std::int64_t filesDownloaded = 0;
   std::int64_t filesWaiting = 0;
-  std::int64_t filesGivenUp = 0;
+  std::int64_t filesGivenUp = 0;   // after fileTries refusals
+  std::int64_t filesRefused = 0;   // at once: Salesforce says the body is gone or not allowed
   std::int64_t fileBytes = 0;
   std::string filesMessage;
 
@@ -1135,7 +1136,8 @@ void BackupRunner::downloadFiles(Context& context) {
       ++context.filesDownloaded;
       context.fileBytes += fetched.bytes;
     } else if (givenUp) {
-      ++context.filesGivenUp;
+      ++(fetched.kind == FileDownload::Fetched::Failure::final ? context.filesRefused
+                                                                : context.filesGivenUp);
     }
     // Several transfers lost in a row: the connection is gone, leave the rest.
     lostInARow = fetched.kind == FileDownload::Fetched::Failure::onTheWay ? lostInARow + 1 : 0;
@@ -1206,6 +1208,11 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       add(fmt::format("{} could not be downloaded after {} tries and were left out. The next "
                       "full backup tries again. Files.csv says which.",
                       context.filesGivenUp, fileTries));
+    if (context.filesRefused > 0)
+      add(fmt::format("{} could not be downloaded because Salesforce says they are gone or not "
+                      "for this login, and were left out. The next full backup tries again. "
+                      "Files.csv says which.",
+                      context.filesRefused));
     if (context.filesWaiting > 0 && context.filesMessage.empty())
       add(fmt::format("{} still to download. They will be fetched by the next backup.",
                       context.filesWaiting));
@@ -1285,7 +1292,7 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     manifest.files.salesforceTimeAtStart = context.serverNow;
     manifest.files.downloadedThisRun = context.filesDownloaded;
     manifest.files.waiting = context.filesWaiting;
-    manifest.files.leftOutThisRun = context.filesGivenUp;
+    manifest.files.leftOutThisRun = context.filesGivenUp + context.filesRefused;
     for (auto& given : FileDownload::givenUp(db))
       manifest.files.failed.push_back(
           {std::move(given.id), std::move(given.nameOnDisk), std::move(given.reason)});

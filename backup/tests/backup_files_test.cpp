@@ -208,8 +208,12 @@ TEST_F(BackupFilesTest, ABodySalesforceSaysIsGoneIsGivenUpListedAndTriedByTheNex
   auto first = run(first_.path(), RunKind::full);
   EXPECT_EQ(first.filesDownloaded, 3);
   EXPECT_EQ(first.filesWaiting, 0);
-  EXPECT_NE(first.message.find("1 could not be downloaded after"), std::string::npos)
+  EXPECT_NE(first.message.find("1 could not be downloaded because Salesforce says they are gone "
+                               "or not for this login, and were left out. The next full backup "
+                               "tries again. Files.csv says which."),
+            std::string::npos)
       << first.message;
+  EXPECT_EQ(first.message.find("after 3 tries"), std::string::npos) << first.message;
   auto manifest = nlohmann::json::parse(readFile(first.folder / "manifest.json"));
   const auto& failed = manifest.at("files").at("failed");
   ASSERT_TRUE(failed.is_array()) << failed;
