@@ -4,14 +4,17 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <map>
+#include <mutex>
 #include <set>
 
+#include "app/progress_line.hpp"
 #include "backup/backup_error.hpp"
 #include "backup/backup_runner.hpp"
 #include "backup/last_run.hpp"
@@ -414,29 +417,27 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       config.downloadFileBodies = !runArguments->noFiles;
       if (!runArguments->only.empty()) config.options.onlyObjects = runArguments->only;
       const bool terminal = ::isatty(STDERR_FILENO) != 0;
-      BackupPace pace;
+      winsize size{};
+      const int width = terminal && ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+      ProgressLine progressLine(terminal, width);
+      std::mutex progressMutex;  // guards progressLine: progress comes from the copying threads
       auto started = std::chrono::steady_clock::now();
       auto report = [&](const BackupProgress& progress) {
+        if (runArguments->json) return;
         const double at =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-        pace.update(progress, at);
-        std::string line = progressText(progress);
-        if (!pace.text().empty() && (progress.step == BackupProgress::Step::downloadingRecords ||
-                                     progress.step == BackupProgress::Step::downloadingFiles))
-          line += " (" + pace.text() + ")";
-        if (runArguments->json) return;
-        // One line that keeps being redrawn on a terminal; plain lines otherwise.
-        if (terminal)
-          std::fprintf(stderr, "\r\033[K%s", line.c_str());
-        else
-          std::fprintf(stderr, "%s\n", line.c_str());
+        std::lock_guard guard(progressMutex);
+        if (auto bytes = progressLine.accept(progress, at)) {
+          std::fputs(bytes->c_str(), stderr);
+          std::fflush(stderr);
+        }
       };
       auto runner = makeRunner(transport, config, report);
       StopOnInterrupt interrupt;
       runner->setShouldStop([] { return stopRequested.load(); });
       auto summary = runner->run(runArguments->kind == "changes" ? RunKind::changes
                                                                  : RunKind::full);
-      if (terminal && !runArguments->json) std::fprintf(stderr, "\n");
+      std::fputs(progressLine.finish().c_str(), stderr);
       context.out << (runArguments->json ? summary.json() : summary.text());
       context.out.flush();
       if (!summary.succeeded())

@@ -251,10 +251,10 @@ struct BackupRunner::Context {
   // The file step's outcome, for the summary (written by the run's own thread only).
   std::int64_t filesDownloaded = 0;
   std::int64_t filesWaiting = 0;
-  std::int64_t filesGivenUp = 0;
+  std::int64_t filesGivenUp = 0;   // after fileTries refusals
+  std::int64_t filesRefused = 0;   // at once: Salesforce says the body is gone or not allowed
   std::int64_t fileBytes = 0;
   std::string filesMessage;
-  std::int64_t filesFailed = 0;  // tries of this run that did not bring a body
   // Why this run copies everything although changes were asked for, or "".
   std::string fullBecause;
   // Live ids held per object when the run began.
@@ -408,13 +408,14 @@ RunSummary BackupRunner::run(RunKind kind) {
     const bool forced = kind == RunKind::changes && !needsFull.empty();
     if (forced) kind = RunKind::full;
     const auto started = now_();
-    std::string name = IsoTime::folderStamp(started);
+    // Named on the user's clock; the database keeps the start in UTC.
+    std::string name = IsoTime::localFolderStamp(started);
     std::set<std::string> used;
     for (const auto& earlier : runs) used.insert(earlier.folder);
     for (int n = 2; used.count(name) != 0 ||
                     std::filesystem::exists(config_.location.folder() / BackupLocation::safeName(name));
          ++n)
-      name = IsoTime::folderStamp(started) + " " + std::to_string(n);
+      name = IsoTime::localFolderStamp(started) + " " + std::to_string(n);
     context.kind = kind;
     context.startedAt = IsoTime::formatPlain(started);
     context.runId = store.insertRun(name, kind, context.startedAt);
@@ -569,7 +570,10 @@ void BackupRunner::plan(Context& context) {
     std::optional<SystemTime> since;
     std::set<std::string> unsupported;
     if (auto state = store.objectState(name)) {
-      unsupported.insert(state->unsupportedFields.begin(), state->unsupportedFields.end());
+      // A full run asks again for fields refused before: it copies the whole
+      // object anyway, and Salesforce may read them now.
+      if (context.kind != RunKind::full)
+        unsupported.insert(state->unsupportedFields.begin(), state->unsupportedFields.end());
       if (context.kind == RunKind::changes && !state->needsFull && !state->watermark.empty())
         since = ServerTime::parse(state->watermark);
     }
@@ -1224,10 +1228,9 @@ bool BackupRunner::dropRefusedField(Context& context, JobRow& job, const std::st
 }
 
 void BackupRunner::downloadFiles(Context& context) {
-  if (!config_.downloadFileBodies) return;
-  reportStep(BackupProgress::Step::measuringFiles);
   const auto& location = config_.location;
   auto& store = *context.store;
+  if (config_.downloadFileBodies) reportStep(BackupProgress::Step::measuringFiles);
 
   // What this run's copies say about bodies: new documents, new versions,
   // attachments whose body changed.
@@ -1251,12 +1254,25 @@ void BackupRunner::downloadFiles(Context& context) {
     }
   }
 
+  // A run without a file step still records what it listed: those bodies are
+  // owed, and the next run with a file step fetches them whatever changed since.
+  if (!config_.downloadFileBodies) {
+    std::lock_guard guard(context.storeLock);
+    context.filesWaiting = static_cast<std::int64_t>(
+        FileDownload::pending(store.db(), config_.latestFileVersionsOnly).size());
+    return;
+  }
+
   std::vector<FileDownload::Pending> pending;
   {
     std::lock_guard guard(context.storeLock);
+    FileDownload::forgetMissingBodies(store.db(), location.filesFolder());
+    // A full run tries again what earlier runs gave up on.
+    if (context.kind == RunKind::full) FileDownload::retryGivenUp(store.db(), context.runId);
     pending = FileDownload::pending(store.db(), config_.latestFileVersionsOnly);
   }
   std::int64_t done = 0;
+  int lostInARow = 0;
   for (const auto& body : pending) {
     if (stopRequested()) throw StopRun(stoppedMessage);
     if (context.allowance->isLow()) {
@@ -1294,18 +1310,29 @@ void BackupRunner::downloadFiles(Context& context) {
         break;
       }
       fetched.failure = failure.message.empty() ? std::string(error.what()) : failure.message;
+      // Only Salesforce's lasting answer about the body counts against it; a
+      // transfer lost on the way (no answer, a time-out, a 5xx) is tried again later.
+      if (failure.httpStatus == 404 || failure.httpStatus == 403)
+        fetched.kind = FileDownload::Fetched::Failure::final;
+      else if (failure.httpStatus == 0 || failure.httpStatus >= 500 ||
+               failure.httpStatus == 408 || failure.httpStatus == 429)
+        fetched.kind = FileDownload::Fetched::Failure::onTheWay;
     }
+    bool givenUp = false;
     {
       std::lock_guard guard(context.storeLock);
-      FileDownload::recordFetch(store.db(), body, fetched, fileTries, context.runId);
+      givenUp = FileDownload::recordFetch(store.db(), body, fetched, fileTries, context.runId);
     }
-    if (!fetched.stored) ++context.filesFailed;
     if (fetched.stored) {
       ++context.filesDownloaded;
       context.fileBytes += fetched.bytes;
-    } else if (body.attempts + 1 >= fileTries) {
-      ++context.filesGivenUp;
+    } else if (givenUp) {
+      ++(fetched.kind == FileDownload::Fetched::Failure::final ? context.filesRefused
+                                                                : context.filesGivenUp);
     }
+    // Several transfers lost in a row: the connection is gone, leave the rest.
+    lostInARow = fetched.kind == FileDownload::Fetched::Failure::onTheWay ? lostInARow + 1 : 0;
+    if (lostInARow >= 3) break;
   }
   std::lock_guard guard(context.storeLock);
   context.filesWaiting =
@@ -1375,9 +1402,22 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       add(fmt::format("{} could not be downloaded after {} tries and were left out. The next "
                       "full backup tries again. Files.csv says which.",
                       context.filesGivenUp, fileTries));
+    if (context.filesRefused > 0)
+      add(fmt::format("{} could not be downloaded because Salesforce says they are gone or not "
+                      "for this login, and were left out. The next full backup tries again. "
+                      "Files.csv says which.",
+                      context.filesRefused));
     if (context.filesWaiting > 0 && context.filesMessage.empty())
       add(fmt::format("{} still to download. They will be fetched by the next backup.",
                       context.filesWaiting));
+    std::vector<std::string> fieldsLeftOut;
+    for (const auto& object : copied)
+      if (auto state = store.objectState(object))
+        for (const auto& field : state->unsupportedFields)
+          fieldsLeftOut.push_back(object + "." + field);
+    if (!fieldsLeftOut.empty())
+      add("Left out because Salesforce refused them in a query: " + joined(fieldsLeftOut) +
+          ". Everything else of these objects was copied.");
   }
   if (!context.fullBecause.empty() && !stopped && !gaveUp)
     message = context.fullBecause + (message.empty() ? "" : " ") + message;
@@ -1409,22 +1449,30 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     Durable::replace(context.folder / "Files.csv", files);
 
     reportStep(BackupProgress::Step::writingLinks);
-    std::string links =
-        BackupCSV::line(std::vector<std::string>{"ContentDocumentId", "LinkedEntityId"});
+    // Each document's record, by id, object and name, so that every document
+    // of a record can be found.
+    std::string links = BackupCSV::line(std::vector<std::string>{
+        "ContentDocumentId", "LinkedEntityId", "LinkedObject", "LinkedRecordName"});
     if (auto data = Durable::readWhole(context.folder / csvName("ContentDocumentLink"))) {
       int documentAt = -1;
       int entityAt = -1;
+      int typeAt = -1;
+      int nameAt = -1;
       BackupCSV::scan(
           *data,
           [&](const BackupCSV::Record& header) {
             documentAt = columnOf(header.fields, "ContentDocumentId");
             entityAt = columnOf(header.fields, "LinkedEntityId");
+            typeAt = columnOf(header.fields, "LinkedEntity.Type");
+            nameAt = columnOf(header.fields, "LinkedEntity.Name");
           },
           [&](const BackupCSV::Record& record) {
             if (documentAt < 0 || entityAt < 0) return false;
-            const auto size = record.fields.size();
-            if (static_cast<std::size_t>(std::max(documentAt, entityAt)) < size)
-              BackupCSV::appendLine(links, {record.fields[documentAt], record.fields[entityAt]});
+            const auto size = static_cast<int>(record.fields.size());
+            auto field = [&](int at) { return at >= 0 && at < size ? record.fields[at] : ""; };
+            if (std::max(documentAt, entityAt) < size)
+              BackupCSV::appendLine(links, {record.fields[documentAt], record.fields[entityAt],
+                                            field(typeAt), field(nameAt)});
             return true;
           });
     }
@@ -1442,13 +1490,15 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     manifest.files.salesforceTimeAtStart = context.serverNow;
     manifest.files.downloadedThisRun = context.filesDownloaded;
     manifest.files.waiting = context.filesWaiting;
-    manifest.files.leftOutThisRun = context.filesGivenUp;
-    manifest.files.failed = context.filesFailed;
+    manifest.files.leftOutThisRun = context.filesGivenUp + context.filesRefused;
     {
       auto leftOutFiles = db.prepare(
           "SELECT COUNT(*) FROM file_versions WHERE skipped = 1 AND downloaded = 0 AND deleted = 0");
       manifest.files.leftOut = leftOutFiles.step() ? leftOutFiles.columnInt(0) : 0;
     }
+    for (auto& given : FileDownload::givenUp(db))
+      manifest.files.failed.push_back(
+          {std::move(given.id), std::move(given.nameOnDisk), std::move(given.reason)});
     manifest.objectsLeftOut = leftOut;
     deletions.fill(manifest);
     manifest.write(context.folder);
@@ -1493,13 +1543,18 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
       while (done.step()) {
         const std::string object = done.columnText(0);
         const std::string field = done.columnText(1);
-        store.storeWatermark(object, field, field.empty() ? "" : context.serverNow,
-                             listFrom(done.columnView(2)));
-        // Fields refused in this run stay left out of the next run's plan.
-        if (auto refusedHere = context.refusedFields.find(object);
-            refusedHere != context.refusedFields.end())
-          store.recordUnsupported(object, refusedHere->second, refusedFieldReason,
-                                  context.serverNow);
+        const auto fields = listFrom(done.columnView(2));
+        // Fields refused in this run or earlier, and still left out, stay left
+        // out of the next run's plan; forgetting them would make the next plan
+        // differ from this copy's fields and so copy the object whole again.
+        std::vector<std::string> leftOut = context.refusedFields[object];
+        if (auto earlier = store.objectState(object))
+          for (const auto& refused : earlier->unsupportedFields)
+            if (columnOf(fields, refused) < 0 && columnOf(leftOut, refused) < 0)
+              leftOut.push_back(refused);
+        store.storeWatermark(object, field, field.empty() ? "" : context.serverNow, fields);
+        if (!leftOut.empty())
+          store.recordUnsupported(object, leftOut, refusedFieldReason, context.serverNow);
       }
       if (context.kind == RunKind::full) store.setSetting(needsFullKey, "");
       db.exec("COMMIT");

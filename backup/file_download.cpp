@@ -199,6 +199,29 @@ std::vector<Pending> pending(SQLiteDB& db, bool latestOnly) {
   return out;
 }
 
+void forgetMissingBodies(SQLiteDB& db, const std::filesystem::path& filesFolder) {
+  std::vector<std::string> missing;
+  {
+    auto statement = db.prepare(
+        "SELECT id, name_on_disk FROM file_versions WHERE downloaded = 1 AND deleted = 0");
+    std::error_code error;
+    while (statement.step())
+      if (!std::filesystem::exists(filesFolder / SafeFileName::clean(statement.columnText(1)),
+                                   error) &&
+          !error)
+        missing.push_back(statement.columnText(0));
+  }
+  if (missing.empty()) return;
+  auto update = db.prepare(
+      "UPDATE file_versions SET downloaded = 0, attempts = 0, failure = '', skipped = 0 WHERE id = "
+      "?");
+  for (const auto& id : missing) {
+    update.reset();
+    update.bindText(1, id);
+    update.run();
+  }
+}
+
 std::string md5Hex(const std::filesystem::path& file) {
   const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throw FileError(FileError::Kind::open, file, errno);
@@ -245,6 +268,8 @@ Fetched fetch(BackupTransport& transport, const BackupLocation& location, const 
     std::filesystem::remove(partial, ignored);
     fetched.failure = "Salesforce sent " + std::to_string(fetched.bytes) +
                       " bytes of a file it says holds " + std::to_string(body.size) + ".";
+    // Fewer bytes than promised is a transfer cut short, not an answer.
+    if (fetched.bytes < body.size) fetched.kind = Fetched::Failure::onTheWay;
     return fetched;
   }
   if (!body.checksum.empty() && !sameNoCase(md5Hex(partial), body.checksum)) {
@@ -264,9 +289,17 @@ Fetched fetch(BackupTransport& transport, const BackupLocation& location, const 
   return fetched;
 }
 
-void recordFetch(SQLiteDB& db, const Pending& body, const Fetched& fetched, int maxAttempts,
+bool recordFetch(SQLiteDB& db, const Pending& body, const Fetched& fetched, int maxAttempts,
                  std::int64_t runId) {
-  const bool givenUp = !fetched.stored && body.attempts + 1 >= maxAttempts;
+  if (!fetched.stored && fetched.kind == Fetched::Failure::onTheWay) {
+    db.prepare("UPDATE file_versions SET failure = ? WHERE id = ?")
+        .bindText(1, fetched.failure)
+        .bindText(2, body.id)
+        .run();
+    return false;
+  }
+  const bool givenUp = !fetched.stored && (fetched.kind == Fetched::Failure::final ||
+                                           body.attempts + 1 >= maxAttempts);
   db.prepare(
         "UPDATE file_versions SET downloaded = ?, attempts = attempts + 1, failure = ?, "
         "skipped = ?, skipped_run = CASE WHEN ? THEN ? ELSE skipped_run END WHERE id = ?")
@@ -277,6 +310,25 @@ void recordFetch(SQLiteDB& db, const Pending& body, const Fetched& fetched, int 
       .bindInt(5, runId)
       .bindText(6, body.id)
       .run();
+  return givenUp;
+}
+
+void retryGivenUp(SQLiteDB& db, std::int64_t runId) {
+  db.prepare(
+        "UPDATE file_versions SET skipped = 0, attempts = 0 WHERE skipped = 1 AND deleted = 0 "
+        "AND skipped_run <> ?")
+      .bindInt(1, runId)
+      .run();
+}
+
+std::vector<GivenUp> givenUp(SQLiteDB& db) {
+  auto statement = db.prepare(
+      "SELECT id, name_on_disk, failure FROM file_versions WHERE skipped = 1 AND deleted = 0 "
+      "ORDER BY object, id");
+  std::vector<GivenUp> out;
+  while (statement.step())
+    out.push_back({statement.columnText(0), statement.columnText(1), statement.columnText(2)});
+  return out;
 }
 
 }  // namespace corvane::FileDownload

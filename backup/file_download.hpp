@@ -65,24 +65,52 @@ void record(SQLiteDB& db, const std::vector<Body>& bodies);
 // with latestOnly, only the latest version of each document.
 std::vector<Pending> pending(SQLiteDB& db, bool latestOnly);
 
+// Marks downloaded bodies whose file is no longer in filesFolder as not
+// downloaded, so that they are fetched again.
+void forgetMissingBodies(SQLiteDB& db, const std::filesystem::path& filesFolder);
+
 // The lowercase hexadecimal MD5 digest of a file. Throws FileError.
 std::string md5Hex(const std::filesystem::path& file);
 
 // What came of one fetch.
 struct Fetched {
+  // How a fetch that kept nothing counts against the body.
+  enum class Failure {
+    none,       // stored, or a refusal that counts as one try
+    onTheWay,   // dropped, reset, timed out or a 5xx: never a try
+    final,      // Salesforce says the body is gone or not for this login: given up at once
+  };
   bool stored = false;
   std::int64_t bytes = 0;
   std::string failure;  // why the body was not kept, when it was not
+  Failure kind = Failure::none;
+};
+
+// A body given up on, and why.
+struct GivenUp {
+  std::string id;
+  std::string nameOnDisk;
+  std::string reason;
+  bool operator==(const GivenUp&) const = default;
 };
 
 // Fetches one body into location's Files folder as body.nameOnDisk. A body
 // whose size or digest differs from what Salesforce reported is not kept
-// (failure says so). The transport's failures and FileError propagate.
+// (failure says so; a body cut short is a failure on the way). The
+// transport's failures and FileError propagate.
 Fetched fetch(BackupTransport& transport, const BackupLocation& location, const Pending& body);
 
 // Marks one fetch in file_versions: downloaded, or attempts raised with the
-// failure, and given up (skipped) once attempts reach maxAttempts.
-void recordFetch(SQLiteDB& db, const Pending& body, const Fetched& fetched, int maxAttempts,
+// failure, and given up (skipped) once attempts reach maxAttempts or at once
+// for a final failure. A failure on the way keeps only its reason.
+// Returns true when the body is given up now.
+bool recordFetch(SQLiteDB& db, const Pending& body, const Fetched& fetched, int maxAttempts,
                  std::int64_t runId);
+
+// Makes bodies given up by runs other than runId wanted again.
+void retryGivenUp(SQLiteDB& db, std::int64_t runId);
+
+// The bodies given up on and not deleted, by object then id.
+std::vector<GivenUp> givenUp(SQLiteDB& db);
 
 }  // namespace corvane::FileDownload

@@ -47,7 +47,10 @@ std::string Manifest::json() const {
   json["objects"] = objects;
   json["deletions"] = Ordered{{"count", deletionCount}, {"byObject", byObject}};
   json["idChecksFailed"] = reasons(idChecksFailed);
-  json["files"] = Ordered{{"failed", files.failed},
+  Ordered failed = Ordered::array();
+  for (const auto& file : files.failed)
+    failed.push_back(Ordered{{"id", file.id}, {"name", file.name}, {"reason", file.reason}});
+  json["files"] = Ordered{{"failed", failed},
                           {"folder", filesFolder},
                           {"salesforceTimeAtStart", files.salesforceTimeAtStart},
                           {"waiting", files.waiting},
@@ -90,7 +93,12 @@ std::optional<Manifest> Manifest::parse(std::string_view text) {
     }
     manifest.idChecksFailed = readReasons(json.at("idChecksFailed"));
     const auto& files = json.at("files");
-    files.at("failed").get_to(manifest.files.failed);
+    // Manifests of earlier versions held only a count here.
+    if (const auto& failed = files.at("failed"); failed.is_array())
+      for (const auto& entry : failed)
+        manifest.files.failed.push_back({entry.at("id").get<std::string>(),
+                                         entry.at("name").get<std::string>(),
+                                         entry.at("reason").get<std::string>()});
     files.at("salesforceTimeAtStart").get_to(manifest.files.salesforceTimeAtStart);
     files.at("waiting").get_to(manifest.files.waiting);
     files.at("leftOut").get_to(manifest.files.leftOut);

@@ -35,8 +35,15 @@ struct Manifest {
     std::string reason;
     bool operator==(const ObjectReason&) const = default;
   };
+  // A document given up on: its id, its name in the Files folder, and why.
+  struct FailedFile {
+    std::string id;
+    std::string name;
+    std::string reason;
+    bool operator==(const FailedFile&) const = default;
+  };
   struct Files {
-    std::int64_t failed = 0;
+    std::vector<FailedFile> failed;  // every body given up on, this run or earlier
     std::string salesforceTimeAtStart;  // ISO 8601, the org's clock
     std::int64_t waiting = 0;
     std::int64_t leftOut = 0;

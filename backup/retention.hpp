@@ -41,7 +41,8 @@ struct RunInfo {
 
 // The ids of runs the policy no longer needs. Runs come oldest first
 // (BackupStore::retentionRuns). The newest n full runs that are usable and
-// complete (every planned object copied, none left out) are kept, with every run
+// complete (every planned object copied, none left out, save objects that no
+// full run could copy) are kept, with every run
 // after the oldest of them: changes runs build on it, and a full run that is
 // usable but incomplete is kept beside the complete ones without counting
 // towards n. Everything older is removable. With fewer than n such full runs, or
@@ -53,7 +54,13 @@ std::set<std::int64_t> removable(const std::vector<RunInfo>& runs, const Policy&
 std::vector<RunInfo> plan(const std::vector<RunInfo>& runs, const Policy& policy,
                           std::optional<std::int64_t> keeping);
 
-// A full run whose copy can be restored from on its own.
-bool isCompleteFull(const RunInfo& run);
+// The objects that usable full runs planned or left out but none of them copied
+// (refused by the Bulk API, not readable by this login): they cannot make one
+// full run less complete than another.
+std::set<std::string> neverCopied(const std::vector<RunInfo>& runs);
+
+// A full run whose copy can be restored from on its own: every object it
+// planned is copied, except those in neverCopied.
+bool isCompleteFull(const RunInfo& run, const std::set<std::string>& neverCopied = {});
 
 }  // namespace corvane::Retention

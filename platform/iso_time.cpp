@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <ctime>
+
 namespace corvane {
 
 namespace {
@@ -159,6 +161,14 @@ std::string formatPlain(SystemTime time) {
 std::string folderStamp(SystemTime time) {
   const Civil c = toCivil(time);
   return fmt::format("{:04}-{:02}-{:02} {:02}{:02}", c.year, c.month, c.day, c.hour, c.minute);
+}
+
+std::string localFolderStamp(SystemTime time) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(floor<std::chrono::seconds>(time));
+  std::tm local{};
+  if (::localtime_r(&seconds, &local) == nullptr) return folderStamp(time);
+  return fmt::format("{:04}-{:02}-{:02} {:02}{:02}", local.tm_year + 1900, local.tm_mon + 1,
+                     local.tm_mday, local.tm_hour, local.tm_min);
 }
 
 std::string formatDay(SystemTime time) {

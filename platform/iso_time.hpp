@@ -1,4 +1,4 @@
-// ISO 8601 texts and the dated folder stamps, all in UTC.
+// ISO 8601 texts and the dated folder stamps, all in UTC but localFolderStamp.
 #pragma once
 
 #include <chrono>
@@ -16,8 +16,11 @@ namespace IsoTime {
 std::string formatFractional(SystemTime time);
 // "2024-05-01T10:00:00Z".
 std::string formatPlain(SystemTime time);
-// "yyyy-MM-dd HHmm", the stamp of a dated backup folder: "2024-05-01 1000".
+// "yyyy-MM-dd HHmm" in UTC: "2024-05-01 1000".
 std::string folderStamp(SystemTime time);
+// "yyyy-MM-dd HHmm" on the machine's clock (its time zone, TZ when set): the
+// name of a dated backup folder, so that it matches the time the user saw.
+std::string localFolderStamp(SystemTime time);
 // "yyyy-MM-dd".
 std::string formatDay(SystemTime time);
 

@@ -122,6 +122,36 @@ TEST_F(BackupFaultsTest, ARefusedFieldIsLeftOutAndRemembered) {
   EXPECT_EQ(knownIds(first_.path(), "Account"), knownIds(second_.path(), "Account"));
 }
 
+TEST_F(BackupFaultsTest, AFieldSalesforceAlwaysRefusesIsLeftOutWithANoteAndNeverForcesAWholeCopy) {
+  admin("settings", {{"queryRefusedFields", "Account.Industry"}});
+  // Each run minutes apart on the org's clock: no row shares a second with a watermark.
+  store().advanceClock(std::chrono::minutes(2));
+  auto full = run(first_.path(), RunKind::full);
+  ASSERT_EQ(full.result, RunResult::complete) << full.message;
+  EXPECT_EQ(full.records, reference_.records);
+  EXPECT_NE(full.message.find("Left out because Salesforce refused them in a query: "
+                              "Account.Industry."),
+            std::string::npos)
+      << full.message;
+  auto header = BackupCSV::scan(readFile(full.folder / "Account.csv")).header;
+  EXPECT_EQ(std::count(header.begin(), header.end(), "Industry"), 0);
+
+  // One account changes before each run: each changes run copies that one
+  // row, never the whole object again.
+  const auto ids = knownIds(first_.path(), "Account");
+  for (int i = 0; i < 3; ++i) {
+    store().advanceClock(std::chrono::minutes(2));
+    admin("records/update",
+          {{"id", *ids.begin()}, {"fields", {{"Name", "Renamed " + std::to_string(i)}}}});
+    auto changes = run(first_.path(), RunKind::changes);
+    ASSERT_EQ(changes.result, RunResult::complete) << changes.message;
+    EXPECT_EQ(changes.records, 1) << "run " << i;
+    BackupStore backup(config(first_.path()).location);
+    EXPECT_EQ(backup.objectState("Account")->unsupportedFields,
+              std::vector<std::string>{"Industry"});
+  }
+}
+
 TEST_F(BackupFaultsTest, AFileSizeLimitFailsOnlyThatObjectAndKeepsWhatWasRead) {
   const auto whole =
       static_cast<std::int64_t>(std::filesystem::file_size(reference_.folder / "Account.csv"));

@@ -17,7 +17,8 @@ class BackupFilesTest : public BackupRunFixture {
     BackupRunFixture::SetUp();
     only_ = {"Account", "Attachment", "ContentVersion"};
     restThreshold_ = 1000;
-    const auto accounts = orgsim::testing::addAccounts(store(), 3);
+    accounts_ = orgsim::testing::addAccounts(store(), 3);
+    const auto& accounts = accounts_;
     {
       auto writer =
           store().writer("ContentVersion", {"Title", "PathOnClient", "VersionData", "FileExtension",
@@ -47,6 +48,7 @@ class BackupFilesTest : public BackupRunFixture {
       {"Quarterly report", std::string("%PDF-1.4 quarterly\n\x00\x01\x02 binary", 30)},
       {"../../etc/passwd", "root:x:0:0:root:/root:/bin/bash\n"},
       {"Re\xCC\x81sume\xCC\x81 \xE2\x80\x94 2024", "r\xC3\xA9sum\xC3\xA9 body"}};
+  std::vector<std::string> accounts_;
   std::vector<std::string> versions_;
   std::string attachment_;
 };
@@ -144,6 +146,127 @@ TEST_F(BackupFilesTest, FilesWaitWhenAskedOrWhenTheAllowanceRunsLow) {
   auto later = run(second_.path(), RunKind::changes);
   EXPECT_EQ(later.filesDownloaded, 4);
   EXPECT_EQ(filesOnDisk(second_.path()).size(), 4u);
+}
+
+TEST_F(BackupFilesTest, DocumentsOfARunWithoutFilesAreOwedAndFetchedByTheNextRunWithFiles) {
+  downloadFiles_ = false;
+  auto without = run(first_.path(), RunKind::full);
+  ASSERT_EQ(without.result, RunResult::complete) << without.message;
+  EXPECT_EQ(without.filesWaiting, 4);
+  auto owed = Manifest::read(without.folder);
+  ASSERT_TRUE(owed);
+  EXPECT_EQ(owed->files.waiting, 4);
+
+  // Nothing changed in the org: the changes run still fetches every owed body.
+  downloadFiles_ = true;
+  auto with = run(first_.path(), RunKind::changes);
+  ASSERT_EQ(with.result, RunResult::complete) << with.message;
+  EXPECT_EQ(with.filesDownloaded, 4);
+  EXPECT_EQ(with.filesWaiting, 0);
+  ASSERT_EQ(filesOnDisk(first_.path()).size(), 4u);
+
+  // A body that went missing from Files is the Files folder's lack too.
+  const auto files = filesOnDisk(first_.path());
+  std::filesystem::remove(config(first_.path()).location.filesFolder() / files.begin()->first);
+  auto again = run(first_.path(), RunKind::changes);
+  EXPECT_EQ(again.filesDownloaded, 1);
+  EXPECT_EQ(filesOnDisk(first_.path()), files);
+}
+
+TEST_F(BackupFilesTest, ADownloadLostOnTheWayIsNeverATryAndIsFetchedLater) {
+  const std::string body = "*/sobjects/ContentVersion/" + versions_[0] + "/VersionData";
+  // Three runs in a row lose the body: cut off mid-way, reset, then a 503.
+  fault({{"path", body}, {"fault", "drop"}, {"afterBytes", 10}, {"count", 1}});
+  auto first = run(first_.path(), RunKind::full);
+  ASSERT_EQ(first.result, RunResult::complete) << first.message;
+  EXPECT_EQ(first.filesDownloaded, 3);
+  EXPECT_EQ(first.filesWaiting, 1);
+  fault({{"path", body}, {"fault", "drop"}, {"afterBytes", 0}, {"count", 1}});
+  run(first_.path(), RunKind::changes);
+  fault({{"path", body}, {"fault", 503}, {"count", 1}});
+  auto third = run(first_.path(), RunKind::changes);
+  EXPECT_EQ(third.filesWaiting, 1);
+  EXPECT_EQ(third.message.find("could not be downloaded"), std::string::npos) << third.message;
+  {
+    BackupStore backup(config(first_.path()).location);
+    for (const auto& version : backup.fileVersions())
+      if (version.id == versions_[0]) {
+        EXPECT_FALSE(version.skipped);
+        EXPECT_EQ(version.attempts, 0);
+      }
+  }
+  auto fourth = run(first_.path(), RunKind::changes);
+  EXPECT_EQ(fourth.filesDownloaded, 1);
+  EXPECT_EQ(fourth.filesWaiting, 0);
+  EXPECT_EQ(filesOnDisk(first_.path()).size(), 4u);
+}
+
+TEST_F(BackupFilesTest, ABodySalesforceSaysIsGoneIsGivenUpListedAndTriedByTheNextFullRun) {
+  fault({{"path", "*/sobjects/ContentVersion/" + versions_[1] + "/VersionData"},
+         {"fault", 404},
+         {"count", 1}});
+  auto first = run(first_.path(), RunKind::full);
+  EXPECT_EQ(first.filesDownloaded, 3);
+  EXPECT_EQ(first.filesWaiting, 0);
+  EXPECT_NE(first.message.find("1 could not be downloaded because Salesforce says they are gone "
+                               "or not for this login, and were left out. The next full backup "
+                               "tries again. Files.csv says which."),
+            std::string::npos)
+      << first.message;
+  EXPECT_EQ(first.message.find("after 3 tries"), std::string::npos) << first.message;
+  auto manifest = nlohmann::json::parse(readFile(first.folder / "manifest.json"));
+  const auto& failed = manifest.at("files").at("failed");
+  ASSERT_TRUE(failed.is_array()) << failed;
+  ASSERT_EQ(failed.size(), 1u);
+  EXPECT_EQ(failed[0].at("id"), versions_[1]);
+  EXPECT_EQ(failed[0].at("reason"), "The requested resource does not exist");
+
+  // A changes run leaves it given up; the next full run tries it again.
+  EXPECT_EQ(run(first_.path(), RunKind::changes).filesDownloaded, 0);
+  auto full = run(first_.path(), RunKind::full);
+  EXPECT_EQ(full.filesDownloaded, 1);
+  EXPECT_EQ(filesOnDisk(first_.path()).size(), 4u);
+  auto after = nlohmann::json::parse(readFile(full.folder / "manifest.json"));
+  EXPECT_TRUE(after.at("files").at("failed").empty());
+}
+
+TEST_F(BackupFilesTest, FileLinksNameTheLinkedRecordAndItsObject) {
+  std::string document;
+  {
+    auto writer = store().writer("ContentDocument", {"Title"});
+    document = writer.insert({"Board minutes"});
+    writer.commit();
+  }
+  {
+    auto writer = store().writer("ContentVersion", {"Title", "PathOnClient", "VersionData",
+                                                    "FileExtension", "ContentDocumentId"});
+    writer.insert({"Board minutes", "minutes.txt", "minutes", "txt", document});
+    writer.commit();
+  }
+  {
+    auto writer = store().writer("ContentDocumentLink", {"LinkedEntityId", "ContentDocumentId"});
+    writer.insert({accounts_[2], document});
+    writer.insert({store().identity().adminUserId, document});
+    writer.commit();
+  }
+  only_.push_back("ContentDocumentLink");
+  auto summary = run(first_.path(), RunKind::full);
+  ASSERT_EQ(summary.result, RunResult::complete) << summary.message;
+
+  auto links = BackupCSV::scan(readFile(summary.folder / "FileLinks.csv"));
+  EXPECT_EQ(links.header, (std::vector<std::string>{"ContentDocumentId", "LinkedEntityId",
+                                                     "LinkedObject", "LinkedRecordName"}));
+  std::set<std::vector<std::string>> rows;
+  for (const auto& record : links.records) rows.insert(record.fields);
+  EXPECT_EQ(rows.size(), 2u);
+  EXPECT_TRUE(rows.count({document, accounts_[2], "Account", "Account 0002"}))
+      << readFile(summary.folder / "FileLinks.csv");
+  const auto user = std::find_if(rows.begin(), rows.end(), [&](const auto& row) {
+    return row[1] == store().identity().adminUserId;
+  });
+  ASSERT_NE(user, rows.end());
+  EXPECT_EQ((*user)[2], "User");
+  EXPECT_FALSE((*user)[3].empty());
 }
 
 TEST(FileDownload, ChangedAttachmentBodyGetsANewNameAndTheEarlierOneIsRemembered) {

@@ -52,6 +52,25 @@ TEST(RetentionTest, OnlyCompleteUsableFullRunsCountTowardsTheOnesKept) {
   EXPECT_EQ(Retention::removable(runs, Retention::Policy{2}), (std::set<std::int64_t>{1}));
 }
 
+TEST(RetentionTest, AnObjectNoFullRunCouldCopyDoesNotKeepEveryRun) {
+  auto refusing = [](std::int64_t id, RunKind kind) {
+    auto info = run(id, kind);
+    info.plannedObjects->insert("Vote");
+    info.leftOutObjects = {"Vote"};
+    return info;
+  };
+  const std::vector<RunInfo> runs = {refusing(1, full), refusing(2, changes), refusing(3, full),
+                                     refusing(4, full)};
+  EXPECT_EQ(Retention::removable(runs, Retention::Policy{2}), (std::set<std::int64_t>{1, 2}));
+  // Once one full run copied it, the runs without it no longer count as complete.
+  auto copied = run(0, full);
+  copied.plannedObjects->insert("Vote");
+  copied.completeObjects->insert("Vote");
+  auto withCopy = runs;
+  withCopy.insert(withCopy.begin(), copied);
+  EXPECT_TRUE(Retention::removable(withCopy, Retention::Policy{2}).empty());
+}
+
 TEST(RetentionTest, PlanNeverNamesTheRunJustFinishedOrAnUnfinishedOne) {
   const std::vector<RunInfo> runs = {run(1, full), run(2, changes, false, false), run(3, full),
                                      run(4, full)};

@@ -161,6 +161,7 @@ BulkJobInfo BulkJobs::create(const std::string& operation, const std::string& so
   QueryScope scope = operation == "queryAll" ? QueryScope::All : QueryScope::Live;
   // A query that cannot be read is refused at once; what bulk will not do fails the job.
   auto compiled = QueryEngine::compile(soql, scope, QueryApi::Bulk, store_.now());
+  QueryEngine::refuseFields(*compiled, store_.setting("queryRefusedFields").value_or(""));
   BulkJobInfo job;
   job.id = RecordIds::make("750", static_cast<std::uint64_t>(store_.nextSerial("bulkJob")));
   job.operation = operation;

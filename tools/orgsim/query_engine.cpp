@@ -985,6 +985,25 @@ std::shared_ptr<const CompiledQuery> compile(std::string_view soql, QueryScope s
   return QueryCompiler::build(soql, scope, api, now);
 }
 
+void refuseFields(const CompiledQuery& query, std::string_view refused) {
+  if (refused.empty()) return;
+  auto lower = [](std::string_view text) {
+    std::string out(text);
+    for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return out;
+  };
+  const std::string list = "," + lower(refused) + ",";
+  const std::string& object = query.object().name;
+  for (const auto& item : query.query().select) {
+    if (item.kind != SelectItem::Kind::Field || item.path.parts.size() != 1) continue;
+    const std::string& name = item.path.parts.front();
+    if (list.find("," + lower(object + "." + name) + ",") == std::string::npos) continue;
+    throw SoqlError::at("INVALID_FIELD", query.query().text, item.path.offset,
+                        "No such column '" + name + "' on entity '" + object + "'." +
+                            kCustomFieldHint);
+  }
+}
+
 std::optional<std::string> bulkRefusal(const CompiledQuery& query) {
   if (!query.object().bulkQueryable) return Schema::bulkRefusalMessage(query.object().name);
   const Query& q = query.query();

@@ -129,6 +129,12 @@ std::shared_ptr<const CompiledQuery> compile(std::string_view soql, QueryScope s
 // none when they accept it.
 std::optional<std::string> bulkRefusal(const CompiledQuery& query);
 
+// Refuses a query that selects a field named in `refused` ("Object.Field" entries
+// separated by commas, any letter case) with INVALID_FIELD, as Salesforce does for
+// a field its describe lists but its query will not read for this user. Call
+// after compile().
+void refuseFields(const CompiledQuery& query, std::string_view refused);
+
 // A JSON string literal (with quotes) for text.
 void appendJsonString(std::string& out, std::string_view text);
 

@@ -385,6 +385,14 @@ struct OrgServer::Impl {
         code = "INVALID_SESSION_ID";
         message = "Session expired or invalid";
         break;
+      case 403:
+        code = "INSUFFICIENT_ACCESS";
+        message = "insufficient access rights on object id";
+        break;
+      case 404:
+        code = "NOT_FOUND";
+        message = "The requested resource does not exist";
+        break;
       case 503:
         code = "SERVER_UNAVAILABLE";
         message = "Server is unavailable. Please try again later.";
@@ -769,6 +777,7 @@ struct OrgServer::Impl {
     OrgRecords::purgeExpired(store);
     auto compiled = QueryEngine::compile(soql, all ? QueryScope::All : QueryScope::Live,
                                          QueryApi::Rest, store.now());
+    QueryEngine::refuseFields(*compiled, store.setting("queryRefusedFields").value_or(""));
     if (ex.req.get_param_value("columns") == "true") return columnMetadata(ex, *compiled);
     auto lease = store.read();
     if (compiled->isCountAll()) {
@@ -1585,6 +1594,12 @@ void OrgServer::Impl::admin(Exchange& ex) {
       static const char* keys[] = {"bulkDelayMs", "dailyApiMax", "dailyApiUsedOffset"};
       if (method == "POST") {
         for (const auto& [key, value] : body.items()) {
+          // Fields the describe lists but a query refuses: "Account.Industry,...".
+          if (key == "queryRefusedFields") {
+            if (!value.is_string()) return bad("\"" + key + "\" must be text.");
+            store.setSetting(key, value.get<std::string>());
+            continue;
+          }
           if (std::find(std::begin(keys), std::end(keys), key) == std::end(keys)) {
             return bad("Unknown setting \"" + key + "\".");
           }
@@ -1597,6 +1612,7 @@ void OrgServer::Impl::admin(Exchange& ex) {
       json["dailyApiMax"] = dailyApiMax();
       json["dailyApiUsedOffset"] = std::stoll(store.setting("dailyApiUsedOffset").value_or("0"));
       json["dailyApiUsed"] = apiRequestsUsed();
+      json["queryRefusedFields"] = store.setting("queryRefusedFields").value_or("");
       return sendJson(ex, 200, json.dump());
     }
   } catch (const UnknownUser& error) {

@@ -155,6 +155,20 @@ TEST_F(OrgServerTest, SoqlErrorsComeBackAsSalesforceErrorBodies) {
   EXPECT_NE(body[0]["message"].get<std::string>().find("No such column 'Nme' on entity 'Account'"),
             std::string::npos);
   EXPECT_EQ(query("SELECT Id FROM ContentDocumentLink", 400)[0]["errorCode"], "MALFORMED_QUERY");
+
+  // A field the describe lists but every query refuses, in REST and in bulk.
+  admin("settings", {{"queryRefusedFields", "Account.Industry"}});
+  json refused = query("SELECT Id, industry FROM Account", 400);
+  EXPECT_EQ(refused[0]["errorCode"], "INVALID_FIELD");
+  EXPECT_NE(refused[0]["message"].get<std::string>().find(
+                "No such column 'industry' on entity 'Account'"),
+            std::string::npos);
+  EXPECT_TRUE(query("SELECT Id, Name FROM Account").contains("records"));
+  auto job = client().Post("/services/data/v62.0/jobs/query", auth(),
+                           R"({"operation":"query","query":"SELECT Id, Industry FROM Account"})",
+                           "application/json");
+  ASSERT_TRUE(job);
+  EXPECT_EQ(job->status, 400);
 }
 
 TEST_F(OrgServerTest, BulkResultsStreamInPagesUntilTheLocatorIsNull) {
