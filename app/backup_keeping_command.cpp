@@ -3,92 +3,74 @@
 #include <memory>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "app/production_guard.hpp"
-#include "backup/backup_lock.hpp"
-#include "backup/backup_store.hpp"
-#include "backup/backup_volumes.hpp"
+#include "backup/backup_keeping_task.hpp"
 #include "backup/folder_access.hpp"
-#include "backup/recycle_bin.hpp"
 #include "connections/api_transport.hpp"
-#include "platform/user_facing_error.hpp"
 
 namespace corvane::BackupKeepingCommand {
 
 namespace {
 
-std::filesystem::path rootOf(const std::string& root) {
-  return root.empty() ? BackupLocation::defaultRoot() : std::filesystem::path(root);
-}
-
-BackupLocation locationFor(CommandContext& context, const Arguments& arguments) {
-  auto orgs = context.cli.listOrgs(true, context.listTimeout);
-  const Org& org = OrgsCommand::findLogin(orgs, arguments.login);
-  return {rootOf(arguments.root), org.orgId.value_or("unknown-org"), org.username};
-}
-
-// The login's backup database; refused when there is no backup yet.
-std::unique_ptr<BackupStore> openExisting(const BackupLocation& location) {
-  std::error_code error;
-  if (!std::filesystem::exists(location.databaseURL(), error))
-    throw UserFacingError("There is no backup of " + location.username + " in " +
-                          location.root.string() + " yet, so nothing has been found deleted.");
-  return std::make_unique<BackupStore>(location);
+BackupLocation locationOf(const Org& org, const std::string& root) {
+  return {root.empty() ? BackupLocation::defaultRoot() : std::filesystem::path(root),
+          org.orgId.value_or("unknown-org"), org.username};
 }
 
 }  // namespace
 
 void listDeleted(CommandContext& context, const Arguments& arguments) {
-  const BackupLocation location = locationFor(context, arguments);
-  auto opened = openExisting(location);
-  auto& store = *opened;
-  std::string sql = "SELECT object, id, deleted_at, how FROM known_ids WHERE deleted = 1";
-  if (!arguments.object.empty()) sql += " AND object = ?1";
-  if (!arguments.since.empty()) sql += " AND deleted_at >= ?2";
-  sql += " ORDER BY deleted_at, object, id";
-  auto statement = store.db().prepare(sql);
-  if (!arguments.object.empty()) statement.bindText(1, arguments.object);
-  if (!arguments.since.empty()) statement.bindText(2, arguments.since);
-  std::size_t found = 0;
-  while (statement.step()) {
-    context.out << statement.columnText(2) << '\t' << statement.columnText(0) << '\t'
-                << statement.columnText(1) << '\t' << statement.columnText(3) << '\n';
-    ++found;
+  const auto location = locationOf(context.login(arguments.login), arguments.root);
+  const auto found = BackupKeepingTask::deleted(location, arguments.object, arguments.since);
+  if (arguments.json) {
+    nlohmann::ordered_json deletions = nlohmann::ordered_json::array();
+    for (const auto& deletion : found) {
+      deletions.push_back({{"deletedAt", deletion.deletedAt},
+                           {"object", deletion.object},
+                           {"id", deletion.id},
+                           {"how", deletion.how}});
+    }
+    context.out << nlohmann::ordered_json{{"username", location.username},
+                                          {"deletions", std::move(deletions)}}
+                       .dump(2)
+                << '\n';
+  } else {
+    for (const auto& deletion : found) {
+      context.out << deletion.deletedAt << '\t' << deletion.object << '\t' << deletion.id << '\t'
+                  << deletion.how << '\n';
+    }
+    if (found.empty()) context.out << "No deleted records found.\n";
   }
-  if (found == 0) context.out << "No deleted records found.\n";
   context.out.flush();
 }
 
 void recycleBin(CommandContext& context, SalesforceAPI::Client& api, const Arguments& arguments) {
-  auto orgs = context.cli.listOrgs(true, context.listTimeout);
-  const Org& org = OrgsCommand::findLogin(orgs, arguments.login);
-  std::vector<std::string> ids = arguments.ids;
-  if (ids.empty()) {
-    // What the backup found deleted of this object, oldest first.
-    const BackupLocation location{rootOf(arguments.root), org.orgId.value_or("unknown-org"),
-                                  org.username};
-    auto store = openExisting(location);
-    auto statement = store->db().prepare(
-        "SELECT id FROM known_ids WHERE deleted = 1 AND object = ? ORDER BY deleted_at, id");
-    statement.bindText(1, arguments.object);
-    while (statement.step()) ids.push_back(statement.columnText(0));
-    if (ids.empty()) {
-      context.out << "The backups of " << org.username << " found no " << arguments.object
-                  << " records deleted, so there is nothing to look for in the Recycle Bin.\n";
-      context.out.flush();
-      return;
-    }
+  const Org org = context.login(arguments.login);
+  const auto location = locationOf(org, arguments.root);
+  if (arguments.putBack) {
+    // Asked before anything is written, with the number of records at stake.
+    const std::size_t count = arguments.ids.empty()
+                                  ? BackupKeepingTask::deleted(location, arguments.object, "").size()
+                                  : arguments.ids.size();
+    if (count > 0)
+      ProductionGuard::confirm(org, "put back up to " + std::to_string(count) + " " +
+                                        arguments.object + " records from the Recycle Bin",
+                               context.out);
   }
-  if (arguments.putBack)
-    ProductionGuard::confirm(org, "put back up to " + std::to_string(ids.size()) + " " +
-                                      arguments.object + " records from the Recycle Bin",
-                             context.out);
   DedupeAPITransport transport(api, org);
-  RecycleBin bin(transport);
-  const auto outcomes =
-      arguments.putBack ? bin.putBack(arguments.object, ids) : bin.check(arguments.object, ids);
+  const auto result = BackupKeepingTask::recycleBin(
+      transport, location,
+      {arguments.object, arguments.ids, arguments.putBack}, {});
+  if (result.asked == 0) {
+    context.out << "The backups of " << org.username << " found no " << arguments.object
+                << " records deleted, so there is nothing to look for in the Recycle Bin.\n";
+    context.out.flush();
+    return;
+  }
   std::size_t inBin = 0;
-  for (const auto& outcome : outcomes) {
+  for (const auto& outcome : result.outcomes) {
     using Kind = RecycleBin::Outcome::Kind;
     inBin += outcome.kind == Kind::putBack;
     // Before a put-back, "putBack" means only that it could be.
@@ -98,30 +80,17 @@ void recycleBin(CommandContext& context, SalesforceAPI::Client& api, const Argum
     context.out << outcome.id << '\t' << text << '\n';
   }
   if (arguments.putBack)
-    context.out << inBin << " of " << outcomes.size() << " put back.\n";
+    context.out << inBin << " of " << result.outcomes.size() << " put back.\n";
   else
-    context.out << inBin << " of " << outcomes.size()
+    context.out << inBin << " of " << result.outcomes.size()
                 << " are still in the Recycle Bin. Add --put-back to put them back.\n";
   context.out.flush();
 }
 
 void eject(CommandContext& context, const Arguments& arguments, const BackupVolumes& volumes,
            const CommandRunner& run) {
-  const BackupLocation location = locationFor(context, arguments);
-  const auto volume = volumes.ejectableVolume(location.folder());
-  if (!volume) {
-    if (auto name = volumes.volumeName(location.folder());
-        name && volumes.reach(location.folder()).kind == BackupFolderState::Kind::driveNotConnected)
-      throw UserFacingError(BackupEjectText::notConnected(*name));
-    throw UserFacingError("The backups of " + location.username +
-                          " are not kept on a disk that can be ejected. Nothing was changed.");
-  }
-  if (BackupLock::isHeld(location.lockURL()))
-    throw UserFacingError(BackupEjectText::refusedWhileRunning(volume->name));
-  const auto outcome = ejectVolume(*volume, run);
-  if (outcome.kind == EjectOutcome::Kind::refused)
-    throw UserFacingError(BackupEjectText::refused(volume->name, outcome.because));
-  context.out << BackupEjectText::ejected(volume->name) << '\n';
+  const auto location = locationOf(context.login(arguments.login), arguments.root);
+  context.out << BackupEjectText::ejected(BackupKeepingTask::eject(location, volumes, run)) << '\n';
   context.out.flush();
 }
 
@@ -138,6 +107,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   deleted->add_option("--since", deletedArguments->since,
                       "Only deletions on or after this date (YYYY-MM-DD)");
   deleted->add_option("--root", deletedArguments->root, rootHelp);
+  deleted->add_flag("--json", deletedArguments->json, "Print the deletions as one JSON object");
   deleted->callback([&context, &chosen, deletedArguments] {
     chosen = [&context, deletedArguments] { listDeleted(context, *deletedArguments); };
   });

@@ -1,5 +1,6 @@
-// `corvane backup deleted`, `backup recycle-bin` and `backup eject`: what a backup
-// found deleted, the Recycle Bin, and the disk that holds the backups.
+// `corvane backup deleted [--json]`, `backup recycle-bin` and `backup eject`:
+// what a backup found deleted, the Recycle Bin, and the disk that holds the
+// backups. The work is BackupKeepingTask's; this file only words it.
 #pragma once
 
 #include <functional>
@@ -23,13 +24,14 @@ struct Arguments {
   std::string since;             // deleted: a day, "YYYY-MM-DD"
   std::vector<std::string> ids;  // recycle-bin: none means what the backup found deleted
   bool putBack = false;
+  bool json = false;  // deleted
 };
 
 // Adds the commands to app (under "backup" where they belong there); when one
 // is chosen, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
 
-// One line per deletion: when, object, id, how.
+// One line per deletion: when, object, id, how; or one JSON object.
 void listDeleted(CommandContext& context, const Arguments& arguments);
 
 // Asks which records of arguments.object are still in the Recycle Bin, and with

@@ -7,25 +7,6 @@
 
 namespace corvane {
 
-CommandError CommandError::loginNotFound(const std::string& login) {
-  return {Kind::loginNotFound,
-          "No login named \"" + login +
-              "\" is known to the Salesforce CLI. Run \"corvane orgs\" to see the logins, or "
-              "add this one with: sf org login web --alias " +
-              login};
-}
-
-CommandError CommandError::ambiguousLogin(const std::string& login,
-                                          const std::vector<std::string>& usernames) {
-  std::string list;
-  for (const auto& username : usernames) {
-    if (!list.empty()) list += ", ";
-    list += username;
-  }
-  return {Kind::ambiguousLogin, "More than one login answers to \"" + login + "\" (" + list +
-                                    "). Give the exact alias or the username."};
-}
-
 int runReportingFailures(const std::function<void()>& command, std::ostream& err) {
   try {
     command();
@@ -33,8 +14,6 @@ int runReportingFailures(const std::function<void()>& command, std::ostream& err
   } catch (const CLIError& error) {
     err << error.description() << '\n';
   } catch (const SalesforceAPI::APIError& error) {
-    err << error.description() << '\n';
-  } catch (const CommandError& error) {
     err << error.description() << '\n';
   } catch (const FileError& error) {
     err << error.description() << '\n';

@@ -2,13 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "connections/cli_error.hpp"
-#include "health/email_domains.hpp"
-#include "health/health_error.hpp"
-#include "health/limits_report.hpp"
-#include "health/release_updates.hpp"
+#include "health/health_task.hpp"
 #include "health/text_table.hpp"
-#include "platform/app_support.hpp"
 #include "platform/durable_file.hpp"
 
 namespace corvane::HealthCommand {
@@ -17,17 +12,8 @@ namespace {
 
 using nlohmann::json;
 
-struct Login {
-  Org org;
-  std::string target;
-};
-
-Login resolve(CommandContext& context, const std::string& login) {
-  auto orgs = context.cli.listOrgs(true, context.listTimeout);
-  const Org& org = OrgsCommand::findLogin(orgs, login);
-  auto target = SalesforceCLI::target(org);
-  if (!target) throw CLIError::failed("This org has no alias or username.");
-  return {org, *target};
+HealthTask::Source sourceOf(CommandContext& context) {
+  return {context.cli, context.listTimeout};
 }
 
 bool wantsCSV(const Output& output) {
@@ -80,18 +66,10 @@ std::string metadataTable(const std::vector<json>& items, const std::string& typ
          (items.size() == 1 ? " component.\n" : " components.\n");
 }
 
-std::string statusURL() {
-  if (const char* env = std::getenv("CORVANE_STATUS_URL"); env != nullptr && *env != '\0') {
-    return env;
-  }
-  return Settings::string("statusServiceURL").value_or(StatusService::kDefaultURL);
-}
-
 }  // namespace
 
 void limits(CommandContext& context, const std::string& login, const Output& output) {
-  Login resolved = resolve(context, login);
-  auto usages = LimitsReport::read(context.cli.limits(resolved.target));
+  auto usages = HealthTask::limits(sourceOf(context), login, {});
   emitAs(
       context, output, [&] { return LimitsReport::toJSON(usages); },
       [&] { return LimitsReport::table(usages); }, [&] { return LimitsReport::csv(usages); });
@@ -99,9 +77,7 @@ void limits(CommandContext& context, const std::string& login, const Output& out
 
 void audit(CommandContext& context, const std::string& login, const AuditFilter& filter,
            const Output& output) {
-  const auto predicate = AuditTrail::predicate(filter);
-  Login resolved = resolve(context, login);
-  auto entries = AuditTrail::entries(context.cli.auditTrail(resolved.target, predicate));
+  auto entries = HealthTask::audit(sourceOf(context), login, filter, {});
   emitAs(
       context, output, [&] { return AuditTrail::toJSON(entries); },
       [&] { return AuditTrail::table(entries); }, [&] { return AuditTrail::csv(entries); });
@@ -109,10 +85,9 @@ void audit(CommandContext& context, const std::string& login, const AuditFilter&
 
 void metadata(CommandContext& context, const std::string& login,
               const std::optional<std::string>& type, const Output& output) {
-  Login resolved = resolve(context, login);
+  const auto listing = HealthTask::metadata(sourceOf(context), login, type, {});
   if (!type) {
-    auto names = context.cli.metadataTypeNames(resolved.target);
-    std::sort(names.begin(), names.end());
+    const auto& names = listing.typeNames;
     emitAs(
         context, output, [&] { return json(names); },
         [&] {
@@ -127,10 +102,7 @@ void metadata(CommandContext& context, const std::string& login,
         });
     return;
   }
-  auto items = context.cli.listMetadata(resolved.target, *type);
-  std::sort(items.begin(), items.end(), [](const json& a, const json& b) {
-    return a.value("fullName", "") < b.value("fullName", "");
-  });
+  const auto& items = listing.components;
   emitAs(
       context, output, [&] { return json(items); }, [&] { return metadataTable(items, *type); },
       [&] { return metadataCSV(items); });
@@ -139,10 +111,8 @@ void metadata(CommandContext& context, const std::string& login,
 void retrieve(CommandContext& context, const std::string& login,
               const std::vector<std::string>& components, const std::filesystem::path& to,
               const Output& output) {
-  if (components.empty()) throw CLIError::failed("No components selected.");
-  Login resolved = resolve(context, login);
-  const std::filesystem::path root = std::filesystem::absolute(to);
-  json result = context.cli.retrieve(resolved.target, components, root);
+  const auto retrieval = HealthTask::retrieve(sourceOf(context), login, components, to, {});
+  const json& result = retrieval.result;
   const json files =
       result.contains("files") && result["files"].is_array() ? result["files"] : json::array();
   emitAs(
@@ -160,24 +130,14 @@ void retrieve(CommandContext& context, const std::string& login,
           }
         }
         return out + std::to_string(files.size()) + " files retrieved into " +
-               (root / "force-app").string() + ".\n";
+               (retrieval.projectRoot / "force-app").string() + ".\n";
       });
 }
 
 void instance(CommandContext& context, const std::string& login,
               const std::optional<std::string>& key, const StatusService::Options& options,
               const Output& output) {
-  std::string instanceKey;
-  if (key && !key->empty()) {
-    instanceKey = *key;
-  } else {
-    Login resolved = resolve(context, login);
-    auto name = resolved.org.instanceName;
-    if (!name || name->empty()) throw HealthError::noInstance(login);
-    instanceKey = *name;
-  }
-  StatusService service(options);
-  InstanceStatus status = service.instance(instanceKey);
+  const auto status = HealthTask::instance(sourceOf(context), login, key, options, {});
   emitAs(
       context, output, [&] { return StatusService::toJSON(status); },
       [&] { return StatusService::table(status); });
@@ -199,8 +159,7 @@ void statusToken(CommandContext& context, std::istream& in, bool clear) {
 void emailDomains(CommandContext& context, const std::vector<std::string>& domains,
                   const std::vector<std::string>& selectors, const TXTResolver::Options& options,
                   const Output& output) {
-  TXTResolver resolver(options);
-  auto checks = EmailDomains::check(resolver, domains, selectors);
+  const auto checks = HealthTask::emailDomains(domains, selectors, options, {});
   emitAs(
       context, output, [&] { return EmailDomains::toJSON(checks); },
       [&] {
@@ -216,19 +175,7 @@ void emailDomains(CommandContext& context, const std::vector<std::string>& domai
 
 void releaseUpdates(CommandContext& context, SalesforceAPI::Client& api, const std::string& login,
                     const Output& output) {
-  Login resolved = resolve(context, login);
-  std::vector<json> records;
-  try {
-    records = api.toolingQuery(ReleaseUpdates::kQuery, resolved.org);
-  } catch (const SalesforceAPI::APIError& error) {
-    // An org (or API version) without the object answers INVALID_TYPE; say so rather than guess.
-    if (error.kind() == SalesforceAPI::APIError::Kind::http &&
-        (error.status() == 400 || error.status() == 404)) {
-      throw HealthError::releaseUpdatesHidden(error.message());
-    }
-    throw;
-  }
-  auto updates = ReleaseUpdates::read(records);
+  const auto updates = HealthTask::releaseUpdates(sourceOf(context), api, login, {});
   emitAs(
       context, output, [&] { return ReleaseUpdates::toJSON(updates); },
       [&] { return ReleaseUpdates::table(updates); });
@@ -238,152 +185,91 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   CLI::App* health = app.add_subcommand("health", "Check an org's health");
   health->require_subcommand(1);
 
+  // One set of values for every subcommand: only one of them runs.
   struct Options {
-    std::string login;
-    bool json = false;
-    bool csv = false;
-    std::string file;
+    std::string login, file, since, user, section, type, to, key, url, server;
+    bool json = false, csv = false, clear = false;
+    std::vector<std::string> components, domains, selectors;
+    double seconds = 5.0;
     Output output() const {
-      Output o;
-      o.format = json ? Format::json : (csv ? Format::csv : Format::table);
-      if (!file.empty()) o.file = file;
-      return o;
+      return {json ? Format::json : (csv ? Format::csv : Format::table),
+              file.empty() ? std::nullopt : std::optional<std::filesystem::path>(file)};
+    }
+    std::optional<std::string> optional(const std::string& text) const {
+      return text.empty() ? std::nullopt : std::optional(text);
     }
   };
-  auto common = [](CLI::App* command, Options& options, bool login, bool csv) {
-    if (login) command->add_option("LOGIN", options.login, "A username or alias")->required();
-    command->add_flag("--json", options.json, "Print JSON");
-    if (csv) {
-      command->add_flag("--csv", options.csv, "Print CSV");
-      command->add_option("-o,--output", options.file,
+  auto shared = std::make_shared<Options>();
+  enum Takes { nothing = 0, login = 1, json = 2, csv = 4 };
+  auto command = [&chosen, health, shared](const char* name, const char* help, int takes,
+                                                std::function<void(Options&)> work) {
+    CLI::App* sub = health->add_subcommand(name, help);
+    if (takes & login) sub->add_option("LOGIN", shared->login, "A username or alias")->required();
+    if (takes & json) sub->add_flag("--json", shared->json, "Print JSON");
+    if (takes & csv) {
+      sub->add_flag("--csv", shared->csv, "Print CSV");
+      sub->add_option("-o,--output", shared->file,
                           "Write to this file instead (CSV when it ends in .csv)");
     }
+    sub->callback([&chosen, shared, work] { chosen = [shared, work] { work(*shared); }; });
+    return sub;
   };
 
-  {
-    auto options = std::make_shared<Options>();
-    CLI::App* command =
-        health->add_subcommand("limits", "Every limit with its share used, highest first");
-    common(command, *options, true, true);
-    command->callback([&context, &chosen, options] {
-      chosen = [&context, options] { limits(context, options->login, options->output()); };
-    });
-  }
-  {
-    auto options = std::make_shared<Options>();
-    auto since = std::make_shared<std::string>();
-    auto user = std::make_shared<std::string>();
-    auto section = std::make_shared<std::string>();
-    CLI::App* command = health->add_subcommand("audit", "The setup audit trail, newest first");
-    common(command, *options, true, true);
-    command->add_option("--since", *since, "From this date (YYYY-MM-DD) or time on");
-    command->add_option("--user", *user, "Changes by users whose name contains this");
-    command->add_option("--section", *section, "Changes in sections whose name contains this");
-    command->callback([&context, &chosen, options, since, user, section] {
-      chosen = [&context, options, since, user, section] {
+  command("limits", "Every limit with its share used, highest first", login | json | csv,
+          [&context](Options& o) { limits(context, o.login, o.output()); });
+  CLI::App* auditCommand = command(
+      "audit", "The setup audit trail, newest first", login | json | csv, [&context](Options& o) {
         AuditFilter filter;
-        if (!since->empty()) filter.since = AuditTrail::parseSince(*since);
-        if (!user->empty()) filter.user = *user;
-        if (!section->empty()) filter.section = *section;
-        audit(context, options->login, filter, options->output());
-      };
-    });
-  }
-  {
-    auto options = std::make_shared<Options>();
-    auto type = std::make_shared<std::string>();
-    CLI::App* command = health->add_subcommand(
-        "metadata", "The org's metadata types, or the components of one type");
-    common(command, *options, true, true);
-    command->add_option("TYPE", *type, "A metadata type, such as ApexClass");
-    command->callback([&context, &chosen, options, type] {
-      chosen = [&context, options, type] {
-        metadata(context, options->login, type->empty() ? std::nullopt : std::optional(*type),
-                 options->output());
-      };
-    });
-  }
-  {
-    auto options = std::make_shared<Options>();
-    auto components = std::make_shared<std::vector<std::string>>();
-    auto to = std::make_shared<std::string>();
-    CLI::App* command =
-        health->add_subcommand("retrieve", "Retrieve components into a project folder");
-    common(command, *options, true, false);
-    command->add_option("--metadata", *components, "TYPE:NAME, or TYPE for all of a type");
-    command->add_option("--to", *to, "The project folder")->required();
-    command->callback([&context, &chosen, options, components, to] {
-      chosen = [&context, options, components, to] {
-        retrieve(context, options->login, *components, *to, options->output());
-      };
-    });
-  }
-  {
-    auto options = std::make_shared<Options>();
-    auto key = std::make_shared<std::string>();
-    auto url = std::make_shared<std::string>();
-    CLI::App* command = health->add_subcommand(
-        "instance", "Current incidents and maintenances of the org's Salesforce instance");
-    common(command, *options, true, false);
-    command->add_option("--instance", *key, "The instance to ask about, such as NA45");
-    command->add_option("--status-url", *url,
-                        "The status service's address (setting \"statusServiceURL\")");
-    command->callback([&context, &chosen, options, key, url] {
-      chosen = [&context, options, key, url] {
+        if (!o.since.empty()) filter.since = AuditTrail::parseSince(o.since);
+        filter.user = o.optional(o.user);
+        filter.section = o.optional(o.section);
+        audit(context, o.login, filter, o.output());
+      });
+  auditCommand->add_option("--since", shared->since, "From this date (YYYY-MM-DD) or time on");
+  auditCommand->add_option("--user", shared->user, "Changes by users whose name contains this");
+  auditCommand->add_option("--section", shared->section, "Changes in sections whose name contains this");
+  command("metadata", "The org's metadata types, or the components of one type",
+          login | json | csv,
+          [&context](Options& o) { metadata(context, o.login, o.optional(o.type), o.output()); })
+      ->add_option("TYPE", shared->type, "A metadata type, such as ApexClass");
+  CLI::App* retrieveCommand =
+      command("retrieve", "Retrieve components into a project folder", login | json,
+              [&context](Options& o) { retrieve(context, o.login, o.components, o.to, o.output()); });
+  retrieveCommand->add_option("--metadata", shared->components, "TYPE:NAME, or TYPE for all of a type");
+  retrieveCommand->add_option("--to", shared->to, "The project folder")->required();
+  CLI::App* instanceCommand = command(
+      "instance", "Current incidents and maintenances of the org's Salesforce instance",
+      login | json, [&context](Options& o) {
         StatusService::Options service;
-        service.baseURL = url->empty() ? statusURL() : *url;
+        service.baseURL = o.url.empty() ? HealthTask::statusServiceURL() : o.url;
         service.token = StatusToken::load();
-        instance(context, options->login, key->empty() ? std::nullopt : std::optional(*key),
-                 service, options->output());
-      };
-    });
-  }
-  {
-    auto clear = std::make_shared<bool>(false);
-    CLI::App* command = health->add_subcommand(
-        "status-token",
-        "Save the status service's personal access token, read from standard input");
-    command->add_flag("--clear", *clear, "Remove the saved token");
-    command->callback([&context, &chosen, clear] {
-      chosen = [&context, clear] { statusToken(context, std::cin, *clear); };
-    });
-  }
-  {
-    auto options = std::make_shared<Options>();
-    auto domains = std::make_shared<std::vector<std::string>>();
-    auto selectors = std::make_shared<std::vector<std::string>>();
-    auto server = std::make_shared<std::string>();
-    auto seconds = std::make_shared<double>(5.0);
-    CLI::App* command =
-        health->add_subcommand("email-domains", "SPF and DKIM records of e-mail domains");
-    common(command, *options, false, false);
-    command->add_option("DOMAIN", *domains, "The domains to check")->required();
-    command->add_option("--selector", *selectors, "A DKIM selector to check");
-    command->add_option("--dns-server", *server, "Ask this DNS server (HOST:PORT)");
-    command->add_option("--timeout", *seconds, "Seconds to wait for each answer")
-        ->check(CLI::Range(0.1, 60.0));
-    command->callback([&context, &chosen, options, domains, selectors, server, seconds] {
-      chosen = [&context, options, domains, selectors, server, seconds] {
+        instance(context, o.login, o.optional(o.key), service, o.output());
+      });
+  instanceCommand->add_option("--instance", shared->key, "The instance to ask about, such as NA45");
+  instanceCommand->add_option("--status-url", shared->url,
+                              "The status service's address (setting \"statusServiceURL\")");
+  command("status-token",
+          "Save the status service's personal access token, read from standard input", nothing,
+          [&context](Options& o) { statusToken(context, std::cin, o.clear); })
+      ->add_flag("--clear", shared->clear, "Remove the saved token");
+  CLI::App* domainsCommand = command(
+      "email-domains", "SPF and DKIM records of e-mail domains", json, [&context](Options& o) {
         TXTResolver::Options resolver;
-        resolver.server = *server;
-        resolver.timeout = std::chrono::milliseconds(static_cast<std::int64_t>(*seconds * 1000));
-        emailDomains(context, *domains, *selectors, resolver, options->output());
-      };
-    });
-  }
-  {
-    auto options = std::make_shared<Options>();
-    CLI::App* command =
-        health->add_subcommand("release-updates", "The org's release updates and their due dates");
-    common(command, *options, true, false);
-    command->callback([&context, &chosen, options] {
-      chosen = [&context, options] {
-        SalesforceAPI::Client api(
-            [&context](const std::string& username) { return context.cli.session(username); });
-        releaseUpdates(context, api, options->login, options->output());
-      };
-    });
-  }
+        resolver.server = o.server;
+        resolver.timeout = std::chrono::milliseconds(static_cast<std::int64_t>(o.seconds * 1000));
+        emailDomains(context, o.domains, o.selectors, resolver, o.output());
+      });
+  domainsCommand->add_option("DOMAIN", shared->domains, "The domains to check")->required();
+  domainsCommand->add_option("--selector", shared->selectors, "A DKIM selector to check");
+  domainsCommand->add_option("--dns-server", shared->server, "Ask this DNS server (HOST:PORT)");
+  domainsCommand->add_option("--timeout", shared->seconds, "Seconds to wait for each answer")
+      ->check(CLI::Range(0.1, 60.0));
+  command("release-updates", "The org's release updates and their due dates", login | json,
+          [&context](Options& o) {
+            SalesforceAPI::Client api(
+                [&context](const std::string& username) { return context.cli.session(username); });
+            releaseUpdates(context, api, o.login, o.output());
+          });
 }
 
 }  // namespace corvane::HealthCommand

@@ -4,34 +4,21 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include <signal.h>
-
 #include <algorithm>
-#include <atomic>
 #include <iostream>
 #include <iterator>
 
 #include "app/production_guard.hpp"
-#include "connections/api_transport.hpp"
-#include "import/delimited_text.hpp"
+#include "app/interrupt_stop.hpp"
 #include "import/failed_rows.hpp"
-#include "import/import_error.hpp"
-#include "import/import_fields.hpp"
-#include "import/import_journal.hpp"
-#include "import/import_mapping.hpp"
-#include "import/import_runner.hpp"
-#include "import/run_results_workbook.hpp"
-#include "workbook/xlsx_reader.hpp"
-#include "platform/durable_file.hpp"
+#include "import/import_task.hpp"
 
 namespace corvane::ImportCommand {
 
 namespace {
 
-std::string lowercaseExtension(const std::filesystem::path& path) {
-  std::string extension = path.extension().string();
-  for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return extension;
+std::string readAll(std::istream& in) {
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 std::string escaped(const std::string& cell) {
@@ -69,46 +56,13 @@ void printLine(const std::vector<std::string>& cells, std::string& line, std::os
   out << line;
 }
 
-// Set by the first Ctrl-C of a run; a second one ends the program at once.
-std::atomic<bool> interrupted{false};
-
-extern "C" void onInterrupt(int) { interrupted = true; }
-
-// Catches Ctrl-C while it lives, so that a run stops between batches.
-class InterruptGuard {
- public:
-  InterruptGuard() {
-    interrupted = false;
-    struct sigaction action {};
-    action.sa_handler = onInterrupt;
-    action.sa_flags = SA_RESETHAND;
-    sigemptyset(&action.sa_mask);
-    ::sigaction(SIGINT, &action, &previous_);
-  }
-  ~InterruptGuard() { ::sigaction(SIGINT, &previous_, nullptr); }
-  InterruptGuard(const InterruptGuard&) = delete;
-  InterruptGuard& operator=(const InterruptGuard&) = delete;
-
- private:
-  struct sigaction previous_ {};
-};
-
 std::string count(std::size_t n, const char* one, const char* many) {
   return fmt::format("{} {}", n, n == 1 ? one : many);
 }
 
-const char* outcomeWord(const RowOutcome& outcome, bool sent, ImportOperation::Kind kind) {
-  if (!sent) return "Not sent";
-  if (!outcome.success) return "Failed";
-  if (kind == ImportOperation::Kind::remove) return "Deleted";
-  return outcome.created ? "Created" : "Updated";
-}
-
-void reportOutcome(CommandContext& context, const ImportGrid& grid, const ImportPlan& plan,
-                   const ImportRunSummary& summary, const RunOptions& options,
-                   const std::string& label) {
+void reportOutcome(std::ostream& out, const ImportPlan& plan, const ImportTask::Written& written) {
   using Kind = ImportOperation::Kind;
-  std::ostream& out = context.out;
+  const auto& summary = written.summary;
   if (summary.resumed)
     out << "This run continued an earlier one of the same file that had stopped.\n";
   std::string done;
@@ -137,76 +91,17 @@ void reportOutcome(CommandContext& context, const ImportGrid& grid, const Import
         << " not sent because of the problems above";
   }
   out << ".\n";
-  if (summary.failed + summary.notSent > 0) {
-    std::filesystem::path path =
-        options.failedRows.value_or(FailedRows::standardPath(options.file));
-    Durable::replace(path, FailedRows::csv(grid, summary.outcomes), 0644);
+  if (written.failedRowsFile) {
     out << fmt::format(
         "The rows that were not written are in {}, with a column \u201c{}\u201d that says why. "
         "Fix them there and import that file again.\n",
-        path.string(), FailedRows::kErrorHeader);
+        written.failedRowsFile->string(), FailedRows::kErrorHeader);
   }
-  if (options.results) {
-    std::vector<RunResultsWorkbook::Entry> entries;
-    entries.reserve(summary.outcomes.size());
-    for (const auto& outcome : summary.outcomes) {
-      std::string detail = fmt::format("Row {}", outcome.row + 2);
-      if (!outcome.message.empty()) detail += ": " + outcome.message;
-      entries.push_back({outcome.recordId, std::nullopt,
-                         outcomeWord(outcome, summary.sent[outcome.row], plan.operation.kind),
-                         std::move(detail)});
-    }
-    RunResultsWorkbook::write(*options.results, label, entries);
-    out << "The outcome of every row is in " << options.results->string() << ".\n";
-  }
+  if (written.resultsFile)
+    out << "The outcome of every row is in " << written.resultsFile->string() << ".\n";
 }
 
 }  // namespace
-
-ImportGrid readFile(const std::filesystem::path& path, const std::optional<std::string>& sheet) {
-  std::string extension = lowercaseExtension(path);
-  std::string name = path.filename().string();
-  if (extension == ".xls") {
-    throw ImportError::badFile(
-        name +
-        " is an old-style Excel workbook (.xls), which cannot be read. Save it as an .xlsx "
-        "workbook or as CSV in your spreadsheet program and try again.");
-  }
-  if (extension != ".xlsx" && extension != ".xlsm") {
-    if (sheet) {
-      throw ImportError::badFile(name +
-                                 " is delimited text, which has no sheets. Leave out --sheet "
-                                 "for it, or name an .xlsx workbook.");
-    }
-    return DelimitedText::parseFile(path);
-  }
-  XlsxReader reader(path);
-  if (reader.sheetNames().empty()) {
-    throw ImportError::badFile(name +
-                               " has no sheets. Nothing was imported; check that it is the "
-                               "workbook you meant.");
-  }
-  std::string chosen = sheet.value_or(reader.sheetNames().front());
-  std::optional<ImportGrid> grid = reader.readSheet(chosen);
-  if (!grid) {
-    throw ImportError::badFile(fmt::format(
-        "The sheet \u201c{}\u201d of {} has no header row: all its cells are empty. Choose another "
-        "sheet with --sheet.",
-        chosen, name));
-  }
-  return std::move(*grid);
-}
-
-ImportGrid readPasted(std::istream& in) {
-  std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  std::optional<ImportGrid> grid = DelimitedText::parsePasted(text);
-  if (!grid) {
-    throw ImportError::badFile(
-        "The pasted text holds no rows. Copy the cells again, header row included, and paste "
-        "them.");
-  }
-  return std::move(*grid);
-}
 
 void print(const ImportGrid& grid, bool json, std::ostream& out) {
   if (json) {
@@ -272,58 +167,43 @@ void printReport(const ImportMapping& mapping, const ImportPlan& plan, const std
 
 ImportPlan run(CommandContext& context, SalesforceAPI::Client& api, const RunOptions& options,
                std::istream& pasted) {
-  ImportGrid grid =
-      options.file == "-" ? readPasted(pasted) : readFile(options.file, options.sheet);
-  auto orgs = context.cli.listOrgs(true, context.listTimeout);
-  const Org& org = OrgsCommand::findLogin(orgs, options.login);
-  nlohmann::json describe = api.importObject(options.object, org);
-  std::vector<ImportField> fields = ImportFields::fromDescribe(describe);
-  std::string object =
-      describe.is_object() ? describe.value("name", options.object) : options.object;
-
-  ImportMapping mapping = ImportMapping::automatic(grid.headers, fields);
-  if (options.mapping) mapping.apply(ImportMapping::load(*options.mapping), fields, object);
-  for (const auto& assignment : options.overrides) mapping.override(assignment, fields, object);
-  mapping.checkDistinct();
-  if (options.saveMapping) {
-    mapping.save(*options.saveMapping);
+  const ImportGrid grid =
+      options.file == "-" ? ImportTask::readPasted(readAll(pasted))
+                          : ImportTask::readFile(options.file, options.sheet);
+  const Org org = context.login(options.login);
+  const auto prepared = ImportTask::prepare(
+      api, org, grid,
+      {options.object, options.operation, options.overrides, options.mapping, options.saveMapping,
+       options.coercion},
+      {});
+  if (options.saveMapping)
     context.out << "Saved the mapping to " << options.saveMapping->string() << ".\n";
-  }
-  ImportPlan plan = ImportPlan::build(grid, mapping, fields, options.operation, options.coercion);
-  printReport(mapping, plan, object, context.out);
+  const ImportPlan& plan = prepared.plan;
+  printReport(prepared.mapping, plan, prepared.object, context.out);
   if (options.dryRun || plan.blocked()) return plan;
   if (plan.readyRows() == 0) {
     context.out << "No row is ready to " << plan.operation.verb() << ", so nothing was written.\n";
     return plan;
   }
   ProductionGuard::confirm(org, fmt::format("{} {} {} records", plan.operation.verb(),
-                                            plan.readyRows(), object), context.out);
+                                            plan.readyRows(), prepared.object), context.out);
 
-  DedupeAPITransport transport(api, org);
-  ImportJournal journal(options.journal.value_or(ImportJournal::standardPath()));
-  std::string source =
-      options.file == "-" ? std::string("-") : std::filesystem::absolute(options.file).string();
-  ImportRunner::Options runOptions{org.username, object, source};
-  runOptions.again = options.again;
-  ImportRunner runner(transport, journal, runOptions);
-  InterruptGuard guard;
-  std::size_t lastShown = 0;
-  ImportRunSummary summary = runner.run(
-      plan, fields,
-      [&](const ImportProgress& progress) {
+  InterruptStop interrupt(true);
+  std::int64_t lastShown = 0;
+  const auto written = ImportTask::write(
+      api, org, grid, prepared,
+      {options.file, options.again, options.journal, options.failedRows, options.results},
+      interrupt.token(), [&](const ImportTask::Progress& progress) {
         // A line per thousand rows or so; small imports only show the summary.
-        if (progress.rowsToWrite < 1000 || progress.rowsWritten == progress.rowsToWrite ||
-            progress.rowsWritten < lastShown + 1000) {
+        if (progress.phase != ImportTask::Phase::writing || progress.total < 1000 ||
+            progress.done == progress.total || progress.done < lastShown + 1000) {
           return;
         }
-        lastShown = progress.rowsWritten;
-        context.out << fmt::format("Written {} of {} rows...\n", progress.rowsWritten,
-                                   progress.rowsToWrite)
+        lastShown = progress.done;
+        context.out << fmt::format("Written {} of {} rows...\n", progress.done, progress.total)
                     << std::flush;
-      },
-      [] { return interrupted.load(); });
-  std::string label = describe.is_object() ? describe.value("label", object) : object;
-  reportOutcome(context, grid, plan, summary, options, label);
+      });
+  reportOutcome(context.out, plan, written);
   return plan;
 }
 
@@ -344,7 +224,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   read->add_flag("--json", options->json, "Print the grid as one JSON object");
   read->callback([&context, &chosen, options] {
     chosen = [&context, options] {
-      print(readFile(options->file, options->sheet), options->json, context.out);
+      print(ImportTask::readFile(options->file, options->sheet), options->json, context.out);
     };
   });
 
@@ -353,7 +233,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       "paste", "Read pasted tab- or comma-separated text from standard input");
   paste->add_flag("--json", *pasteJSON, "Print the grid as one JSON object");
   paste->callback([&context, &chosen, pasteJSON] {
-    chosen = [&context, pasteJSON] { print(readPasted(std::cin), *pasteJSON, context.out); };
+    chosen = [&context, pasteJSON] {
+      print(ImportTask::readPasted(readAll(std::cin)), *pasteJSON, context.out);
+    };
   });
 
   struct RunText {

@@ -9,7 +9,9 @@
 // problem by row and column; without --dry-run the rows are then written, and
 // a stopped run of the same file resumes where it stopped.
 //
-// Failures are typed (ImportError, FileError); the command runner prints them.
+// The work is ImportTask's; this file turns arguments into its calls and its
+// results into text. Failures are typed (ImportError, FileError); the command
+// runner prints them.
 #pragma once
 
 #include <filesystem>
@@ -17,11 +19,13 @@
 #include <istream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "app/orgs_command.hpp"
 #include "connections/salesforce_api.hpp"
-#include "workbook/import_grid.hpp"
+#include "import/import_mapping.hpp"
 #include "import/import_plan.hpp"
+#include "workbook/import_grid.hpp"
 
 namespace CLI {
 class App;
@@ -31,14 +35,6 @@ namespace corvane::ImportCommand {
 
 // Adds the command to app; when chosen, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
-
-// The grid of a file: an .xlsx or .xlsm workbook's sheet (the first one when
-// sheet is absent), else delimited text. Throws ImportError::badFile when the
-// sheet does not exist or is blank, or when a sheet is named for a text file.
-ImportGrid readFile(const std::filesystem::path& path, const std::optional<std::string>& sheet);
-
-// The grid of pasted text; throws ImportError::badFile when it holds no row.
-ImportGrid readPasted(std::istream& in);
 
 // Writes a grid: as one JSON object {"sheetName", "headers", "rows"}, or as
 // lines of tab-separated cells (tabs, line breaks and backslashes in cells
@@ -63,10 +59,10 @@ struct RunOptions {
   bool again = false;  // import rows that an earlier run already imported in full
 };
 
-// Reads the grid, maps and checks it against the object's describe, and prints
-// the mapping and the report. Unless dryRun, then writes the rows without
-// problems (ImportRunner), prints what became of them, and writes the failed
-// rows' CSV and the results workbook. Ctrl-C stops after the batch in flight.
+// Reads the grid, maps and checks it against the object's describe
+// (ImportTask::prepare), and prints the mapping and the report. Unless dryRun,
+// then writes the rows without problems (ImportTask::write) and prints what
+// became of them. Ctrl-C stops after the batch in flight.
 // Returns the plan. Throws ImportError, MappingError, ImportRunError and the
 // transport's errors.
 ImportPlan run(CommandContext& context, SalesforceAPI::Client& api, const RunOptions& options,

@@ -2,13 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <future>
 #include <optional>
 
 #include <CLI/CLI.hpp>
-
-#include "app/command_error.hpp"
-#include "connections/ascii.hpp"
+#include <nlohmann/json.hpp>
 
 namespace corvane::OrgsCommand {
 
@@ -41,81 +38,96 @@ std::string instanceColumn(const Org& org) {
   return host.empty() ? "-" : host;
 }
 
+// One login as JSON: what the list shows, and with `full` every fact of the
+// CLI's record as well. Absent facts are null, so the keys never vary.
+nlohmann::ordered_json loginJSON(const Org& org, SystemTime now, bool full) {
+  using Ordered = nlohmann::ordered_json;
+  auto text = [](const std::optional<std::string>& value) {
+    return value ? Ordered(*value) : Ordered(nullptr);
+  };
+  auto flag = [](const std::optional<bool>& value) {
+    return value ? Ordered(*value) : Ordered(nullptr);
+  };
+  auto date = [](const std::optional<SystemTime>& time) {
+    return time ? Ordered(IsoTime::formatFractional(*time)) : Ordered(nullptr);
+  };
+  const std::string host = org.host();
+  Ordered out{{"username", org.username},
+              {"alias", text(org.alias)},
+              {"kind", label(org.type())},
+              {"connection", label(org.connection())},
+              {"connectionDetail", org.statusDetail()},
+              {"instance", text(org.instanceDisplay())},
+              {"host", host.empty() ? Ordered(nullptr) : Ordered(host)},
+              {"isDefault", org.isDefaultUsername},
+              {"checkedAlone", org.checkedAlone.value_or(false)}};
+  if (!full) return out;
+  const std::string expiry = org.expiryLabel(now);
+  out["orgId"] = text(org.orgId);
+  out["instanceUrl"] = text(org.instanceUrl);
+  out["loginUrl"] = text(org.loginUrl);
+  out["name"] = text(org.name);
+  out["edition"] = text(org.edition);
+  out["instanceName"] = text(org.instanceName);
+  out["createdOrgInstance"] = text(org.createdOrgInstance);
+  out["cliStatus"] = text(org.connectedStatusRaw);
+  out["scratchStatus"] = text(org.scratchStatus);
+  out["expired"] = flag(org.isExpiredFlag);
+  out["devHub"] = org.isDevHub;
+  out["sandbox"] = flag(org.isSandbox);
+  out["scratch"] = flag(org.isScratch);
+  out["lastUsed"] = date(org.lastUsed);
+  out["expires"] = date(org.expirationDate);
+  out["expiry"] = expiry.empty() ? Ordered(nullptr) : Ordered(expiry);
+  return out;
+}
+
 }  // namespace
 
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) {
   CLI::App* orgs = app.add_subcommand("orgs", "List the logins of the Salesforce CLI");
   auto skipStatus = std::make_shared<bool>(false);
+  auto json = std::make_shared<bool>(false);
   orgs->add_flag("--no-status", *skipStatus,
                  "Do not check the connections (faster; every state shows as unknown)");
-  orgs->callback([&context, &chosen, orgs, skipStatus] {
+  orgs->add_flag("--json", *json, "Print the logins as one JSON object");
+  orgs->callback([&context, &chosen, orgs, skipStatus, json] {
     if (orgs->get_subcommands().empty()) {
-      chosen = [&context, skipStatus] { list(context, *skipStatus); };
+      chosen = [&context, skipStatus, json] { list(context, *skipStatus, *json); };
     }
   });
 
   CLI::App* showCommand = orgs->add_subcommand("show", "Show one login and check its connection");
   auto login = std::make_shared<std::string>();
+  auto showJSON = std::make_shared<bool>(false);
   showCommand->add_option("LOGIN", *login, "A username or alias")->required();
-  showCommand->callback(
-      [&context, &chosen, login] { chosen = [&context, login] { show(context, *login); }; });
+  showCommand->add_flag("--json", *showJSON, "Print the login as one JSON object");
+  showCommand->callback([&context, &chosen, login, showJSON] {
+    chosen = [&context, login, showJSON] { show(context, *login, *showJSON); };
+  });
 }
 
-void list(CommandContext& context, bool skipConnectionStatus) {
-  auto orgs = context.cli.listOrgs(skipConnectionStatus, context.listTimeout);
-  if (orgs.empty()) {
+void list(CommandContext& context, bool skipConnectionStatus, bool json) {
+  const OrgListing::Request request{skipConnectionStatus, context.listTimeout,
+                                    context.checkTimeout};
+  const auto orgs = OrgListing::list(context.cli, request, {});
+  if (json) {
+    nlohmann::ordered_json logins = nlohmann::ordered_json::array();
+    for (const auto& org : orgs) logins.push_back(loginJSON(org, context.now(), false));
+    context.out << nlohmann::ordered_json{{"logins", std::move(logins)}}.dump(2) << "\n";
+  } else if (orgs.empty()) {
     context.out << "The Salesforce CLI has no logins. Add one with: sf org login web --alias "
                    "NAME\n";
-    return;
+  } else {
+    context.out << table(orgs);
   }
-  if (!skipConnectionStatus) {
-    orgs = checkDoubtfulAlone(context.cli, std::move(orgs), context.checkTimeout);
-  }
-  context.out << table(orgs);
 }
 
-void show(CommandContext& context, const std::string& login) {
-  // The list without its connection checks: this login is checked on its own below.
-  const auto orgs = context.cli.listOrgs(true, context.listTimeout);
-  Org org = findLogin(orgs, login);
-  org.connectedStatusRaw = context.cli.connectionStatus(org.username, context.checkTimeout);
-  org.checkedAlone = true;
-  context.out << details(org, context.now());
-}
-
-std::vector<Org> checkDoubtfulAlone(SalesforceCLI& cli, std::vector<Org> orgs,
-                                    std::chrono::milliseconds timeout) {
-  std::vector<std::pair<std::size_t, std::future<std::optional<std::string>>>> checks;
-  for (std::size_t i = 0; i < orgs.size(); ++i) {
-    if (orgs[i].connection() != OrgConnection::checking) continue;
-    checks.emplace_back(
-        i, std::async(std::launch::async, [&cli, username = orgs[i].username, timeout] {
-          return cli.connectionStatus(username, timeout);
-        }));
-  }
-  for (auto& [index, status] : checks) {
-    orgs[index].connectedStatusRaw = status.get();
-    orgs[index].checkedAlone = true;
-  }
-  return orgs;
-}
-
-const Org& findLogin(const std::vector<Org>& orgs, const std::string& login) {
-  for (const auto& org : orgs) {
-    if (Ascii::equalsIgnoringCase(org.username, login)) return org;
-  }
-  for (const auto& org : orgs) {
-    if (org.alias == login) return org;
-  }
-  std::vector<const Org*> similar;
-  for (const auto& org : orgs) {
-    if (org.alias && Ascii::equalsIgnoringCase(*org.alias, login)) similar.push_back(&org);
-  }
-  if (similar.size() == 1) return *similar.front();
-  if (similar.empty()) throw CommandError::loginNotFound(login);
-  std::vector<std::string> usernames;
-  for (const Org* org : similar) usernames.push_back(org->username);
-  throw CommandError::ambiguousLogin(login, usernames);
+void show(CommandContext& context, const std::string& login, bool json) {
+  const OrgListing::Request request{false, context.listTimeout, context.checkTimeout};
+  const Org org = OrgListing::show(context.cli, login, request, {});
+  context.out << (json ? loginJSON(org, context.now(), true).dump(2) + "\n"
+                       : details(org, context.now()));
 }
 
 std::string table(const std::vector<Org>& orgs) {

@@ -1,8 +1,6 @@
-// `corvane orgs`: the logins the Salesforce CLI knows, one line each, and
-// `corvane orgs show LOGIN`: one login in full, its connection checked alone.
-//
-// Commands throw typed errors (CLIError, CommandError); the caller turns them
-// into a sentence on standard error and a non-zero exit status.
+// `corvane orgs [--json]`: the logins the Salesforce CLI knows, one line each,
+// and `corvane orgs show LOGIN [--json]`: one login in full, its connection
+// checked alone. The work is OrgListing's; this file turns it into text.
 #pragma once
 
 #include <chrono>
@@ -11,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "connections/org.hpp"
+#include "connections/org_listing.hpp"
 #include "connections/salesforce_cli.hpp"
 
 namespace CLI {
@@ -28,6 +26,9 @@ struct CommandContext {
   // The CLI checks every login when it lists them, which takes a while.
   std::chrono::milliseconds listTimeout{120'000};
   std::chrono::milliseconds checkTimeout{60'000};
+
+  // The login a command names (OrgListing::resolve).
+  Org login(const std::string& name) { return OrgListing::resolve(cli, name, listTimeout); }
 };
 
 namespace OrgsCommand {
@@ -36,16 +37,12 @@ namespace OrgsCommand {
 // one of them, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
 
-void list(CommandContext& context, bool skipConnectionStatus);
-void show(CommandContext& context, const std::string& login);
+void list(CommandContext& context, bool skipConnectionStatus, bool json = false);
+void show(CommandContext& context, const std::string& login, bool json = false);
 
-// Logins whose state is in doubt (OrgConnection::checking) checked each on its
-// own, at the same time; their records then say checkedAlone.
-std::vector<Org> checkDoubtfulAlone(SalesforceCLI& cli, std::vector<Org> orgs,
-                                    std::chrono::milliseconds timeout);
-// The login with this username (any case), else this alias (exact, then any
-// case). Throws CommandError when none or several match.
-const Org& findLogin(const std::vector<Org>& orgs, const std::string& login);
+inline const Org& findLogin(const std::vector<Org>& orgs, const std::string& login) {
+  return OrgListing::findLogin(orgs, login);
+}
 
 // The screen texts.
 std::string table(const std::vector<Org>& orgs);

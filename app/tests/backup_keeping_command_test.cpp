@@ -1,6 +1,7 @@
 #include "app/backup_keeping_command.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <sstream>
 
@@ -90,6 +91,18 @@ TEST_F(BackupKeepingCommandTest, DeletedListsWhatBackupsFoundFilteredByObjectAnd
   object.object = "Lead";
   EXPECT_EQ(run([&](CommandContext& c) { BackupKeepingCommand::listDeleted(c, object); }),
             "No deleted records found.\n");
+
+  auto json = arguments(root);
+  json.json = true;
+  const auto listed =
+      nlohmann::json::parse(run([&](CommandContext& c) { BackupKeepingCommand::listDeleted(c, json); }));
+  EXPECT_EQ(listed.at("username"), store().identity().adminUsername);
+  ASSERT_EQ(listed.at("deletions").size(), 2u);
+  EXPECT_EQ(listed["deletions"][1],
+            (nlohmann::json{{"deletedAt", "2024-05-03T09:00:00Z"},
+                            {"object", "Contact"},
+                            {"id", "003000000000001AAA"},
+                            {"how", "missing"}}));
 }
 
 TEST_F(BackupKeepingCommandTest, RecycleBinChecksWhatTheBackupFoundAndPutsItBack) {

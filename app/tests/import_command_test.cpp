@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "app/command_error.hpp"
+#include "import/import_task.hpp"
 #include "connections/tests/fake_cli.hpp"
 #include "workbook/xlsx_reader.hpp"
 #include "platform/child_process.hpp"
@@ -40,9 +41,9 @@ std::string failure(const std::function<void()>& work) {
 }
 
 TEST(ImportRead, AWorkbookReadsItsFirstOrNamedSheet) {
-  ImportGrid first = ImportCommand::readFile(fixtureWorkbook(), std::nullopt);
+  ImportGrid first = ImportTask::readFile(fixtureWorkbook(), std::nullopt);
   EXPECT_EQ(first.sheetName, "People");
-  ImportGrid second = ImportCommand::readFile(fixtureWorkbook(), "Ünïcödé sheet");
+  ImportGrid second = ImportTask::readFile(fixtureWorkbook(), "Ünïcödé sheet");
   EXPECT_EQ(
       printed(second, false),
       "Sheet: Ünïcödé sheet\nId\tValue\n001\t1E-020\n😀 emoji\t123456789012346000\n(2 rows)\n");
@@ -51,7 +52,7 @@ TEST(ImportRead, AWorkbookReadsItsFirstOrNamedSheet) {
       R"({"headers":["Id","Value"],"rows":[["001","1E-020"],["😀 emoji","123456789012346000"]],)"
       R"("sheetName":"Ünïcödé sheet"})"
       "\n");
-  EXPECT_THAT(failure([] { ImportCommand::readFile(fixtureWorkbook(), "Nope"); }),
+  EXPECT_THAT(failure([] { ImportTask::readFile(fixtureWorkbook(), "Nope"); }),
               HasSubstr("has no sheet named \u201cNope\u201d. Its sheets are"));
 }
 
@@ -59,23 +60,22 @@ TEST(ImportRead, TextFilesAreDelimitedAndHaveNoSheets) {
   TemporaryFolder folder;
   auto path = folder.path() / "people.txt";
   std::ofstream(path) << "Name\tNote\nAda\t\"two\nlines\" and \\ a tab\t!\n";
-  ImportGrid grid = ImportCommand::readFile(path, std::nullopt);
+  ImportGrid grid = ImportTask::readFile(path, std::nullopt);
   EXPECT_EQ(printed(grid, false), "Name\tNote\nAda\ttwo\\nlines and \\\\ a tab\t!\n(1 row)\n");
   EXPECT_EQ(
       printed(grid, true),
       R"({"headers":["Name","Note"],"rows":[["Ada","two\nlines and \\ a tab","!"]],"sheetName":null})"
       "\n");
-  EXPECT_THAT(failure([&] { ImportCommand::readFile(path, "Sheet1"); }),
+  EXPECT_THAT(failure([&] { ImportTask::readFile(path, "Sheet1"); }),
               HasSubstr("people.txt is delimited text, which has no sheets."));
-  EXPECT_THAT(failure([&] { ImportCommand::readFile(folder.path() / "old.xls", std::nullopt); }),
+  EXPECT_THAT(failure([&] { ImportTask::readFile(folder.path() / "old.xls", std::nullopt); }),
               HasSubstr("old.xls is an old-style Excel workbook (.xls)"));
 }
 
 TEST(ImportPaste, PastedTextOrItsAbsenceIsReported) {
-  std::istringstream pasted("Id\n001A\n001B\n");
-  EXPECT_EQ(printed(ImportCommand::readPasted(pasted), false), "Id\n001A\n001B\n(2 rows)\n");
-  std::istringstream blank("\n\n");
-  EXPECT_EQ(failure([&] { ImportCommand::readPasted(blank); }),
+  EXPECT_EQ(printed(ImportTask::readPasted("Id\n001A\n001B\n"), false),
+            "Id\n001A\n001B\n(2 rows)\n");
+  EXPECT_EQ(failure([&] { ImportTask::readPasted("\n\n"); }),
             "The pasted text holds no rows. Copy the cells again, header row included, and paste "
             "them.\n");
 }

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "app/command_error.hpp"
 #include "connections/tests/fake_cli.hpp"
@@ -73,29 +74,37 @@ TEST(OrgsShow, FindsTheLoginByAliasAndChecksItAlone) {
                                                    "org display --target-org good@x.org --json"));
 }
 
-TEST(FindLogin, PrefersUsernameThenExactAliasAndRefusesGuesses) {
-  std::vector<Org> orgs(3);
-  orgs[0].username = "one@x.org";
-  orgs[0].alias = "Prod";
-  orgs[1].username = "prod";
-  orgs[2].username = "two@x.org";
-  orgs[2].alias = "PROD";
-  EXPECT_EQ(OrgsCommand::findLogin(orgs, "ONE@x.org").username, "one@x.org");
-  EXPECT_EQ(OrgsCommand::findLogin(orgs, "Prod").username, "prod") << "a username wins";
-  orgs[1].username = "three@x.org";
-  EXPECT_EQ(OrgsCommand::findLogin(orgs, "PROD").username, "two@x.org");
-  try {
-    OrgsCommand::findLogin(orgs, "prod");
-    FAIL() << "two aliases differ only in case";
-  } catch (const CommandError& error) {
-    EXPECT_EQ(error.kind(), CommandError::Kind::ambiguousLogin);
-  }
-  try {
-    OrgsCommand::findLogin(orgs, "nobody");
-    FAIL();
-  } catch (const CommandError& error) {
-    EXPECT_EQ(error.kind(), CommandError::Kind::loginNotFound);
-  }
+TEST(OrgsJSON, ListsEveryLoginWithStableKeysAndShowsOneInFull) {
+  FakeCLI fake;
+  answerWithTwoDoubtfulLogins(fake);
+  SalesforceCLI cli(fake.options());
+  std::ostringstream out;
+  CommandContext context{cli, out};
+  OrgsCommand::list(context, false, true);
+  const auto list = nlohmann::json::parse(out.str());
+  ASSERT_EQ(list.at("logins").size(), 2u);
+  const auto& bad = list["logins"][0];
+  EXPECT_EQ(bad.at("username"), "bad@x.org");
+  EXPECT_TRUE(bad.at("alias").is_null());
+  EXPECT_EQ(bad.at("kind"), "sandbox");
+  EXPECT_EQ(bad.at("connection"), "needs login");
+  EXPECT_EQ(bad.at("host"), "bad.sandbox.my.salesforce.com");
+  EXPECT_EQ(bad.at("isDefault"), true);
+  EXPECT_EQ(bad.at("checkedAlone"), true);
+  EXPECT_EQ(list["logins"][1].at("alias"), "good");
+
+  out.str("");
+  OrgsCommand::show(context, "good", true);
+  const auto login = nlohmann::json::parse(out.str());
+  EXPECT_EQ(login.at("username"), "good@x.org");
+  EXPECT_EQ(login.at("connection"), "connected");
+  EXPECT_EQ(login.at("cliStatus"), "Connected");
+  EXPECT_EQ(login.at("instanceUrl"), "https://good.my.salesforce.com");
+  EXPECT_EQ(login.at("sandbox"), false);
+  EXPECT_TRUE(login.at("expiry").is_null());
+  for (const char* key : {"orgId", "loginUrl", "name", "edition", "instanceName", "lastUsed",
+                          "expires", "devHub", "scratch", "expired", "scratchStatus"})
+    EXPECT_TRUE(login.contains(key)) << key;
 }
 
 // The program itself: exit status and where its words go.

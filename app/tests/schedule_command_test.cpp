@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "backup/last_run.hpp"
 #include "connections/tests/fake_cli.hpp"
@@ -114,6 +115,33 @@ TEST_F(ScheduleCommandTest, AddingAScheduledSetInstallsTheTimerAndRemovingItTake
   EXPECT_THAT(shown, HasSubstr("at minute 41 of every hour"));
   EXPECT_THAT(shown, HasSubstr("Loaded: yes"));
   EXPECT_THAT(shown, HasSubstr("Last tick: none yet"));
+
+  const auto setsJSON = nlohmann::json::parse(
+      run([&](CommandContext& c) { ScheduleCommand::listSets(c, setup, true); }));
+  ASSERT_EQ(setsJSON.at("sets").size(), 1u);
+  const auto& listedSet = setsJSON["sets"][0];
+  EXPECT_EQ(listedSet.at("username"), "admin@acme.example");
+  EXPECT_EQ(listedSet.at("orgKey"), "00D000000000001AAA");
+  EXPECT_EQ(listedSet.at("schedule"), "daily 02:30");
+  EXPECT_EQ(listedSet.at("fullCopy"), "weekly");
+  EXPECT_EQ(listedSet.at("keepLastFulls"), 5);
+  EXPECT_TRUE(listedSet.at("lastSuccessAt").is_null());
+  EXPECT_EQ(listedSet.at("includeFiles"), true);
+  EXPECT_EQ(listedSet.at("onlyObjects"), (nlohmann::json{"Account", "Contact"}));
+  EXPECT_EQ(listedSet.at("folder"),
+            sets[0].location(setup.backupRoot).folder().string());
+  const auto statusJSON =
+      nlohmann::json::parse(run([&](CommandContext& c) { ScheduleCommand::status(c, setup, true); }));
+  EXPECT_EQ(statusJSON.at("installed"), true);
+  EXPECT_EQ(statusJSON.at("scheduler"), "systemd user timer");
+  EXPECT_EQ(statusJSON.at("executable"), "/usr/local/bin/corvane");
+  EXPECT_EQ(statusJSON.at("minute"), 41);
+  EXPECT_EQ(statusJSON.at("tickMinute"), 41);
+  EXPECT_EQ(statusJSON.at("loaded"), true);
+  EXPECT_TRUE(statusJSON.at("mismatch").is_null());
+  EXPECT_TRUE(statusJSON.at("lastTick").is_null());
+  for (const char* key : {"schedulerFile", "setsUnreadable", "filesWaitForPower"})
+    EXPECT_TRUE(statusJSON.contains(key)) << key;
 
   const auto removed =
       run([&](CommandContext& c) { ScheduleCommand::removeSet(c, setup, "ADMIN@acme.example"); });
@@ -335,7 +363,7 @@ class ScheduledRunTest : public orgsim::testing::ServerFixture {
     env.calendar = ScheduleCalendar::utc();
     env.volumes = BackupVolumes::inFolder(home.path() / "Volumes");
     env.notify = [this](const std::string& text) { told.push_back(text); };
-    ScheduleCommand::OrgAccess access;
+    ScheduleTask::OrgAccess access;
     access.logins = [this] {
       ++listings;
       return std::vector<Org>{org};
@@ -347,7 +375,7 @@ class ScheduledRunTest : public orgsim::testing::ServerFixture {
     access.progress = [this](const BackupProgress& progress) {
       if (duringRun) std::exchange(duringRun, nullptr)(progress);
     };
-    env.runSet = ScheduleCommand::backupSetRunner(std::move(access));
+    env.runSet = ScheduleTask::backupSetRunner(std::move(access));
     return env;
   }
 
