@@ -456,31 +456,31 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     return;
   }
 
-  ResolutionTask::ApplyOptions applyOptions{options.dryRun, options.lockPause, options.lockAttempts};
-  const auto progress = [&](const DedupeProgress& step) {
-    if (step.phase == DedupeProgress::Phase::checking) {
-      context.out << "Checking the records in Salesforce\u2026\n";
-    } else if (step.phase == DedupeProgress::Phase::changing && options.progress) {
-      options.progress(static_cast<std::size_t>(step.done), static_cast<std::size_t>(step.total));
-    }
-  };
-  const ResolutionTask::ApplyOutcome outcome =
-      ResolutionTask::apply(api, planned, applyOptions, {}, progress);
-  if (!outcome.preflight.allFresh()) {
-    for (const PlannedChange& change : outcome.preflight.changed) {
+  context.out << "Checking the records in Salesforce\u2026\n";
+  const ResolutionPreflight::Outcome checked = ResolutionTask::check(api, planned, {});
+  if (!checked.allFresh()) {
+    for (const PlannedChange& change : checked.changed) {
       context.out << "  " << change.sfid << " was changed in Salesforce after the snapshot.\n";
     }
-    for (const PlannedChange& change : outcome.preflight.missing) {
+    for (const PlannedChange& change : checked.missing) {
       context.out << "  " << change.sfid << " is no longer in Salesforce.\n";
     }
-    outcome.throwIfIncomplete();
+    throw PreflightError::recordsChanged();
   }
   context.out << fmt::format("All {} records are as they were in the snapshot.\n",
-                             outcome.preflight.fresh.size());
-  if (!outcome.changing) {
+                             checked.fresh.size());
+  if (options.dryRun) {
     context.out << "Dry run: nothing was changed.\n";
     return;
   }
+
+  const auto progress = [&options](const DedupeProgress& step) {
+    if (options.progress) {
+      options.progress(static_cast<std::size_t>(step.done), static_cast<std::size_t>(step.total));
+    }
+  };
+  const ResolutionTask::ApplyOutcome outcome = ResolutionTask::apply(
+      api, planned, checked, {options.lockPause, options.lockAttempts}, {}, progress);
 
   const auto line = [&context](const std::string& verb, const std::string& what,
                                const std::optional<std::string>& message) {

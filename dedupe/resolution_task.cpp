@@ -69,41 +69,51 @@ Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
   return resolution;
 }
 
+namespace {
+
+bool changesNothing(const ResolutionPlan& plan) {
+  return plan.action.kind == ResolutionAction::Kind::exportOnly ||
+         (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty());
+}
+
+void report(const DedupeProgressHandler& onProgress, DedupeProgress::Phase phase,
+            std::size_t done, std::size_t total) {
+  if (!onProgress) return;
+  DedupeProgress progress;
+  progress.phase = phase;
+  progress.done = static_cast<std::int64_t>(done);
+  progress.total = static_cast<std::int64_t>(total);
+  onProgress(progress);
+}
+
+}  // namespace
+
+ResolutionPreflight::Outcome check(SalesforceAPI::Client& api, const Resolution& resolution,
+                                   std::stop_token stop,
+                                   const DedupeProgressHandler& onProgress) {
+  if (changesNothing(resolution.plan)) return {};
+  if (stop.stop_requested()) throw DedupeError::stopped();
+  DedupeAPITransport transport(api, resolution.org.value());
+  const std::vector<PlannedChange> records = ResolutionPreflight::recordsOf(resolution.plan);
+  report(onProgress, DedupeProgress::Phase::checking, 0, records.size());
+  return ResolutionPreflight(transport).check(records);
+}
+
 ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
-                   const ApplyOptions& options, std::stop_token stop,
-                   const DedupeProgressHandler& onProgress) {
+                   const ResolutionPreflight::Outcome& checked, const ApplyOptions& options,
+                   std::stop_token stop, const DedupeProgressHandler& onProgress) {
   ApplyOutcome outcome;
   const ResolutionPlan& plan = resolution.plan;
-  using Kind = ResolutionAction::Kind;
-  if (plan.action.kind == Kind::exportOnly ||
-      (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty())) {
-    return outcome;
-  }
+  if (changesNothing(plan)) return outcome;
+  if (!checked.allFresh()) throw PreflightError::recordsChanged();
   if (stop.stop_requested()) throw DedupeError::stopped();
-  const Org& org = resolution.org.value();
-  const auto report = [&onProgress](DedupeProgress::Phase phase, std::size_t done,
-                                    std::size_t total) {
-    if (!onProgress) return;
-    DedupeProgress progress;
-    progress.phase = phase;
-    progress.done = static_cast<std::int64_t>(done);
-    progress.total = static_cast<std::int64_t>(total);
-    onProgress(progress);
-  };
 
-  DedupeAPITransport transport(api, org);
-  ResolutionPreflight preflight(transport);
-  const std::vector<PlannedChange> records = ResolutionPreflight::recordsOf(plan);
-  report(DedupeProgress::Phase::checking, 0, records.size());
-  outcome.preflight = preflight.check(records);
-  outcome.checked = true;
-  if (!outcome.preflight.allFresh() || options.dryRun) return outcome;
-
-  outcome.changing = true;
-  const auto progress = [&report](std::size_t done, std::size_t total) {
-    report(DedupeProgress::Phase::changing, done, total);
+  DedupeAPITransport transport(api, resolution.org.value());
+  const auto progress = [&onProgress](std::size_t done, std::size_t total) {
+    report(onProgress, DedupeProgress::Phase::changing, done, total);
   };
   const auto shouldCancel = [&stop] { return stop.stop_requested(); };
+  using Kind = ResolutionAction::Kind;
   if (plan.action.kind == Kind::merge) {
     MergeRunner runner(transport, resolution.info.objectName,
                        {options.lockAttempts, options.lockPause, {}, shouldCancel});
@@ -145,7 +155,6 @@ ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
 }
 
 void ApplyOutcome::throwIfIncomplete() const {
-  if (checked && !preflight.allFresh()) throw PreflightError::recordsChanged();
   if (signedOut) throw DedupeError::signedOutPartWay(done, notDone);
   if (stopped) throw DedupeError::stoppedPartWay(done, notDone);
   if (failed > 0 || unknown > 0) throw DedupeError::notApplied(failed, unknown);

@@ -2,10 +2,10 @@
 // which record of each group stays and what happens to the others, and
 // applying that plan in the org.
 //
-// A face calls plan, shows it (and asks, when the org is a production one),
-// then calls apply with the same Resolution. apply checks every record again
-// in the org first: one changed since the snapshot stops everything before
-// any change. Each call blocks and prints nothing.
+// A face calls plan and shows it, then check, which looks at every record
+// again in the org (one changed since the snapshot stops everything before
+// any change), asks for confirmation when the org is a production one, then
+// calls apply with the same Resolution. Each call blocks and prints nothing.
 #pragma once
 
 #include <chrono>
@@ -54,17 +54,21 @@ Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
                 const std::filesystem::path& snapshot, const Request& request,
                 std::stop_token stop, const DedupeProgressHandler& onProgress = {});
 
+// Checks every record the plan touches in the org: one changed or gone
+// since the snapshot must stop the run before any change. Reports checking
+// (total: records). Throws PreflightError::unreadableReply and the
+// transport's errors.
+ResolutionPreflight::Outcome check(SalesforceAPI::Client& api, const Resolution& resolution,
+                                   std::stop_token stop,
+                                   const DedupeProgressHandler& onProgress = {});
+
 struct ApplyOptions {
-  bool dryRun = false;  // check the records, change nothing
   // The pause before retrying a locked row, and how often.
   std::chrono::milliseconds lockPause{1000};
   int lockAttempts = 4;
 };
 
 struct ApplyOutcome {
-  bool checked = false;  // the records were checked in the org (there was something to change)
-  ResolutionPreflight::Outcome preflight;
-  bool changing = false;  // the changes were run (checked, all fresh and not a dry run)
   std::vector<MergeRunner::MergeResult> merges;     // merge: one per planned merge
   std::vector<ChangeRunner::ChangeResult> changes;  // otherwise: one per delete or update
   std::size_t done = 0;
@@ -74,17 +78,19 @@ struct ApplyOutcome {
   bool signedOut = false;   // Salesforce ended the session part-way
   bool stopped = false;     // a stop request ended the run part-way
 
-  // The outcome as a failure, if it is one: PreflightError::recordsChanged,
-  // DedupeError signedOutPartWay, stoppedPartWay or notApplied.
+  // The outcome as a failure, if it is one: DedupeError signedOutPartWay,
+  // stoppedPartWay or notApplied.
   void throwIfIncomplete() const;
 };
 
-// Checks the plan's records in the org, then makes the merges, deletes or
-// updates (none for exportOnly or an empty plan). Reports checking (total:
-// records) and changing (done, total: calls). A stop request is honoured
-// before each call; what was not attempted is reported as such.
+// Makes the merges, deletes or updates of a checked plan (none for
+// exportOnly or an empty plan), reporting changing (done, total: calls). A
+// stop request is honoured before each call; what was not attempted is
+// reported as such. Throws PreflightError::recordsChanged, changing nothing,
+// unless checked found every record as it was in the snapshot. The face asks
+// for confirmation, when the org needs it, between check and apply.
 ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
-                   const ApplyOptions& options, std::stop_token stop,
-                   const DedupeProgressHandler& onProgress = {});
+                   const ResolutionPreflight::Outcome& checked, const ApplyOptions& options,
+                   std::stop_token stop, const DedupeProgressHandler& onProgress = {});
 
 }  // namespace corvane::ResolutionTask

@@ -141,8 +141,8 @@ TEST_F(SampleOrgTaskTest, RefusedDownloadsAreTypedAndLeaveNoFile) {
   EXPECT_THROW(SnapshotTask::remove(home_.path() / "nothing.sqlite"), DedupeError);
 }
 
-// Resolving Contacts in the sample org: a stop during the merges leaves the
-// rest not attempted and says so.
+// Resolving Contacts in the sample org: the check before any change, and a
+// stop during the merges that leaves the rest not attempted and says so.
 class ResolutionTaskTest : public SampleOrgTaskTest {
  protected:
   void SetUp() override {
@@ -166,25 +166,35 @@ class ResolutionTaskTest : public SampleOrgTaskTest {
   std::filesystem::path snapshot_;
 };
 
-TEST_F(ResolutionTaskTest, AStopDuringTheMergesLeavesTheRestNotAttempted) {
+TEST_F(ResolutionTaskTest, ChangesOnlyAfterACleanCheckAndAStopLeavesTheRestNotAttempted) {
   ResolutionTask::Request request;
   request.forApply = true;
   const auto resolution = ResolutionTask::plan(*api_, findLogin_, snapshot_, request, {});
   ASSERT_EQ(resolution.plan.merges.size(), 3u);
   ASSERT_TRUE(resolution.org);
 
-  std::stop_source stop;
   std::vector<DedupeProgress> steps;
-  const auto outcome = ResolutionTask::apply(
-      *api_, resolution, {}, stop.get_token(), [&](const DedupeProgress& step) {
-        steps.push_back(step);
-        if (step.phase == Phase::changing && step.done == 1) stop.request_stop();
-      });
-  ASSERT_FALSE(steps.empty());
+  const auto record = [&steps](const DedupeProgress& step) { steps.push_back(step); };
+  const auto checked = ResolutionTask::check(*api_, resolution, {}, record);
+  ASSERT_EQ(steps.size(), 1u);
   EXPECT_EQ(steps.front().phase, Phase::checking);
   EXPECT_EQ(steps.front().total, 6);
-  EXPECT_TRUE(outcome.checked);
-  EXPECT_TRUE(outcome.changing);
+  EXPECT_TRUE(checked.allFresh());
+  EXPECT_EQ(checked.fresh.size(), 6u);
+
+  // An unchecked plan (or one whose check found changes) changes nothing.
+  ResolutionPreflight::Outcome stale = checked;
+  stale.changed.push_back(stale.fresh.back());
+  EXPECT_THROW(ResolutionTask::apply(*api_, resolution, stale, {}, {}), PreflightError);
+
+  std::stop_source stop;
+  steps.clear();
+  const auto outcome = ResolutionTask::apply(
+      *api_, resolution, checked, {}, stop.get_token(), [&](const DedupeProgress& step) {
+        steps.push_back(step);
+        if (step.done == 1) stop.request_stop();
+      });
+  EXPECT_EQ(phasesOf(steps), std::vector<Phase>{Phase::changing});
   EXPECT_TRUE(outcome.stopped);
   EXPECT_EQ(outcome.done, 1u);
   EXPECT_EQ(outcome.notDone, 2u);
