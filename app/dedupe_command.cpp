@@ -574,132 +574,144 @@ std::vector<std::string> splitList(const std::vector<std::string>& items) {
 
 }  // namespace
 
-void MatchArguments::addTo(CLI::App& command) {
-  command.add_option("--strictness", strictness, "strict, normal or loose")
-      ->check(CLI::IsMember({"strict", "normal", "loose"}));
-  command.add_option("--window", window, "Neighbours each record is compared with in every sorted pass")
-      ->check(CLI::Range(1, 1000));
-  command.add_flag("--no-split", noSplit, "Keep large groups whole");
-}
-
-MatchSettings MatchArguments::settings() const {
-  MatchSettings settings;
-  settings.strictness = strictnessFromRaw(strictness).value_or(Strictness::normal);
-  settings.window = window;
-  settings.split.enabled = !noSplit;
-  return settings;
-}
-
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) {
   CLI::App* dedupe = app.add_subcommand("dedupe", "Download records into duplicate snapshots");
   dedupe->require_subcommand(1);
-  const auto when = [&chosen](CLI::App* command, std::function<void()> work) {
-    command->callback([&chosen, work] { chosen = work; });
-  };
-  const auto client = [&context] {
-    return std::make_unique<SalesforceAPI::Client>(
+  auto makeClient = [&context] {
+    return std::make_shared<SalesforceAPI::Client>(
         [&context](const std::string& username) { return context.cli.session(username); });
   };
 
   struct DownloadArguments {
-    std::string login, object, scope;
-    std::vector<std::string> match, extra;
+    std::string login;
+    std::string object;
+    std::vector<std::string> match;
+    std::vector<std::string> extra;
+    std::string scope;
     int pageSize = 50'000;
   };
-  auto get = std::make_shared<DownloadArguments>();
-  CLI::App* command = dedupe->add_subcommand(
+  auto args = std::make_shared<DownloadArguments>();
+  CLI::App* downloadCommand = dedupe->add_subcommand(
       "download", "Download an object's records into a new snapshot through a Bulk API job");
-  command->add_option("LOGIN", get->login, "A username or alias")->required();
-  command->add_option("OBJECT", get->object, "The object's API name, such as Contact")->required();
-  command
-      ->add_option("--match", get->match,
+  downloadCommand->add_option("LOGIN", args->login, "A username or alias")->required();
+  downloadCommand->add_option("OBJECT", args->object, "The object's API name, such as Contact")
+      ->required();
+  downloadCommand
+      ->add_option("--match", args->match,
                    "Fields to compare: FIELD[:kind[:mode]],... (kind: text, personName, "
                    "companyName, email, phone; mode: exact, close)")
       ->required();
-  command->add_option("--extra", get->extra, "Further fields to keep: FIELD,...");
-  command->add_option("--scope", get->scope, "A SOQL condition, such as \"IsDeleted = false\"");
-  command->add_option("--page-size", get->pageSize, "Records per result page")
+  downloadCommand->add_option("--extra", args->extra, "Further fields to keep: FIELD,...");
+  downloadCommand->add_option("--scope", args->scope, "A SOQL condition, such as \"IsDeleted = false\"");
+  downloadCommand->add_option("--page-size", args->pageSize, "Records per result page")
       ->check(CLI::Range(1, 1'000'000));
-  when(command, [&context, get, client] {
-    DownloadOptions options;
-    for (const std::string& choice : splitList(get->match)) {
-      options.match.push_back(parseMatchChoice(choice));
-    }
-    options.extra = splitList(get->extra);
-    if (!get->scope.empty()) options.scope = get->scope;
-    options.pageSize = get->pageSize;
-    PauseOnInterrupt pause;
-    download(context, *client(), get->login, get->object, options, pause.token());
+  downloadCommand->callback([&context, &chosen, args, makeClient] {
+    chosen = [&context, args, makeClient] {
+      DownloadOptions options;
+      for (const std::string& choice : splitList(args->match)) {
+        options.match.push_back(parseMatchChoice(choice));
+      }
+      options.extra = splitList(args->extra);
+      if (!args->scope.empty()) options.scope = args->scope;
+      options.pageSize = args->pageSize;
+      PauseOnInterrupt pause;
+      auto api = makeClient();
+      download(context, *api, args->login, args->object, options, pause.token());
+    };
   });
 
-  struct FileArguments {
-    std::string snapshot, login;
-    std::vector<std::string> ids;
-    bool json = false;
-  };
-  auto resumed = std::make_shared<FileArguments>();
-  command = dedupe->add_subcommand("resume", "Continue a paused download where it stopped");
-  command->add_option("SNAPSHOT", resumed->snapshot, "The snapshot file")->required();
-  command->add_option("--login", resumed->login,
-                      "The login to continue with (default: the one that started it)");
-  when(command, [&context, resumed, client] {
-    PauseOnInterrupt pause;
-    resume(context, *client(), resumed->snapshot, resumed->login, {}, pause.token());
+  auto snapshot = std::make_shared<std::string>();
+  auto resumeLogin = std::make_shared<std::string>();
+  CLI::App* resumeCommand =
+      dedupe->add_subcommand("resume", "Continue a paused download where it stopped");
+  resumeCommand->add_option("SNAPSHOT", *snapshot, "The snapshot file")->required();
+  resumeCommand->add_option("--login", *resumeLogin, "The login to continue with (default: the one that started it)");
+  resumeCommand->callback([&context, &chosen, snapshot, resumeLogin, makeClient] {
+    chosen = [&context, snapshot, resumeLogin, makeClient] {
+      PauseOnInterrupt pause;
+      auto api = makeClient();
+      resume(context, *api, *snapshot, *resumeLogin, {}, pause.token());
+    };
   });
 
-  auto listed = std::make_shared<FileArguments>();
-  command = dedupe->add_subcommand("snapshots", "List a login's snapshots with counts, state and size");
-  command->add_option("LOGIN", listed->login, "A username or alias")->required();
-  command->add_flag("--json", listed->json, "Print the snapshots as JSON");
-  when(command, [&context, listed, client] {
-    listSnapshots(context, *client(), listed->login, listed->json);
+  auto listLogin = std::make_shared<std::string>();
+  auto listJSON = std::make_shared<bool>(false);
+  CLI::App* listCommand =
+      dedupe->add_subcommand("snapshots", "List a login's snapshots with counts, state and size");
+  listCommand->add_option("LOGIN", *listLogin, "A username or alias")->required();
+  listCommand->add_flag("--json", *listJSON, "Print the snapshots as JSON");
+  listCommand->callback([&context, &chosen, listLogin, listJSON, makeClient] {
+    chosen = [&context, listLogin, listJSON, makeClient] {
+      auto api = makeClient();
+      listSnapshots(context, *api, *listLogin, *listJSON);
+    };
   });
 
-  struct MatchCommandArguments {
+  struct MatchArguments {
     std::string snapshot;
-    MatchArguments match;
+    std::string strictness = "normal";
+    int window = defaultWindow;
+    bool noSplit = false;
     bool json = false;
   };
-  auto matched = std::make_shared<MatchCommandArguments>();
-  command = dedupe->add_subcommand("match", "Find the duplicate groups in a snapshot");
-  command->add_option("SNAPSHOT", matched->snapshot, "The snapshot file")->required();
-  matched->match.addTo(*command);
-  command->add_flag("--json", matched->json, "Print the groups and statistics as JSON");
-  when(command, [&context, matched] {
-    match(context, matched->snapshot, {matched->match.settings(), matched->json});
+  auto matchArgs = std::make_shared<MatchArguments>();
+  CLI::App* matchCommand =
+      dedupe->add_subcommand("match", "Find the duplicate groups in a snapshot");
+  matchCommand->add_option("SNAPSHOT", matchArgs->snapshot, "The snapshot file")->required();
+  matchCommand->add_option("--strictness", matchArgs->strictness, "strict, normal or loose")
+      ->check(CLI::IsMember({"strict", "normal", "loose"}));
+  matchCommand->add_option("--window", matchArgs->window,
+                           "Neighbours each record is compared with in every sorted pass")
+      ->check(CLI::Range(1, 1000));
+  matchCommand->add_flag("--no-split", matchArgs->noSplit, "Keep large groups whole");
+  matchCommand->add_flag("--json", matchArgs->json, "Print the groups and statistics as JSON");
+  matchCommand->callback([&context, &chosen, matchArgs] {
+    chosen = [&context, matchArgs] {
+      MatchOptions options;
+      options.settings.strictness =
+          strictnessFromRaw(matchArgs->strictness).value_or(Strictness::normal);
+      options.settings.window = matchArgs->window;
+      options.settings.split.enabled = !matchArgs->noSplit;
+      options.json = matchArgs->json;
+      match(context, matchArgs->snapshot, options);
+    };
   });
 
-  auto excluded = std::make_shared<FileArguments>();
-  command = dedupe->add_subcommand(
+  auto excludeSnapshot = std::make_shared<std::string>();
+  auto excludeIds = std::make_shared<std::vector<std::string>>();
+  CLI::App* excludeCommand = dedupe->add_subcommand(
       "exclude", "Mark records \"not a duplicate\" so that no later match groups them");
-  command->add_option("SNAPSHOT", excluded->snapshot, "The snapshot file")->required();
-  command->add_option("ID", excluded->ids, "Salesforce record Ids")->required();
-  when(command, [&context, excluded] { exclude(context, excluded->snapshot, excluded->ids); });
+  excludeCommand->add_option("SNAPSHOT", *excludeSnapshot, "The snapshot file")->required();
+  excludeCommand->add_option("ID", *excludeIds, "Salesforce record Ids")->required();
+  excludeCommand->callback([&context, &chosen, excludeSnapshot, excludeIds] {
+    chosen = [&context, excludeSnapshot, excludeIds] {
+      exclude(context, *excludeSnapshot, *excludeIds);
+    };
+  });
 
   struct ResolveArguments {
-    std::string snapshot, keeper = "oldest", action = "merge", login;
-    MatchArguments match;
-    bool includeHeldBack = false, json = false, dryRun = false;
+    std::string snapshot;
+    std::string keeper = "oldest";
+    std::string action = "merge";
+    std::string strictness = "normal";
+    int window = defaultWindow;
+    bool noSplit = false;
+    bool includeHeldBack = false;
+    bool json = false;
+    bool dryRun = false;
+    std::string login;
 
-    void addTo(CLI::App& command) {
-      command.add_option("SNAPSHOT", snapshot, "The snapshot file")->required();
-      command.add_option("--keeper", keeper,
-                         "Which record stays: oldest, newest, mostComplete or recentlyUpdated");
-      command.add_option("--action", action, "merge, deleteLosers, fillGaps, tag:FIELD or exportOnly");
-      match.addTo(command);
-      command.add_flag("--include-held-back", includeHeldBack,
-                       "Also resolve groups whose records are not all near-identical");
-      command.add_option("--login", login, "The login to use (default: the one that made the snapshot)");
-    }
     ResolveOptions options() const {
       ResolveOptions out;
       auto rule = keeperRuleFromRaw(keeper);
-      if (!rule) throw DedupeError::badKeeperRule(keeper);
+      if (!rule) throw DedupeCommandError::badKeeperRule(keeper);
       auto chosenAction = ResolutionAction::fromText(action);
-      if (!chosenAction) throw DedupeError::badAction(action);
+      if (!chosenAction) throw DedupeCommandError::badAction(action);
       out.keeper = *rule;
       out.action = *chosenAction;
-      out.settings = match.settings();
+      out.settings.strictness = strictnessFromRaw(strictness).value_or(Strictness::normal);
+      out.settings.window = window;
+      out.settings.split.enabled = !noSplit;
       out.includeHeldBack = includeHeldBack;
       out.json = json;
       out.dryRun = dryRun;
@@ -707,30 +719,57 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       return out;
     }
   };
-  auto planned = std::make_shared<ResolveArguments>();
-  command = dedupe->add_subcommand(
+  auto addResolveOptions = [](CLI::App* command, ResolveArguments& arguments) {
+    command->add_option("SNAPSHOT", arguments.snapshot, "The snapshot file")->required();
+    command->add_option("--keeper", arguments.keeper,
+                        "Which record stays: oldest, newest, mostComplete or recentlyUpdated");
+    command->add_option("--action", arguments.action,
+                        "merge, deleteLosers, fillGaps, tag:FIELD or exportOnly");
+    command->add_option("--strictness", arguments.strictness, "strict, normal or loose")
+        ->check(CLI::IsMember({"strict", "normal", "loose"}));
+    command->add_option("--window", arguments.window,
+                        "Neighbours each record is compared with in every sorted pass")
+        ->check(CLI::Range(1, 1000));
+    command->add_flag("--no-split", arguments.noSplit, "Keep large groups whole");
+    command->add_flag("--include-held-back", arguments.includeHeldBack,
+                      "Also resolve groups whose records are not all near-identical");
+    command->add_option("--login", arguments.login,
+                        "The login to use (default: the one that made the snapshot)");
+  };
+
+  auto planArgs = std::make_shared<ResolveArguments>();
+  CLI::App* planCommand = dedupe->add_subcommand(
       "plan", "Show what resolving the duplicate groups would change, and the groups skipped");
-  planned->addTo(*command);
-  command->add_flag("--json", planned->json, "Print the plan as JSON");
-  when(command, [&context, planned, client] {
-    ResolveOptions options = planned->options();
-    plan(context, *client(), planned->snapshot, options);
+  addResolveOptions(planCommand, *planArgs);
+  planCommand->add_flag("--json", planArgs->json, "Print the plan as JSON");
+  planCommand->callback([&context, &chosen, planArgs, makeClient] {
+    chosen = [&context, planArgs, makeClient] {
+      ResolveOptions options = planArgs->options();
+      auto api = makeClient();
+      plan(context, *api, planArgs->snapshot, options);
+    };
   });
 
-  auto applied = std::make_shared<ResolveArguments>();
-  command = dedupe->add_subcommand(
+  auto applyArgs = std::make_shared<ResolveArguments>();
+  CLI::App* applyCommand = dedupe->add_subcommand(
       "apply", "Check the records in Salesforce, then merge or delete the duplicates");
-  applied->addTo(*command);
-  command->add_flag("--dry-run", applied->dryRun, "Plan and check only; change nothing");
-  when(command, [&context, applied, client] {
-    ResolveOptions options = applied->options();
-    apply(context, *client(), applied->snapshot, options);
+  addResolveOptions(applyCommand, *applyArgs);
+  applyCommand->add_flag("--dry-run", applyArgs->dryRun, "Plan and check only; change nothing");
+  applyCommand->callback([&context, &chosen, applyArgs, makeClient] {
+    chosen = [&context, applyArgs, makeClient] {
+      ResolveOptions options = applyArgs->options();
+      auto api = makeClient();
+      apply(context, *api, applyArgs->snapshot, options);
+    };
   });
 
   auto deleted = std::make_shared<std::string>();
-  command = dedupe->add_subcommand("delete", "Delete a snapshot file with its companions");
-  command->add_option("SNAPSHOT", *deleted, "The snapshot file")->required();
-  when(command, [&context, deleted] { remove(context, *deleted); });
+  CLI::App* deleteCommand =
+      dedupe->add_subcommand("delete", "Delete a snapshot file with its companions");
+  deleteCommand->add_option("SNAPSHOT", *deleted, "The snapshot file")->required();
+  deleteCommand->callback([&context, &chosen, deleted] {
+    chosen = [&context, deleted] { remove(context, *deleted); };
+  });
 }
 
 }  // namespace corvane::DedupeCommand

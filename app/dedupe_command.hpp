@@ -88,15 +88,6 @@ ResolutionPlan plan(CommandContext& context, SalesforceAPI::Client& api,
 void apply(CommandContext& context, SalesforceAPI::Client& api,
            const std::filesystem::path& snapshot, const ResolveOptions& options);
 
-// --strictness, --window and --no-split, as every command that matches takes them.
-struct MatchArguments {
-  std::string strictness = "normal";
-  int window = defaultWindow;
-  bool noSplit = false;
-  void addTo(CLI::App& command);
-  MatchSettings settings() const;
-};
-
 // Adds the command to app; when chosen, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
 

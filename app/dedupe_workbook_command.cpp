@@ -1,7 +1,5 @@
 #include "app/dedupe_workbook_command.hpp"
 
-#include "app/dedupe_command.hpp"
-
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -70,6 +68,34 @@ DecisionWorkbook::Decisions showDecisions(CommandContext& context,
   return decisions;
 }
 
+namespace {
+
+struct MatchArguments {
+  std::string strictness = "normal";
+  int window = defaultWindow;
+  bool noSplit = false;
+
+  void addTo(CLI::App& command) {
+    command.add_option("--strictness", strictness, "strict, normal or loose")
+        ->check(CLI::IsMember({"strict", "normal", "loose"}));
+    command
+        .add_option("--window", window,
+                    "Neighbours each record is compared with in every sorted pass")
+        ->check(CLI::Range(1, 1000));
+    command.add_flag("--no-split", noSplit, "Keep large groups whole");
+  }
+
+  MatchSettings settings() const {
+    MatchSettings settings;
+    settings.strictness = strictnessFromRaw(strictness).value_or(Strictness::normal);
+    settings.window = window;
+    settings.split.enabled = !noSplit;
+    return settings;
+  }
+};
+
+}  // namespace
+
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) {
   CLI::App* dedupe = app.get_subcommand("dedupe");
 
@@ -77,7 +103,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
     std::string snapshot;
     std::string output;
     std::string keeper = "oldest";
-    DedupeCommand::MatchArguments match;
+    MatchArguments match;
   };
   auto exportArgs = std::make_shared<ExportArguments>();
   CLI::App* exportCommand = dedupe->add_subcommand(
@@ -106,7 +132,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
     std::string snapshot;
     std::string workbook;
     bool json = false;
-    DedupeCommand::MatchArguments match;
+    MatchArguments match;
   };
   auto decisionsArgs = std::make_shared<DecisionsArguments>();
   CLI::App* decisionsCommand = dedupe->add_subcommand(
