@@ -163,11 +163,14 @@ void listSnapshots(CommandContext& context, SalesforceAPI::Client& api, const st
   if (json) {
     nlohmann::json snapshots = nlohmann::json::array();
     for (const SnapshotInfo& info : listing.snapshots) {
+      const auto known = [](const std::string& text) {
+        return text.empty() ? nlohmann::json() : nlohmann::json(text);
+      };
       snapshots.push_back({{"file", info.url.string()}, {"object", info.objectName},
-                           {"objectLabel", info.objectLabel}, {"records", info.recordCount},
+                           {"objectLabel", known(info.objectLabel)}, {"records", info.recordCount},
                            {"expected", info.totalExpected}, {"complete", info.complete},
-                           {"bytes", info.fileBytes}, {"downloadedAt", info.downloadedAt},
-                           {"downloadedBy", info.downloadedBy}});
+                           {"bytes", info.fileBytes}, {"downloadedAt", known(info.downloadedAt)},
+                           {"downloadedBy", known(info.downloadedBy)}});
     }
     context.out << nlohmann::json{{"login", listing.username}, {"snapshots", snapshots},
                                   {"bytesUsed", listing.bytesUsed}}.dump(2) << '\n';

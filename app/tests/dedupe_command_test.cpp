@@ -117,6 +117,23 @@ TEST_F(DedupeCommandTest, SnapshotsListAsJSONWithStableKeys) {
   EXPECT_EQ(entry["downloadedBy"], store().identity().adminUsername);
   EXPECT_EQ(entry["downloadedAt"].get<std::string>().substr(10, 1), "T") << entry["downloadedAt"];
   EXPECT_GT(json["bytesUsed"].get<std::int64_t>(), 0);
+
+  // A snapshot from before logins were recorded says so with null.
+  RecordStore::Creation older;
+  older.orgId = store().identity().orgId;
+  older.objectName = "Lead";
+  older.matchFields = {{"Email", "Email", MatchKind::email, MatchMode::exact}};
+  RecordStore::create(SnapshotCatalog::newURL(older.orgId, "Lead"), older)->close();
+  out_.str("");
+  DedupeCommand::listSnapshots(ctx, *api_, "sample", true);
+  const auto both = nlohmann::json::parse(out_.str());
+  ASSERT_EQ(both["snapshots"].size(), 2u);
+  for (const auto& snapshot : both["snapshots"]) {
+    if (snapshot["object"] != "Lead") continue;
+    EXPECT_TRUE(snapshot["downloadedBy"].is_null()) << snapshot;
+    EXPECT_TRUE(snapshot["objectLabel"].is_null()) << snapshot;
+    EXPECT_EQ(snapshot["complete"], false);
+  }
 }
 
 TEST_F(DedupeCommandTest, UnknownFieldsAndBadChoicesAreRefusedBeforeAnythingIsMade) {
