@@ -2,215 +2,56 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <iostream>
 #include <map>
-#include <set>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "app/production_guard.hpp"
-#include "connections/api_transport.hpp"
-#include "dedupe/change_runner.hpp"
-#include "dedupe/keeper_rules.hpp"
-#include "dedupe/matcher.hpp"
-#include "dedupe/resolution_preflight.hpp"
-#include "dedupe/normalizer.hpp"
-#include "dedupe/record_store.hpp"
-#include "dedupe/snapshot_catalog.hpp"
-#include "platform/volume_info.hpp"
+#include "connections/download_error.hpp"
+#include "dedupe/match_task.hpp"
 
-namespace corvane {
-
-DedupeCommandError DedupeCommandError::unknownRecord(const std::string& id) {
-  return {Kind::unknownRecord,
-          "The record " + id +
-              " is not in this snapshot, so nothing was marked. Check the Id, or download a "
-              "fresh copy if the record is new."};
-}
-
-DedupeCommandError DedupeCommandError::badMatchChoice(const std::string& choice) {
-  return DedupeCommandError(
-      Kind::badMatchChoice,
-      "\"" + choice + "\" is not a match field. Write FIELD, FIELD:kind or FIELD:kind:mode, where "
-                    "kind is text, personName, companyName, email or phone and mode is exact or close.");
-}
-
-DedupeCommandError DedupeCommandError::unknownField(const std::string& object,
-                                                    const std::string& field) {
-  return DedupeCommandError(Kind::unknownField, object + " has no field named \"" + field +
-                                                    "\". Check the field's API name and try again.");
-}
-
-DedupeCommandError DedupeCommandError::noMatchFields() {
-  return DedupeCommandError(Kind::noMatchFields,
-                            "Choose at least one field to compare with --match, such as --match "
-                            "Name,Email.");
-}
-
-DedupeCommandError DedupeCommandError::notASnapshot(const std::filesystem::path& path) {
-  return DedupeCommandError(Kind::notASnapshot,
-                            "\"" + path.string() + "\" is not a duplicate snapshot. List the "
-                                                   "snapshots with: corvane dedupe snapshots LOGIN");
-}
-
-DedupeCommandError DedupeCommandError::otherLogin(const std::string& downloadedBy,
-                                                  const std::string& login) {
-  return DedupeCommandError(
-      Kind::otherLogin, "This download was started by " + downloadedBy + ", not " + login +
-                            ". A paused download continues only under the login that started "
-                            "it; nothing was changed. Start a new download instead.");
-}
-
-DedupeCommandError DedupeCommandError::noLogin() {
-  return DedupeCommandError(Kind::noLogin,
-                            "This snapshot does not say which login made it. Name one with "
-                            "--login to continue it.");
-}
-
-DedupeCommandError DedupeCommandError::badKeeperRule(const std::string& text) {
-  return DedupeCommandError(Kind::badKeeperRule,
-                            "\"" + text + "\" is not a keeper rule. Use oldest, newest, "
-                                          "mostComplete or recentlyUpdated.");
-}
-
-DedupeCommandError DedupeCommandError::badAction(const std::string& text) {
-  return DedupeCommandError(Kind::badAction,
-                            "\"" + text + "\" is not an action. Use merge, deleteLosers, "
-                                          "fillGaps, tag:FIELD or exportOnly.");
-}
-
-DedupeCommandError DedupeCommandError::signedOutPartWay(std::size_t done, std::size_t notDone) {
-  return DedupeCommandError(
-      Kind::signedOutPartWay,
-      fmt::format("Salesforce signed you out part-way: {} change{} {} made, {} {} not. Log in "
-                  "again, then download a fresh copy and apply again to finish.",
-                  done, done == 1 ? "" : "s", done == 1 ? "was" : "were", notDone,
-                  notDone == 1 ? "was" : "were"));
-}
-
-DedupeCommandError DedupeCommandError::notApplied(std::size_t failed, std::size_t unknown) {
-  return DedupeCommandError(
-      Kind::notApplied,
-      fmt::format("{} change{} failed and {} may or may not have gone through; each is listed "
-                  "above. Check those records in Salesforce, then download a fresh copy before "
-                  "trying again.",
-                  failed, failed == 1 ? "" : "s", unknown));
-}
-
-namespace DedupeCommand {
+namespace corvane::DedupeCommand {
 
 namespace {
 
-bool sameName(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    if (std::tolower(static_cast<unsigned char>(a[i])) !=
-        std::tolower(static_cast<unsigned char>(b[i]))) {
-      return false;
-    }
-  }
-  return true;
+FindLogin loginsOf(CommandContext& context) {
+  return [&context](const std::string& login) {
+    auto orgs = context.cli.listOrgs(true, context.listTimeout);
+    return OrgsCommand::findLogin(orgs, login);
+  };
 }
 
-struct FieldDetail {
-  std::string name;
-  std::string label;
-  std::string type;
-};
-
-struct ObjectDetail {
-  std::string name;
-  std::string label;
-  std::string nameField = "Name";
-  std::string nameFieldLabel = "Name";
-  std::vector<FieldDetail> fields;
-
-  const FieldDetail& field(const std::string& wanted) const {
-    for (const FieldDetail& detail : fields) {
-      if (sameName(detail.name, wanted)) return detail;
-    }
-    throw DedupeCommandError::unknownField(name, wanted);
-  }
-};
-
-ObjectDetail describe(SalesforceAPI::Client& api, const Org& org, const std::string& object) {
-  nlohmann::json json = api.describe(object, org);
-  ObjectDetail detail;
-  try {
-    detail.name = json.at("name").get<std::string>();
-    detail.label = json.value("label", detail.name);
-    for (const auto& field : json.at("fields")) {
-      FieldDetail f{field.at("name").get<std::string>(), field.value("label", ""),
-                    field.value("type", "")};
-      if (field.value("nameField", false)) {
-        detail.nameField = f.name;
-        detail.nameFieldLabel = f.label;
-      }
-      detail.fields.push_back(std::move(f));
-    }
-  } catch (const nlohmann::json::exception&) {
-    throw DownloadError::unreadableReply();
-  }
-  return detail;
-}
-
-std::string orgIdOf(SalesforceAPI::Client& api, const Org& org) {
-  if (org.orgId && !org.orgId->empty()) return *org.orgId;
-  std::string id;
-  api.queryStream("SELECT Id FROM Organization", org, [&id](SalesforceAPI::QueryPage page) {
-    for (const auto& record : page.records) {
-      const JSONLiteral* value = record.find("Id");
-      if (value && value->asString()) id = *value->asString();
-    }
-    return false;
-  });
-  if (id.empty()) throw DownloadError::unreadableReply();
-  return id;
-}
-
-std::string grouped(std::int64_t value) {
-  std::string digits = std::to_string(value);
-  std::string out;
-  for (std::size_t i = 0; i < digits.size(); ++i) {
-    if (i > 0 && (digits.size() - i) % 3 == 0 && digits[i - 1] != '-') out.push_back(',');
-    out.push_back(digits[i]);
-  }
-  return out;
-}
-
-// Prints the phases: a bar that redraws in place on a terminal, one line per
-// page elsewhere.
+// Prints a download's phases: a bar that redraws in place on a terminal, one
+// line per page elsewhere.
 class ProgressPrinter {
  public:
   explicit ProgressPrinter(std::ostream& out)
       : out_(out), inPlace_(&out == &std::cout && ::isatty(STDOUT_FILENO) == 1) {}
 
-  void operator()(const DownloadPhase& phase) {
-    switch (phase.kind) {
-      case DownloadPhase::Kind::preparing:
-        if (phase.text != lastText_) line(phase.text, true);
-        lastText_ = phase.text;
-        break;
-      case DownloadPhase::Kind::downloading: {
-        constexpr int width = 30;
-        double share = phase.total > 0 ? std::min(1.0, static_cast<double>(phase.done) /
-                                                           static_cast<double>(phase.total))
-                                       : 0.0;
-        int filled = static_cast<int>(share * width);
-        line(fmt::format("[{}{}] {:3.0f}%  {} of {} records, {} received", std::string(filled, '#'),
-                         std::string(width - filled, '-'), share * 100, grouped(phase.done),
-                         grouped(phase.total), byteCountText(phase.bytes)),
-             false);
-        break;
-      }
-      case DownloadPhase::Kind::finished:
-      case DownloadPhase::Kind::paused:
-        if (open_) out_ << '\n';
-        open_ = false;
-        break;
+  void operator()(const DedupeProgress& progress) {
+    using Phase = DedupeProgress::Phase;
+    if (progress.phase == Phase::starting || progress.phase == Phase::preparing) {
+      if (progress.text != lastText_) line(progress.text, true);
+      lastText_ = progress.text;
+    } else if (progress.phase == Phase::downloading) {
+      constexpr int width = 30;
+      double share = progress.total > 0 ? std::min(1.0, static_cast<double>(progress.done) /
+                                                            static_cast<double>(progress.total))
+                                        : 0.0;
+      int filled = static_cast<int>(share * width);
+      line(fmt::format("[{}{}] {:3.0f}%  {} of {} records, {} received", std::string(filled, '#'),
+                       std::string(width - filled, '-'), share * 100, digitGroups(progress.done),
+                       digitGroups(progress.total), byteCountText(progress.bytes)),
+           false);
+    } else if (progress.phase == Phase::finished || progress.phase == Phase::paused) {
+      if (open_) out_ << '\n';
+      open_ = false;
     }
   }
 
@@ -232,192 +73,39 @@ class ProgressPrinter {
   std::string lastText_;
 };
 
-BulkQueryRunner::Options runnerOptions(const DownloadOptions& options,
-                                       const std::filesystem::path& snapshot) {
-  BulkQueryRunner::Options runner = options.runner;
-  if (!runner.freeSpace) {
-    std::filesystem::path folder = snapshot.parent_path();
-    runner.freeSpace = [folder]() -> std::optional<std::int64_t> {
-      try {
-        return static_cast<std::int64_t>(VolumeInfo::freeBytes(folder));
-      } catch (const std::exception&) {
-        return std::nullopt;
-      }
-    };
-  }
-  return runner;
-}
+using DownloadCall = std::function<SnapshotTask::DownloadOutcome(const DedupeProgressHandler&)>;
 
-void runDownload(CommandContext& context, SalesforceAPI::Client& api, const Org& org,
-                 RecordStore& store, const std::vector<SnapshotDownloader::Request>& requests,
-                 const DownloadOptions& options) {
-  DedupeAPITransport transport(api, org);
-  SnapshotDownloader downloader(transport, runnerOptions(options, store.url()));
-  ProgressPrinter progress(context.out);
-  const std::string resumeHint =
-      "To continue: corvane dedupe resume \"" + store.url().string() + "\"";
+std::filesystem::path runDownload(CommandContext& context, const DownloadCall& call) {
+  ProgressPrinter printer(context.out);
+  std::string started;  // the snapshot, once the download is under way
+  const auto stopped = [&] {
+    context.out << downloadStoppedText << "\nTo continue: corvane dedupe resume \"" << started
+                << "\"\n";
+  };
   try {
-    DownloadPhase result = downloader.download(
-        requests, store, [&progress](const DownloadPhase& phase) { progress(phase); },
-        options.shouldCancel);
-    if (result.kind == DownloadPhase::Kind::paused) {
-      context.out << downloadStoppedText << '\n' << resumeHint << '\n';
+    const SnapshotTask::DownloadOutcome outcome = call([&](const DedupeProgress& progress) {
+      if (progress.phase == DedupeProgress::Phase::starting) started = progress.item;
+      printer(progress);
+    });
+    if (outcome.alreadyComplete) {
+      context.out << "This snapshot is complete: " << digitGroups(outcome.records) << " records.\n";
+    } else if (outcome.stopped) {
+      stopped();
     } else {
-      context.out << "Stored " << grouped(result.done) << " records in "
-                  << store.url().string() << '\n';
+      context.out << "Stored " << digitGroups(outcome.records) << " records in "
+                  << outcome.snapshot.string() << '\n';
     }
+    return outcome.snapshot;
   } catch (const DownloadError& error) {
-    if (error.kind() != DownloadError::Kind::jobExpired &&
-        error.kind() != DownloadError::Kind::objectNotSupported &&
-        error.kind() != DownloadError::Kind::jobFailed) {
-      context.out << downloadStoppedText << '\n' << resumeHint << '\n';
+    using Kind = DownloadError::Kind;
+    if (!started.empty() && error.kind() != Kind::jobExpired &&
+        error.kind() != Kind::objectNotSupported && error.kind() != Kind::jobFailed) {
+      stopped();
     }
     throw;
   } catch (const UserFacingError&) {
-    context.out << downloadStoppedText << '\n' << resumeHint << '\n';
+    if (!started.empty()) stopped();
     throw;
-  }
-}
-
-}  // namespace
-
-MatchChoice parseMatchChoice(const std::string& text) {
-  MatchChoice choice;
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (true) {
-    std::size_t colon = text.find(':', start);
-    parts.push_back(text.substr(start, colon == std::string::npos ? std::string::npos : colon - start));
-    if (colon == std::string::npos) break;
-    start = colon + 1;
-  }
-  if (parts.size() > 3 || parts[0].empty()) throw DedupeCommandError::badMatchChoice(text);
-  choice.field = parts[0];
-  if (parts.size() >= 2) {
-    choice.kind = matchKindFromRaw(parts[1]);
-    if (!choice.kind) throw DedupeCommandError::badMatchChoice(text);
-  }
-  if (parts.size() == 3) {
-    choice.mode = matchModeFromRaw(parts[2]);
-    if (!choice.mode) throw DedupeCommandError::badMatchChoice(text);
-  }
-  return choice;
-}
-
-std::filesystem::path download(CommandContext& context, SalesforceAPI::Client& api,
-                               const std::string& login, const std::string& object,
-                               const DownloadOptions& options) {
-  if (options.match.empty()) throw DedupeCommandError::noMatchFields();
-  auto orgs = context.cli.listOrgs(true, context.listTimeout);
-  const Org& org = OrgsCommand::findLogin(orgs, login);
-  ObjectDetail detail = describe(api, org, object);
-
-  RecordStore::Creation creation;
-  creation.orgId = orgIdOf(api, org);
-  creation.objectName = detail.name;
-  creation.objectLabel = detail.label;
-  creation.nameFieldLabel = detail.nameFieldLabel;
-  creation.downloadedBy = org.username;
-  SnapshotDownloader::Request request;
-  request.objectName = detail.name;
-  request.nameField = detail.nameField;
-  request.scope = options.scope;
-  request.pageSize = options.pageSize;
-  for (const MatchChoice& choice : options.match) {
-    const FieldDetail& field = detail.field(choice.field);
-    MatchKind kind = choice.kind.value_or(Normalizer::guessKind(field.name, field.type, detail.name));
-    bool looseByDefault = kind == MatchKind::personName || kind == MatchKind::companyName;
-    MatchMode mode = choice.mode.value_or(looseByDefault ? MatchMode::close : MatchMode::exact);
-    creation.matchFields.push_back({field.name, field.label, kind, mode});
-    request.matchFieldNames.push_back(field.name);
-  }
-  for (const std::string& name : options.extra) {
-    const FieldDetail& field = detail.field(name);
-    creation.extraFields.push_back(field.name);
-    request.extraFieldNames.push_back(field.name);
-  }
-
-  std::filesystem::path url = SnapshotCatalog::newURL(creation.orgId, detail.name);
-  auto store = RecordStore::create(url, creation);
-  context.out << "Downloading " << detail.label << " records from " << org.username << " into "
-              << url.string() << '\n';
-  try {
-    runDownload(context, api, org, *store, {request}, options);
-  } catch (...) {
-    // A download that never got a job leaves nothing worth keeping.
-    bool empty = store->meta("jobId").value_or("").empty() && store->recordCount() == 0;
-    store->close();
-    if (empty) SnapshotCatalog::remove(url);
-    throw;
-  }
-  return url;
-}
-
-std::filesystem::path resume(CommandContext& context, SalesforceAPI::Client& api,
-                             const std::filesystem::path& snapshot, const std::string& login,
-                             const DownloadOptions& options) {
-  std::shared_ptr<RecordStore> store;
-  try {
-    store = RecordStore::open(snapshot);
-  } catch (const SQLiteError&) {
-    throw DedupeCommandError::notASnapshot(snapshot);
-  }
-  SnapshotInfo info = store->info();
-  std::string chosen = login.empty() ? info.downloadedBy : login;
-  if (chosen.empty()) throw DedupeCommandError::noLogin();
-  auto orgs = context.cli.listOrgs(true, context.listTimeout);
-  const Org& org = OrgsCommand::findLogin(orgs, chosen);
-  if (!mayResume(snapshotOwner(info.downloadedBy, org.username))) {
-    throw DedupeCommandError::otherLogin(info.downloadedBy, org.username);
-  }
-  if (info.complete) {
-    context.out << "This snapshot is complete: " << grouped(info.recordCount) << " records.\n";
-    return snapshot;
-  }
-  context.out << "Continuing the download of " << info.objectLabel << " after "
-              << grouped(info.recordCount) << " records\n";
-  runDownload(context, api, org, *store, SnapshotDownloader::requestsFor(*store), options);
-  return snapshot;
-}
-
-void listSnapshots(CommandContext& context, SalesforceAPI::Client& api, const std::string& login) {
-  auto orgs = context.cli.listOrgs(true, context.listTimeout);
-  const Org& org = OrgsCommand::findLogin(orgs, login);
-  std::string orgId = orgIdOf(api, org);
-  auto snapshots = SnapshotCatalog::snapshots(orgId);
-  if (snapshots.empty()) {
-    context.out << "No snapshots for " << org.username << " yet.\n";
-    return;
-  }
-  context.out << fmt::format("{:<20} {:>12} {:>12} {:<9} {:>10}  {:<20} {}\n", "Object", "Records",
-                             "Expected", "State", "Size", "Downloaded", "File");
-  for (const SnapshotInfo& info : snapshots) {
-    context.out << fmt::format("{:<20} {:>12} {:>12} {:<9} {:>10}  {:<20} {}\n", info.objectName,
-                               grouped(info.recordCount), grouped(info.totalExpected),
-                               info.complete ? "complete" : "paused",
-                               byteCountText(info.fileBytes), info.downloadedAt.substr(0, 19),
-                               info.url.string());
-  }
-  context.out << "Together " << byteCountText(SnapshotCatalog::bytesUsed(orgId)) << '\n';
-}
-
-void remove(CommandContext& context, const std::filesystem::path& snapshot) {
-  try {
-    RecordStore::open(snapshot)->close();
-  } catch (const SQLiteError&) {
-    throw DedupeCommandError::notASnapshot(snapshot);
-  }
-  SnapshotCatalog::remove(snapshot);
-  context.out << "Deleted " << snapshot.string() << '\n';
-}
-
-namespace {
-
-std::shared_ptr<RecordStore> openSnapshot(const std::filesystem::path& snapshot) {
-  try {
-    return RecordStore::open(snapshot);
-  } catch (const SQLiteError&) {
-    throw DedupeCommandError::notASnapshot(snapshot);
   }
 }
 
@@ -453,26 +141,77 @@ nlohmann::json statsJSON(const MatchStats& stats) {
 
 }  // namespace
 
+std::filesystem::path download(CommandContext& context, SalesforceAPI::Client& api,
+                               const std::string& login, const std::string& object,
+                               const DownloadOptions& options, std::stop_token stop) {
+  return runDownload(context, [&](const DedupeProgressHandler& onProgress) {
+    return SnapshotTask::download(api, loginsOf(context), login, object, options, stop, onProgress);
+  });
+}
+
+std::filesystem::path resume(CommandContext& context, SalesforceAPI::Client& api,
+                             const std::filesystem::path& snapshot, const std::string& login,
+                             const DownloadOptions& options, std::stop_token stop) {
+  return runDownload(context, [&](const DedupeProgressHandler& onProgress) {
+    return SnapshotTask::resume(api, loginsOf(context), snapshot, login, options.runner, stop,
+                                onProgress);
+  });
+}
+
+void listSnapshots(CommandContext& context, SalesforceAPI::Client& api, const std::string& login,
+                   bool json) {
+  const SnapshotTask::Listing listing = SnapshotTask::list(api, loginsOf(context), login);
+  if (json) {
+    nlohmann::json snapshots = nlohmann::json::array();
+    for (const SnapshotInfo& info : listing.snapshots) {
+      const auto known = [](const std::string& text) {
+        return text.empty() ? nlohmann::json() : nlohmann::json(text);
+      };
+      snapshots.push_back({{"file", info.url.string()}, {"object", info.objectName},
+                           {"objectLabel", known(info.objectLabel)}, {"records", info.recordCount},
+                           {"expected", info.totalExpected}, {"complete", info.complete},
+                           {"bytes", info.fileBytes}, {"downloadedAt", known(info.downloadedAt)},
+                           {"downloadedBy", known(info.downloadedBy)}});
+    }
+    context.out << nlohmann::json{{"login", listing.username}, {"snapshots", snapshots},
+                                  {"bytesUsed", listing.bytesUsed}}.dump(2) << '\n';
+    return;
+  }
+  if (listing.snapshots.empty()) {
+    context.out << "No snapshots for " << listing.username << " yet.\n";
+    return;
+  }
+  constexpr const char* row = "{:<20} {:>12} {:>12} {:<9} {:>10}  {:<20} {}\n";
+  context.out << fmt::format(row, "Object", "Records", "Expected", "State", "Size", "Downloaded",
+                             "File");
+  for (const SnapshotInfo& info : listing.snapshots) {
+    context.out << fmt::format(row, info.objectName, digitGroups(info.recordCount),
+                               digitGroups(info.totalExpected),
+                               info.complete ? "complete" : "paused",
+                               byteCountText(info.fileBytes), info.downloadedAt.substr(0, 19),
+                               info.url.string());
+  }
+  context.out << "Together " << byteCountText(listing.bytesUsed) << '\n';
+}
+
+void remove(CommandContext& context, const std::filesystem::path& snapshot) {
+  SnapshotTask::remove(snapshot);
+  context.out << "Deleted " << snapshot.string() << '\n';
+}
+
 MatchOutcome match(CommandContext& context, const std::filesystem::path& snapshot,
                    const MatchOptions& options) {
-  auto store = openSnapshot(snapshot);
-  std::set<Rid> excluded;
-  for (const auto& [rid, sfid] : store->exclusions()) excluded.insert(rid);
-  Matcher::Progress progress;
-  if (!options.json) progress = [&context](const std::string& text) { context.out << text << '\n'; };
-  MatchOutcome outcome = Matcher::findDuplicates(*store, options.settings, excluded, progress, {});
-
-  std::vector<Rid> grouped;
-  for (const DuplicateGroup& group : outcome.groups) {
-    grouped.insert(grouped.end(), group.members.begin(), group.members.end());
+  DedupeProgressHandler progress;
+  if (!options.json) {
+    progress = [&context](const DedupeProgress& step) { context.out << step.text << '\n'; };
   }
-  std::map<Rid, SnapshotRecord> records;
-  for (SnapshotRecord& record : store->records(grouped)) records.emplace(record.rid, std::move(record));
-  const std::vector<MatchField>& fields = store->matchFields();
+  MatchTask::Outcome outcome = MatchTask::run(snapshot, options.settings, {}, progress);
+  const std::vector<MatchField>& fields = outcome.fields;
+  auto& records = outcome.records;
 
   if (options.json) {
     nlohmann::json groups = nlohmann::json::array();
-    for (const DuplicateGroup& group : outcome.groups) {
+    for (const DuplicateGroup& group : outcome.match.groups) {
       nlohmann::json members = nlohmann::json::array();
       for (const Rid rid : group.members) {
         const SnapshotRecord& record = records[rid];
@@ -489,12 +228,12 @@ MatchOutcome match(CommandContext& context, const std::filesystem::path& snapsho
                         {"fromSplit", group.fromSplit},
                         {"why", why(group)}});
     }
-    context.out << nlohmann::json{{"groups", groups}, {"stats", statsJSON(outcome.stats)}}.dump(2)
+    context.out << nlohmann::json{{"groups", groups}, {"stats", statsJSON(outcome.match.stats)}}.dump(2)
                 << '\n';
-    return outcome;
+    return outcome.match;
   }
 
-  for (const DuplicateGroup& group : outcome.groups) {
+  for (const DuplicateGroup& group : outcome.match.groups) {
     context.out << fmt::format("Group {}: {} records, weakest link {:.4f}{}. {}\n", group.id,
                                group.members.size(), group.weakestLink,
                                group.fromSplit ? ", split from a larger group" : "", why(group));
@@ -507,7 +246,7 @@ MatchOutcome match(CommandContext& context, const std::filesystem::path& snapsho
       context.out << fmt::format("  {}  {}  ({})\n", record.sfid, record.name, values);
     }
   }
-  const MatchStats& stats = outcome.stats;
+  const MatchStats& stats = outcome.match.stats;
   context.out << fmt::format(
       "{} groups holding {} records (largest {}; {} exactly the same) among {} records; "
       "{} comparisons.\n",
@@ -531,58 +270,18 @@ MatchOutcome match(CommandContext& context, const std::filesystem::path& snapsho
         stats.splitExamined, stats.splitPerformed, stats.splitPieces, stats.splitTooBig,
         stats.largestGroupBefore);
   }
-  return outcome;
+  return outcome.match;
 }
 
 void exclude(CommandContext& context, const std::filesystem::path& snapshot,
              const std::vector<std::string>& ids) {
-  auto store = openSnapshot(snapshot);
-  std::vector<std::pair<Rid, std::string>> marked;
-  for (const std::string& id : ids) {
-    std::optional<Rid> found;
-    const std::vector<Rid> candidates = store->searchRids(id);
-    for (const auto& [rid, sfid] : store->sfids(candidates)) {
-      if (sfid == id) found = rid;
-    }
-    if (!found) throw DedupeCommandError::unknownRecord(id);
-    marked.emplace_back(*found, id);
-  }
-  store->exclude(marked);
+  const std::size_t marked = MatchTask::exclude(snapshot, ids);
   context.out << fmt::format("Marked {} record{} \"not a duplicate\": {} will be left out of every "
                              "later match.\n",
-                             marked.size(), marked.size() == 1 ? "" : "s",
-                             marked.size() == 1 ? "it" : "they");
+                             marked, marked == 1 ? "" : "s", marked == 1 ? "it" : "they");
 }
 
 namespace {
-
-struct ResolveSetting {
-  std::shared_ptr<RecordStore> store;
-  SnapshotInfo info;
-  Org org;
-  std::vector<ResolvedGroup> groups;
-  ResolutionPlan plan;
-};
-
-std::map<std::string, std::vector<ResolutionPlanner::WritableField>> writableFields(
-    SalesforceAPI::Client& api, const Org& org, const std::vector<std::string>& objects) {
-  std::map<std::string, std::vector<ResolutionPlanner::WritableField>> out;
-  for (const std::string& object : objects) {
-    nlohmann::json json = api.describe(object, org);
-    auto& fields = out[object];
-    try {
-      for (const auto& field : json.at("fields")) {
-        if (!field.value("updateable", false)) continue;
-        const std::string type = field.value("type", "");
-        fields.push_back({field.at("name").get<std::string>(),
-                          type == "string" || type == "textarea"});
-      }
-    } catch (const nlohmann::json::exception&) {
-      throw DownloadError::unreadableReply();
-    }
-  }
-  return out;
-}
 
 std::string recordText(const SnapshotRecord& record) {
   return record.name.empty() ? record.sfid : record.sfid + " (" + record.name + ")";
@@ -609,46 +308,80 @@ std::string actionText(const ResolutionAction& action) {
   return "";
 }
 
-ResolveSetting buildPlan(CommandContext& context, SalesforceAPI::Client& api,
-                         const std::filesystem::path& snapshot, const ResolveOptions& options,
-                         bool needOrg) {
-  ResolveSetting setting;
-  setting.store = openSnapshot(snapshot);
-  setting.info = setting.store->info();
-  using Kind = ResolutionAction::Kind;
-  const bool writes = options.action.kind == Kind::merge || options.action.kind == Kind::fillGaps ||
-                      options.action.kind == Kind::tagLosers;
-  if (needOrg || writes) {
-    std::string chosen = options.login.empty() ? setting.info.downloadedBy : options.login;
-    if (chosen.empty()) throw DedupeCommandError::noLogin();
-    auto orgs = context.cli.listOrgs(true, context.listTimeout);
-    setting.org = OrgsCommand::findLogin(orgs, chosen);
-  }
-
-  std::set<Rid> excluded;
-  for (const auto& [rid, sfid] : setting.store->exclusions()) excluded.insert(rid);
-  MatchOutcome outcome = Matcher::findDuplicates(*setting.store, options.settings, excluded, {}, {});
-  setting.groups = ResolutionPlanner::resolve(*setting.store, outcome.groups, options.keeper);
-
-  ResolutionPlanner::Context planning = ResolutionPlanner::contextFor(*setting.store);
-  planning.includeHeldBack = options.includeHeldBack;
-  if (writes) {
-    std::vector<std::string> objects;
-    for (const auto& object : planning.objects) objects.push_back(object.name);
-    if (objects.empty()) objects.push_back(setting.info.objectName);
-    planning.writableFields = writableFields(api, setting.org, objects);
-  }
-  setting.plan = ResolutionPlanner::plan(setting.groups, options.action, planning);
-  return setting;
+ResolutionTask::Resolution resolution(CommandContext& context, SalesforceAPI::Client& api,
+                                      const std::filesystem::path& snapshot,
+                                      const ResolveOptions& options, bool forApply) {
+  ResolutionTask::Request request{options.settings, options.keeper, options.action,
+                                  options.includeHeldBack, options.login, forApply};
+  return ResolutionTask::plan(api, loginsOf(context), snapshot, request, {});
 }
 
-void printPlan(CommandContext& context, const ResolveSetting& setting,
-               const ResolveOptions& options) {
-  const ResolutionPlan& plan = setting.plan;
+nlohmann::json planJSON(const ResolutionTask::Resolution& resolution) {
+  const ResolutionPlan& plan = resolution.plan;
+  std::map<std::int64_t, std::string> skipped(plan.skipped.begin(), plan.skipped.end());
+  std::map<std::int64_t, int> heldBack(plan.heldBack.begin(), plan.heldBack.end());
+  nlohmann::json groups = nlohmann::json::array();
+  for (const ResolvedGroup& group : resolution.groups) {
+    nlohmann::json entry{{"id", group.group.id}, {"members", nlohmann::json::array()}};
+    for (const SnapshotRecord& record : group.records) {
+      entry["members"].push_back({{"id", record.sfid}, {"name", record.name}});
+    }
+    if (const SnapshotRecord* keeper = group.keeper()) {
+      entry["keeper"] = keeper->sfid;
+      entry["why"] = KeeperRules::why(*keeper, resolution.keeper, group.records.size());
+    }
+    if (auto found = skipped.find(group.group.id); found != skipped.end()) {
+      entry["skipped"] = found->second;
+    }
+    if (auto found = heldBack.find(group.group.id); found != heldBack.end()) {
+      entry["heldBack"] = found->second;
+    }
+    groups.push_back(std::move(entry));
+  }
+  auto changes = [](const std::vector<PlannedChange>& list) {
+    nlohmann::json out = nlohmann::json::array();
+    for (const PlannedChange& change : list) {
+      out.push_back({{"id", change.sfid},
+                     {"modified", change.modified},
+                     {"groupId", change.groupId},
+                     {"fields", change.fields},
+                     {"object", change.object}});
+    }
+    return out;
+  };
+  nlohmann::json merges = nlohmann::json::array();
+  for (const PlannedMerge& merge : plan.merges) {
+    merges.push_back({{"primary", merge.primary},
+                      {"primaryModified", merge.primaryModified},
+                      {"loser", merge.loser},
+                      {"loserModified", merge.loserModified},
+                      {"groupId", merge.groupId},
+                      {"fieldValues", merge.fieldValues},
+                      {"object", merge.object}});
+  }
+  nlohmann::json skippedJSON = nlohmann::json::array();
+  for (const auto& [id, reason] : plan.skipped) skippedJSON.push_back({{"groupId", id}, {"reason", reason}});
+  nlohmann::json heldJSON = nlohmann::json::array();
+  for (const auto& [id, count] : plan.heldBack) heldJSON.push_back({{"groupId", id}, {"distinctCount", count}});
+  return {{"action", plan.action.text()},
+          {"keeper", std::string(rawValue(resolution.keeper))},
+          {"groupCount", plan.groupCount},
+          {"groups", groups},
+          {"merges", merges},
+          {"deletes", changes(plan.deletes)},
+          {"updates", changes(plan.updates)},
+          {"skipped", skippedJSON},
+          {"heldBack", heldJSON},
+          {"heldBackIncluded", plan.heldBackIncluded}};
+}
+
+void printPlan(CommandContext& context, const ResolutionTask::Resolution& resolution) {
+  const ResolutionPlan& plan = resolution.plan;
+  const KeeperRule rule = resolution.keeper;
   std::map<std::int64_t, std::string> skipped(plan.skipped.begin(), plan.skipped.end());
   std::map<std::int64_t, int> heldBack(plan.heldBack.begin(), plan.heldBack.end());
   std::map<std::string, const SnapshotRecord*> bySfid;
-  for (const ResolvedGroup& group : setting.groups) {
+  for (const ResolvedGroup& group : resolution.groups) {
     for (const SnapshotRecord& record : group.records) bySfid[record.sfid] = &record;
   }
   auto named = [&bySfid](const std::string& sfid) {
@@ -656,69 +389,10 @@ void printPlan(CommandContext& context, const ResolveSetting& setting,
     return found == bySfid.end() ? sfid : recordText(*found->second);
   };
 
-  if (options.json) {
-    nlohmann::json groups = nlohmann::json::array();
-    for (const ResolvedGroup& group : setting.groups) {
-      nlohmann::json entry{{"id", group.group.id}, {"members", nlohmann::json::array()}};
-      for (const SnapshotRecord& record : group.records) {
-        entry["members"].push_back({{"id", record.sfid}, {"name", record.name}});
-      }
-      if (const SnapshotRecord* keeper = group.keeper()) {
-        entry["keeper"] = keeper->sfid;
-        entry["why"] = KeeperRules::why(*keeper, options.keeper, group.records.size());
-      }
-      if (auto found = skipped.find(group.group.id); found != skipped.end()) {
-        entry["skipped"] = found->second;
-      }
-      if (auto found = heldBack.find(group.group.id); found != heldBack.end()) {
-        entry["heldBack"] = found->second;
-      }
-      groups.push_back(std::move(entry));
-    }
-    auto changes = [](const std::vector<PlannedChange>& list) {
-      nlohmann::json out = nlohmann::json::array();
-      for (const PlannedChange& change : list) {
-        out.push_back({{"id", change.sfid},
-                       {"modified", change.modified},
-                       {"groupId", change.groupId},
-                       {"fields", change.fields},
-                       {"object", change.object}});
-      }
-      return out;
-    };
-    nlohmann::json merges = nlohmann::json::array();
-    for (const PlannedMerge& merge : plan.merges) {
-      merges.push_back({{"primary", merge.primary},
-                        {"primaryModified", merge.primaryModified},
-                        {"loser", merge.loser},
-                        {"loserModified", merge.loserModified},
-                        {"groupId", merge.groupId},
-                        {"fieldValues", merge.fieldValues},
-                        {"object", merge.object}});
-    }
-    nlohmann::json skippedJSON = nlohmann::json::array();
-    for (const auto& [id, reason] : plan.skipped) skippedJSON.push_back({{"groupId", id}, {"reason", reason}});
-    nlohmann::json heldJSON = nlohmann::json::array();
-    for (const auto& [id, count] : plan.heldBack) heldJSON.push_back({{"groupId", id}, {"distinctCount", count}});
-    context.out << nlohmann::json{{"action", plan.action.text()},
-                                  {"keeper", std::string(rawValue(options.keeper))},
-                                  {"groupCount", plan.groupCount},
-                                  {"groups", groups},
-                                  {"merges", merges},
-                                  {"deletes", changes(plan.deletes)},
-                                  {"updates", changes(plan.updates)},
-                                  {"skipped", skippedJSON},
-                                  {"heldBack", heldJSON},
-                                  {"heldBackIncluded", plan.heldBackIncluded}}
-                       .dump(2)
-                << '\n';
-    return;
-  }
-
-  context.out << fmt::format("Plan for {} {} records: {}. {}\n", setting.info.recordCount,
-                             setting.info.objectLabel, actionText(plan.action),
-                             KeeperRules::label(options.keeper));
-  for (const ResolvedGroup& group : setting.groups) {
+  context.out << fmt::format("Plan for {} {} records: {}. {}\n", resolution.info.recordCount,
+                             resolution.info.objectLabel, actionText(plan.action),
+                             KeeperRules::label(rule));
+  for (const ResolvedGroup& group : resolution.groups) {
     const std::int64_t id = group.group.id;
     if (auto found = skipped.find(id); found != skipped.end()) {
       context.out << fmt::format("Group {} ({} records) skipped: {}\n", id, group.records.size(),
@@ -728,7 +402,7 @@ void printPlan(CommandContext& context, const ResolveSetting& setting,
     const SnapshotRecord* keeper = group.keeper();
     context.out << fmt::format("Group {} ({} records): keep {}. {}.\n", id, group.records.size(),
                                recordText(*keeper),
-                               KeeperRules::why(*keeper, options.keeper, group.records.size()));
+                               KeeperRules::why(*keeper, rule, group.records.size()));
     if (auto found = heldBack.find(id); found != heldBack.end()) {
       context.out << fmt::format(
           "  Held back: {} of its records differ from all the others. {}\n", found->second,
@@ -754,7 +428,7 @@ void printPlan(CommandContext& context, const ResolveSetting& setting,
   }
   context.out << fmt::format(
       "{} groups: {} to resolve ({} merges, {} deletes, {} updates), {} skipped, {} held back.\n",
-      setting.groups.size(), plan.groupCount, plan.merges.size(), plan.deletes.size(),
+      resolution.groups.size(), plan.groupCount, plan.merges.size(), plan.deletes.size(),
       plan.updates.size(), plan.skipped.size(), plan.heldBack.size());
 }
 
@@ -762,18 +436,20 @@ void printPlan(CommandContext& context, const ResolveSetting& setting,
 
 ResolutionPlan plan(CommandContext& context, SalesforceAPI::Client& api,
                     const std::filesystem::path& snapshot, const ResolveOptions& options) {
-  ResolveSetting setting = buildPlan(context, api, snapshot, options, false);
-  printPlan(context, setting, options);
-  return setting.plan;
+  const ResolutionTask::Resolution planned = resolution(context, api, snapshot, options, false);
+  if (options.json) {
+    context.out << planJSON(planned).dump(2) << '\n';
+  } else {
+    printPlan(context, planned);
+  }
+  return planned.plan;
 }
 
 void apply(CommandContext& context, SalesforceAPI::Client& api,
            const std::filesystem::path& snapshot, const ResolveOptions& options) {
-  ResolveOptions quiet = options;
-  quiet.json = false;
-  ResolveSetting setting = buildPlan(context, api, snapshot, quiet, true);
-  printPlan(context, setting, quiet);
-  const ResolutionPlan& plan = setting.plan;
+  const ResolutionTask::Resolution planned = resolution(context, api, snapshot, options, true);
+  printPlan(context, planned);
+  const ResolutionPlan& plan = planned.plan;
   using Kind = ResolutionAction::Kind;
   if (plan.action.kind == Kind::exportOnly) {
     context.out << "This action changes nothing in Salesforce.\n";
@@ -784,10 +460,8 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     return;
   }
 
-  DedupeAPITransport transport(api, setting.org);
-  ResolutionPreflight preflight(transport);
   context.out << "Checking the records in Salesforce\u2026\n";
-  ResolutionPreflight::Outcome checked = preflight.check(ResolutionPreflight::recordsOf(plan));
+  const ResolutionPreflight::Outcome checked = ResolutionTask::check(api, planned, {});
   if (!checked.allFresh()) {
     for (const PlannedChange& change : checked.changed) {
       context.out << "  " << change.sfid << " was changed in Salesforce after the snapshot.\n";
@@ -803,86 +477,57 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     context.out << "Dry run: nothing was changed.\n";
     return;
   }
-  ProductionGuard::confirm(setting.org,
+  ProductionGuard::confirm(*planned.org,
                            fmt::format("make {} merges, {} deletes and {} updates of {} records",
                                        plan.merges.size(), plan.deletes.size(),
-                                       plan.updates.size(), setting.info.objectName),
+                                       plan.updates.size(), planned.info.objectName),
                            context.out);
 
-  std::size_t done = 0;
-  std::size_t failed = 0;
-  std::size_t unknown = 0;
-  std::size_t notDone = 0;
-  bool signedOut = false;
-  if (plan.action.kind == Kind::merge) {
-    MergeRunner::Options runnerOptions;
-    runnerOptions.lockPause = options.lockPause;
-    runnerOptions.lockAttempts = options.lockAttempts;
-    MergeRunner runner(transport, setting.info.objectName, runnerOptions);
-    for (const MergeRunner::MergeResult& result : runner.run(plan.merges, options.progress)) {
-      using Status = MergeRunner::MergeResult::Status;
-      const PlannedMerge& merge = plan.merges[result.index];
-      std::string what = merge.loser + " into " + merge.primary + " (group " +
-                         std::to_string(merge.groupId) + ")";
-      switch (result.status) {
-        case Status::merged:
-          ++done;
-          context.out << "Merged " << what << '\n';
-          break;
-        case Status::failed:
-          ++failed;
-          context.out << "Failed " << what << ": " << result.message.value_or("") << '\n';
-          break;
-        case Status::unknown:
-          ++unknown;
-          context.out << "Unknown " << what << ": " << result.message.value_or("") << '\n';
-          break;
-        case Status::skipped:
-        case Status::notAttempted:
-          ++notDone;
-          context.out << "Not merged " << what << ": " << result.message.value_or("") << '\n';
-          break;
-      }
+  const auto progress = [&options](const DedupeProgress& step) {
+    if (options.progress) {
+      options.progress(static_cast<std::size_t>(step.done), static_cast<std::size_t>(step.total));
     }
-    signedOut = runner.signedOut();
-  } else {
-    ChangeRunner::Options runnerOptions;
-    runnerOptions.lockPause = options.lockPause;
-    runnerOptions.lockAttempts = options.lockAttempts;
-    ChangeRunner runner(transport, runnerOptions);
-    const bool deleting = plan.action.kind == Kind::deleteLosers;
-    const std::string verb = deleting ? "Deleted " : "Updated ";
-    auto results = deleting ? runner.deleteRecords(plan.deletes, options.progress)
-                            : runner.updateRecords(plan.updates, options.progress);
-    for (const ChangeRunner::ChangeResult& result : results) {
-      using Status = ChangeRunner::ChangeResult::Status;
-      std::string what = result.sfid + " (group " + std::to_string(result.groupId) + ")";
-      switch (result.status) {
-        case Status::done:
-          ++done;
-          context.out << verb << what << '\n';
-          break;
-        case Status::failed:
-          ++failed;
-          context.out << "Failed " << what << ": " << result.message.value_or("") << '\n';
-          break;
-        case Status::unknown:
-          ++unknown;
-          context.out << "Unknown " << what << ": " << result.message.value_or("") << '\n';
-          break;
-        case Status::notAttempted:
-          ++notDone;
-          context.out << "Not " << (deleting ? "deleted " : "updated ") << what << ": "
-                      << result.message.value_or("") << '\n';
-          break;
-      }
+  };
+  const ResolutionTask::ApplyOutcome outcome = ResolutionTask::apply(
+      api, planned, checked, {options.lockPause, options.lockAttempts}, {}, progress);
+
+  const auto line = [&context](const std::string& verb, const std::string& what,
+                               const std::optional<std::string>& message) {
+    context.out << verb << what;
+    if (message) context.out << ": " << *message;
+    context.out << '\n';
+  };
+  for (const MergeRunner::MergeResult& result : outcome.merges) {
+    using Status = MergeRunner::MergeResult::Status;
+    const PlannedMerge& merge = plan.merges[result.index];
+    const std::string what = merge.loser + " into " + merge.primary + " (group " +
+                             std::to_string(merge.groupId) + ")";
+    const std::string message = result.message.value_or("");
+    switch (result.status) {
+      case Status::merged: line("Merged ", what, std::nullopt); break;
+      case Status::failed: line("Failed ", what, message); break;
+      case Status::unknown: line("Unknown ", what, message); break;
+      case Status::skipped:
+      case Status::notAttempted: line("Not merged ", what, message); break;
     }
-    signedOut = runner.signedOut();
   }
-  context.out << fmt::format("{} done, {} failed, {} to check in Salesforce, {} not done.\n", done,
-                             failed, unknown, notDone);
-  if (signedOut) throw DedupeCommandError::signedOutPartWay(done, notDone);
-  if (failed > 0 || unknown > 0) throw DedupeCommandError::notApplied(failed, unknown);
+  const bool deleting = plan.action.kind == Kind::deleteLosers;
+  for (const ChangeRunner::ChangeResult& result : outcome.changes) {
+    using Status = ChangeRunner::ChangeResult::Status;
+    const std::string what = result.sfid + " (group " + std::to_string(result.groupId) + ")";
+    const std::string message = result.message.value_or("");
+    switch (result.status) {
+      case Status::done: line(deleting ? "Deleted " : "Updated ", what, std::nullopt); break;
+      case Status::failed: line("Failed ", what, message); break;
+      case Status::unknown: line("Unknown ", what, message); break;
+      case Status::notAttempted:
+        line(deleting ? "Not deleted " : "Not updated ", what, message);
+        break;
+    }
+  }
+  context.out << fmt::format("{} done, {} failed, {} to check in Salesforce, {} not done.\n",
+                             outcome.done, outcome.failed, outcome.unknown, outcome.notDone);
+  outcome.throwIfIncomplete();
 }
 
 namespace {
@@ -891,19 +536,34 @@ std::atomic<bool> pauseRequested{false};
 
 extern "C" void requestPause(int) { pauseRequested.store(true); }
 
-// Ctrl-C pauses the download instead of killing it, while it lasts.
+// Ctrl-C asks the download to pause instead of killing it, while it lasts: a
+// watcher turns the signal's flag into a stop request.
 class PauseOnInterrupt {
  public:
   PauseOnInterrupt() {
     pauseRequested.store(false);
     previous_ = std::signal(SIGINT, requestPause);
+    watcher_ = std::jthread([this](std::stop_token own) {
+      while (!own.stop_requested() && !pauseRequested.load()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
+      if (pauseRequested.load()) pause_.request_stop();
+    });
   }
-  ~PauseOnInterrupt() { std::signal(SIGINT, previous_); }
+  ~PauseOnInterrupt() {
+    watcher_.request_stop();
+    watcher_.join();
+    std::signal(SIGINT, previous_);
+  }
   PauseOnInterrupt(const PauseOnInterrupt&) = delete;
   PauseOnInterrupt& operator=(const PauseOnInterrupt&) = delete;
 
+  std::stop_token token() const { return pause_.get_token(); }
+
  private:
   void (*previous_)(int);
+  std::stop_source pause_;
+  std::jthread watcher_;
 };
 
 std::vector<std::string> splitList(const std::vector<std::string>& items) {
@@ -963,10 +623,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       options.extra = splitList(args->extra);
       if (!args->scope.empty()) options.scope = args->scope;
       options.pageSize = args->pageSize;
-      options.shouldCancel = [] { return pauseRequested.load(); };
       PauseOnInterrupt pause;
       auto api = makeClient();
-      download(context, *api, args->login, args->object, options);
+      download(context, *api, args->login, args->object, options, pause.token());
     };
   });
 
@@ -978,22 +637,22 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   resumeCommand->add_option("--login", *resumeLogin, "The login to continue with (default: the one that started it)");
   resumeCommand->callback([&context, &chosen, snapshot, resumeLogin, makeClient] {
     chosen = [&context, snapshot, resumeLogin, makeClient] {
-      DownloadOptions options;
-      options.shouldCancel = [] { return pauseRequested.load(); };
       PauseOnInterrupt pause;
       auto api = makeClient();
-      resume(context, *api, *snapshot, *resumeLogin, options);
+      resume(context, *api, *snapshot, *resumeLogin, {}, pause.token());
     };
   });
 
   auto listLogin = std::make_shared<std::string>();
+  auto listJSON = std::make_shared<bool>(false);
   CLI::App* listCommand =
       dedupe->add_subcommand("snapshots", "List a login's snapshots with counts, state and size");
   listCommand->add_option("LOGIN", *listLogin, "A username or alias")->required();
-  listCommand->callback([&context, &chosen, listLogin, makeClient] {
-    chosen = [&context, listLogin, makeClient] {
+  listCommand->add_flag("--json", *listJSON, "Print the snapshots as JSON");
+  listCommand->callback([&context, &chosen, listLogin, listJSON, makeClient] {
+    chosen = [&context, listLogin, listJSON, makeClient] {
       auto api = makeClient();
-      listSnapshots(context, *api, *listLogin);
+      listSnapshots(context, *api, *listLogin, *listJSON);
     };
   });
 
@@ -1122,6 +781,4 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   });
 }
 
-}  // namespace DedupeCommand
-
-}  // namespace corvane
+}  // namespace corvane::DedupeCommand

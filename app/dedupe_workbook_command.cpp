@@ -1,75 +1,12 @@
 #include "app/dedupe_workbook_command.hpp"
 
-#include <map>
-#include <set>
-
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "app/dedupe_command.hpp"
-#include "dedupe/matcher.hpp"
-#include "dedupe/record_store.hpp"
-
-namespace corvane {
-
-DedupeWorkbookError DedupeWorkbookError::noGroups() {
-  return {Kind::noGroups,
-          "No duplicate groups were found in this snapshot, so no workbook was written. Try "
-          "--strictness loose, or download again with other match fields."};
-}
-
-DedupeWorkbookError DedupeWorkbookError::problems(std::size_t count,
-                                                  const std::filesystem::path& workbook) {
-  return {Kind::problems,
-          fmt::format("The workbook {} has {} problem{}, listed above; nothing was changed. "
-                      "Correct {} in the workbook, save it and read it again.",
-                      workbook.filename().string(), count, count == 1 ? "" : "s",
-                      count == 1 ? "it" : "them")};
-}
-
-namespace DedupeWorkbookCommand {
+namespace corvane::DedupeWorkbookCommand {
 
 namespace {
-
-// The snapshot's memory of the groups its last decision workbook holds.
-constexpr const char* exportedGroupsKey = "decisionWorkbookGroups";
-
-std::shared_ptr<RecordStore> openSnapshot(const std::filesystem::path& snapshot) {
-  try {
-    return RecordStore::open(snapshot);
-  } catch (const SQLiteError&) {
-    throw DedupeCommandError::notASnapshot(snapshot);
-  }
-}
-
-MatchOutcome matchGroups(RecordStore& store, const MatchSettings& settings,
-                         const Matcher::Progress& progress) {
-  std::set<Rid> excluded;
-  for (const auto& [rid, sfid] : store.exclusions()) excluded.insert(rid);
-  return Matcher::findDuplicates(store, settings, excluded, progress, {});
-}
-
-std::string groupsJSON(const std::vector<DecisionWorkbook::DecidedGroup>& groups) {
-  nlohmann::json json = nlohmann::json::array();
-  for (const auto& group : groups) json.push_back({{"id", group.id}, {"ids", group.recordIds}});
-  return json.dump();
-}
-
-std::optional<std::vector<DecisionWorkbook::DecidedGroup>> storedGroups(RecordStore& store) {
-  const std::optional<std::string> text = store.meta(exportedGroupsKey);
-  if (!text) return std::nullopt;
-  try {
-    std::vector<DecisionWorkbook::DecidedGroup> groups;
-    for (const auto& group : nlohmann::json::parse(*text)) {
-      groups.push_back({group.at("id").get<std::int64_t>(),
-                        group.at("ids").get<std::vector<std::string>>()});
-    }
-    return groups;
-  } catch (const nlohmann::json::exception&) {
-    return std::nullopt;  // unreadable: match again instead
-  }
-}
 
 std::string joined(const std::vector<std::string>& ids) {
   std::string out;
@@ -83,90 +20,28 @@ std::vector<DecisionWorkbook::DecidedGroup> exportWorkbook(CommandContext& conte
                                                            const std::filesystem::path& snapshot,
                                                            const std::filesystem::path& workbook,
                                                            const ExportOptions& options) {
-  auto store = openSnapshot(snapshot);
-  const MatchOutcome outcome = matchGroups(
-      *store, options.settings, [&context](const std::string& text) { context.out << text << '\n'; });
-  if (outcome.groups.empty()) throw DedupeWorkbookError::noGroups();
-
-  std::vector<Rid> grouped;
-  for (const DuplicateGroup& group : outcome.groups)
-    grouped.insert(grouped.end(), group.members.begin(), group.members.end());
-  std::map<Rid, SnapshotRecord> records;
-  for (SnapshotRecord& record : store->records(grouped)) records.emplace(record.rid, std::move(record));
-
-  const SnapshotInfo info = store->info();
-  DecisionWorkbook::Layout layout;
-  layout.objectName = info.objectName;
-  layout.objectLabel = info.objectLabel.empty() ? info.objectName : info.objectLabel;
-  if (!info.nameFieldLabel.empty()) layout.nameLabel = info.nameFieldLabel;
-  layout.matchFields = store->matchFields();
-  layout.extraFields = store->extraFields();
-
-  std::vector<DecisionWorkbook::ExportGroup> exported;
-  std::vector<DecisionWorkbook::DecidedGroup> decided;
-  std::size_t recordCount = 0;
-  for (const DuplicateGroup& group : outcome.groups) {
-    DecisionWorkbook::ExportGroup entry{group, {}, std::nullopt};
-    DecisionWorkbook::DecidedGroup ids{group.id, {}};
-    for (const Rid rid : group.members) {
-      auto found = records.find(rid);
-      if (found == records.end()) continue;  // gone from the snapshot meanwhile
-      ids.recordIds.push_back(found->second.sfid);
-      entry.records.push_back(found->second);
-    }
-    entry.suggested = KeeperRules::keeperIndex(entry.records, options.keeper);
-    recordCount += entry.records.size();
-    exported.push_back(std::move(entry));
-    decided.push_back(std::move(ids));
-  }
-
-  DecisionWorkbook::write(workbook, layout, exported);
-  store->setMeta(exportedGroupsKey, groupsJSON(decided));
-
-  context.out << fmt::format("Wrote {} group{} holding {} records to {}.\n", decided.size(),
-                             decided.size() == 1 ? "" : "s", recordCount, workbook.string())
+  const auto progress = [&context](const DedupeProgress& step) {
+    if (step.phase == DedupeProgress::Phase::matching) context.out << step.text << '\n';
+  };
+  const DecisionWorkbookTask::ExportOutcome outcome =
+      DecisionWorkbookTask::exportWorkbook(snapshot, workbook, options, {}, progress);
+  const std::size_t count = outcome.groups.size();
+  context.out << fmt::format("Wrote {} group{} holding {} records to {}.\n", count,
+                             count == 1 ? "" : "s", outcome.recordCount, workbook.string())
               << "Suggested keepers: " << KeeperRules::label(options.keeper) << '\n'
               << "Type Keep, Delete or Not a duplicate in the Action column, save, then check it "
                  "with:\n"
               << fmt::format("  corvane dedupe decisions \"{}\" \"{}\"\n", snapshot.string(),
                              workbook.string());
-  return decided;
-}
-
-std::vector<DecisionWorkbook::DecidedGroup> exportedGroups(const std::filesystem::path& snapshot,
-                                                           const MatchSettings& settings) {
-  auto store = openSnapshot(snapshot);
-  if (auto stored = storedGroups(*store)) return *stored;
-
-  const MatchOutcome outcome = matchGroups(*store, settings, {});
-  std::vector<Rid> grouped;
-  for (const DuplicateGroup& group : outcome.groups)
-    grouped.insert(grouped.end(), group.members.begin(), group.members.end());
-  std::map<Rid, std::string> sfids;
-  for (auto& [rid, sfid] : store->sfids(grouped)) sfids.emplace(rid, std::move(sfid));
-  std::vector<DecisionWorkbook::DecidedGroup> groups;
-  for (const DuplicateGroup& group : outcome.groups) {
-    DecisionWorkbook::DecidedGroup ids{group.id, {}};
-    for (const Rid rid : group.members) {
-      auto found = sfids.find(rid);
-      if (found != sfids.end()) ids.recordIds.push_back(found->second);
-    }
-    groups.push_back(std::move(ids));
-  }
-  return groups;
-}
-
-DecisionWorkbook::Decisions readDecisions(const std::filesystem::path& snapshot,
-                                          const std::filesystem::path& workbook,
-                                          const MatchSettings& settings) {
-  return DecisionWorkbook::read(workbook, exportedGroups(snapshot, settings));
+  return outcome.groups;
 }
 
 DecisionWorkbook::Decisions showDecisions(CommandContext& context,
                                           const std::filesystem::path& snapshot,
                                           const std::filesystem::path& workbook,
                                           const MatchSettings& settings, bool json) {
-  DecisionWorkbook::Decisions decisions = readDecisions(snapshot, workbook, settings);
+  DecisionWorkbook::Decisions decisions =
+      DecisionWorkbookTask::readDecisions(snapshot, workbook, settings);
   if (json) {
     context.out << nlohmann::json{{"keeps", decisions.keeps},
                                   {"deletes", decisions.deletes},
@@ -189,7 +64,7 @@ DecisionWorkbook::Decisions showDecisions(CommandContext& context,
     }
   }
   if (!decisions.problems.empty())
-    throw DedupeWorkbookError::problems(decisions.problems.size(), workbook);
+    throw DedupeError::problems(decisions.problems.size(), workbook);
   return decisions;
 }
 
@@ -276,6 +151,4 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   });
 }
 
-}  // namespace DedupeWorkbookCommand
-
-}  // namespace corvane
+}  // namespace corvane::DedupeWorkbookCommand

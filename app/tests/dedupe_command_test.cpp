@@ -1,5 +1,5 @@
-// `corvane dedupe` against the sample org: a download into a snapshot, a
-// paused one resumed, the owner check, listing and deleting.
+// `corvane dedupe` against the sample org: a download into a snapshot,
+// listing (as text and JSON) and deleting.
 #include "app/dedupe_command.hpp"
 
 #include <cstdlib>
@@ -96,32 +96,47 @@ TEST_F(DedupeCommandTest, DownloadsAnObjectIntoANewSnapshot) {
   EXPECT_THROW(DedupeCommand::remove(ctx, url), DedupeCommandError);
 }
 
-TEST_F(DedupeCommandTest, PausedDownloadResumesToTheSameRows) {
+TEST_F(DedupeCommandTest, SnapshotsListAsJSONWithStableKeys) {
   auto ctx = context();
-  auto whole = DedupeCommand::download(ctx, *api_, "sample", "Account", accountOptions());
+  DedupeCommand::listSnapshots(ctx, *api_, "sample", true);
+  auto empty = nlohmann::json::parse(out_.str());
+  EXPECT_EQ(empty["login"], store().identity().adminUsername);
+  EXPECT_TRUE(empty["snapshots"].empty());
+  EXPECT_EQ(empty["bytesUsed"], 0);
 
-  auto options = accountOptions();
-  int asked = 0;
-  options.shouldCancel = [&asked] { return ++asked > 3; };
-  auto paused = DedupeCommand::download(ctx, *api_, "sample", "Account", options);
-  EXPECT_NE(out_.str().find("Download stopped."), std::string::npos);
-  auto partial = RecordStore::open(paused)->info();
-  EXPECT_FALSE(partial.complete);
+  auto url = DedupeCommand::download(ctx, *api_, "sample", "Account", accountOptions());
+  out_.str("");
+  DedupeCommand::listSnapshots(ctx, *api_, "sample", true);
+  const auto json = nlohmann::json::parse(out_.str());
+  ASSERT_EQ(json["snapshots"].size(), 1u);
+  const auto& entry = json["snapshots"][0];
+  EXPECT_EQ(entry["file"], url.string());
+  EXPECT_EQ(entry["object"], "Account");
+  EXPECT_EQ(entry["objectLabel"], "Account");
+  EXPECT_EQ(entry["records"], 25);
+  EXPECT_EQ(entry["expected"], 25);
+  EXPECT_EQ(entry["complete"], true);
+  EXPECT_GT(entry["bytes"].get<std::int64_t>(), 0);
+  EXPECT_EQ(entry["downloadedBy"], store().identity().adminUsername);
+  EXPECT_EQ(entry["downloadedAt"].get<std::string>().substr(10, 1), "T") << entry["downloadedAt"];
+  EXPECT_GT(json["bytesUsed"].get<std::int64_t>(), 0);
 
-  // Another login may not continue it.
-  try {
-    DedupeCommand::resume(ctx, *api_, paused, "other", accountOptions());
-    FAIL();
-  } catch (const DedupeCommandError& error) {
-    EXPECT_EQ(error.kind(), DedupeCommandError::Kind::otherLogin);
+  // A snapshot from before logins were recorded says so with null.
+  RecordStore::Creation older;
+  older.orgId = store().identity().orgId;
+  older.objectName = "Lead";
+  older.matchFields = {{"Email", "Email", MatchKind::email, MatchMode::exact}};
+  RecordStore::create(SnapshotCatalog::newURL(older.orgId, "Lead"), older)->close();
+  out_.str("");
+  DedupeCommand::listSnapshots(ctx, *api_, "sample", true);
+  const auto both = nlohmann::json::parse(out_.str());
+  ASSERT_EQ(both["snapshots"].size(), 2u);
+  for (const auto& snapshot : both["snapshots"]) {
+    if (snapshot["object"] != "Lead") continue;
+    EXPECT_TRUE(snapshot["downloadedBy"].is_null()) << snapshot;
+    EXPECT_TRUE(snapshot["objectLabel"].is_null()) << snapshot;
+    EXPECT_EQ(snapshot["complete"], false);
   }
-  DedupeCommand::resume(ctx, *api_, paused, "", accountOptions());
-  auto a = RecordStore::open(whole);
-  auto b = RecordStore::open(paused);
-  ASSERT_TRUE(b->info().complete);
-  std::vector<Rid> all;
-  for (Rid rid = 1; rid <= static_cast<Rid>(a->recordCount()); ++rid) all.push_back(rid);
-  EXPECT_EQ(a->records(all), b->records(all));
 }
 
 TEST_F(DedupeCommandTest, UnknownFieldsAndBadChoicesAreRefusedBeforeAnythingIsMade) {

@@ -1,0 +1,96 @@
+// The entry points for resolving a snapshot's duplicate groups: planning
+// which record of each group stays and what happens to the others, and
+// applying that plan in the org.
+//
+// A face calls plan and shows it, then check, which looks at every record
+// again in the org (one changed since the snapshot stops everything before
+// any change), asks for confirmation when the org is a production one, then
+// calls apply with the same Resolution. Each call blocks and prints nothing.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <vector>
+
+#include "connections/salesforce_api.hpp"
+#include "dedupe/change_runner.hpp"
+#include "dedupe/dedupe_error.hpp"
+#include "dedupe/dedupe_task.hpp"
+#include "dedupe/keeper_rules.hpp"
+#include "dedupe/merge_runner.hpp"
+#include "dedupe/resolution_planner.hpp"
+#include "dedupe/resolution_preflight.hpp"
+
+namespace corvane::ResolutionTask {
+
+struct Request {
+  MatchSettings settings;  // the groups are found again, leaving out "not a duplicate" records
+  KeeperRule keeper = KeeperRule::oldest;
+  ResolutionAction action = ResolutionAction::merge();
+  bool includeHeldBack = false;
+  std::string login;  // empty: the login that made the snapshot
+  bool forApply = false;  // find the org whatever the action: apply needs it
+};
+
+struct Resolution {
+  std::filesystem::path snapshot;
+  SnapshotInfo info;
+  KeeperRule keeper = KeeperRule::oldest;
+  std::optional<Org> org;  // found for the actions that write values, and for apply
+  std::vector<ResolvedGroup> groups;
+  ResolutionPlan plan;
+};
+
+// Matches the snapshot (reporting the matching steps) and picks the keepers;
+// the field details (what can be written) are read from the org for the
+// actions that write values. A stop request ends it with
+// DedupeError::stopped. Throws notASnapshot, noLogin and the errors of
+// findLogin and the transport.
+Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
+                const std::filesystem::path& snapshot, const Request& request,
+                std::stop_token stop, const DedupeProgressHandler& onProgress = {});
+
+// Checks every record the plan touches in the org: one changed or gone
+// since the snapshot must stop the run before any change. Reports checking
+// (total: records). Throws PreflightError::unreadableReply and the
+// transport's errors.
+ResolutionPreflight::Outcome check(SalesforceAPI::Client& api, const Resolution& resolution,
+                                   std::stop_token stop,
+                                   const DedupeProgressHandler& onProgress = {});
+
+struct ApplyOptions {
+  // The pause before retrying a locked row, and how often.
+  std::chrono::milliseconds lockPause{1000};
+  int lockAttempts = 4;
+};
+
+struct ApplyOutcome {
+  std::vector<MergeRunner::MergeResult> merges;     // merge: one per planned merge
+  std::vector<ChangeRunner::ChangeResult> changes;  // otherwise: one per delete or update
+  std::size_t done = 0;
+  std::size_t failed = 0;
+  std::size_t unknown = 0;  // may or may not have gone through
+  std::size_t notDone = 0;  // skipped or not attempted
+  bool signedOut = false;   // Salesforce ended the session part-way
+  bool stopped = false;     // a stop request ended the run part-way
+
+  // The outcome as a failure, if it is one: DedupeError signedOutPartWay,
+  // stoppedPartWay or notApplied.
+  void throwIfIncomplete() const;
+};
+
+// Makes the merges, deletes or updates of a checked plan (none for
+// exportOnly or an empty plan), reporting changing (done, total: calls). A
+// stop request is honoured before each call; what was not attempted is
+// reported as such. Throws PreflightError::recordsChanged, changing nothing,
+// unless checked found every record as it was in the snapshot. The face asks
+// for confirmation, when the org needs it, between check and apply.
+ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
+                   const ResolutionPreflight::Outcome& checked, const ApplyOptions& options,
+                   std::stop_token stop, const DedupeProgressHandler& onProgress = {});
+
+}  // namespace corvane::ResolutionTask
