@@ -10,6 +10,8 @@ std::string_view rawValue(Strictness strictness) {
       return "normal";
     case Strictness::loose:
       return "loose";
+    case Strictness::automatic:
+      return "auto";
   }
   return "normal";
 }
@@ -18,6 +20,7 @@ std::optional<Strictness> strictnessFromRaw(std::string_view raw) {
   if (raw == "strict") return Strictness::strict;
   if (raw == "normal") return Strictness::normal;
   if (raw == "loose") return Strictness::loose;
+  if (raw == "auto") return Strictness::automatic;
   return std::nullopt;
 }
 

@@ -14,8 +14,11 @@
 
 namespace corvane {
 
-// How far close values may differ. Raw texts "strict", "normal", "loose".
-enum class Strictness { strict, normal, loose };
+// How far close values may differ. Raw texts "strict", "normal", "loose",
+// "auto". The first three are rules every field must pass; `automatic`
+// weighs each field's agreement by what it tells on this snapshot
+// (ProbabilisticLinker) and needs no field to pass on its own.
+enum class Strictness { strict, normal, loose, automatic };
 
 std::string_view rawValue(Strictness strictness);
 std::optional<Strictness> strictnessFromRaw(std::string_view raw);

@@ -10,6 +10,7 @@
 #include "dedupe/filler_values.hpp"
 #include "dedupe/group_splitter.hpp"
 #include "dedupe/phonetic.hpp"
+#include "dedupe/probabilistic_linker.hpp"
 #include "dedupe/record_store.hpp"
 #include "dedupe/similarity.hpp"
 #include "dedupe/sorted_neighbourhood.hpp"
@@ -27,6 +28,7 @@ Thresholds thresholds(Strictness strictness) {
     case Strictness::strict:
       return {0.95, 0.91};
     case Strictness::normal:
+    case Strictness::automatic:  // only the group splitter scores by rules under auto
       return {0.90, 0.86};
     case Strictness::loose:
       return {0.85, 0.81};
@@ -343,9 +345,24 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
   }
 
   report("Comparing records\u2026");
+  const bool automatic = settings.strictness == Strictness::automatic;
+  if (automatic) {
+    ProbabilisticLinker::Callbacks callbacks;
+    callbacks.together = [&](std::uint32_t a, std::uint32_t b) {
+      return forest.find(a) == forest.find(b);
+    };
+    callbacks.join = join;
+    callbacks.progress = report;
+    callbacks.shouldCancel = shouldCancel;
+    const ProbabilisticLinker::Linkage linkage =
+        ProbabilisticLinker::link(fields, columns, tagged, settings.window, callbacks);
+    stats.comparisons += linkage.comparisons;
+    outcome.cancelled = linkage.cancelled;
+  }
   std::vector<std::uint32_t> everyone(count);
   for (std::uint32_t r = 0; r < count; ++r) everyone[r] = r;
-  for (const Pass& pass : buildPassList(fields, closeIdx, tagged)) {
+  for (const Pass& pass :
+       automatic ? std::vector<Pass>() : buildPassList(fields, closeIdx, tagged)) {
     report(pass.title);
     std::int64_t sinceCheck = 0;
     bool stop = false;
@@ -387,7 +404,8 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
     pending.push_back({std::move(members), low, false});
   }
 
-  if (settings.split.enabled && !outcome.cancelled) {
+  // The splitter cuts by the rules' scores, which auto's links need not reach.
+  if (settings.split.enabled && !outcome.cancelled && !automatic) {
     bool announced = false;
     std::vector<Pending> replaced;
     for (Pending& group : pending) {

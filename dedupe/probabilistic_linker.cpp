@@ -1,0 +1,307 @@
+#include "dedupe/probabilistic_linker.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "dedupe/email_tag.hpp"
+#include "dedupe/field_agreement.hpp"
+#include "dedupe/matcher.hpp"
+#include "dedupe/phonetic.hpp"
+#include "dedupe/sorted_neighbourhood.hpp"
+
+namespace corvane::ProbabilisticLinker {
+namespace {
+
+using FellegiSunter::Level;
+using FellegiSunter::Pattern;
+
+struct Blocking {
+  std::string title;
+  std::vector<std::uint32_t> order;  // the records with a key, sorted by it
+};
+
+bool hasLetters(const FlatColumn& column) {
+  return std::any_of(column.data.begin(), column.data.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte >= 'a' && byte <= 'z') || byte >= 0x80;
+  });
+}
+
+std::vector<std::uint32_t> orderByColumn(const FlatColumn& column) {
+  std::vector<std::uint32_t> order;
+  order.reserve(column.size());
+  for (std::uint32_t r = 0; r < column.size(); ++r) {
+    if (!column.value(r).empty()) order.push_back(r);
+  }
+  Matcher::sortByKey(order, [&](std::uint32_t id) { return column.value(id); });
+  return order;
+}
+
+template <typename Derive>
+std::vector<std::uint32_t> orderByDerived(const FlatColumn& column, Derive&& derive) {
+  FlatColumn keys;
+  std::vector<std::uint32_t> owner;
+  std::string key;
+  for (std::uint32_t r = 0; r < column.size(); ++r) {
+    const std::string_view value = column.value(r);
+    if (value.empty()) continue;
+    key.clear();
+    derive(value, key);
+    if (key.empty()) continue;
+    keys.append(key);
+    owner.push_back(r);
+  }
+  std::vector<std::uint32_t> index(owner.size());
+  for (std::uint32_t i = 0; i < index.size(); ++i) index[i] = i;
+  Matcher::sortByKey(index, [&](std::uint32_t id) { return keys.value(id); });
+  for (std::uint32_t& i : index) i = owner[i];
+  return index;
+}
+
+void reversed(std::string_view value, std::string& key) { key.assign(value.rbegin(), value.rend()); }
+
+void wordsSorted(std::string_view value, std::string& key) {
+  std::array<std::string_view, 16> words;
+  std::size_t count = 0;
+  for (std::size_t start = 0; start < value.size() && count < words.size();) {
+    std::size_t end = value.find(' ', start);
+    if (end == std::string_view::npos) end = value.size();
+    if (end > start) words[count++] = value.substr(start, end - start);
+    start = end + 1;
+  }
+  std::sort(words.begin(), words.begin() + static_cast<std::ptrdiff_t>(count));
+  for (std::size_t i = 0; i < count; ++i) {
+    if (i > 0) key.push_back(' ');
+    key.append(words[i]);
+  }
+}
+
+void localPart(std::string_view value, std::string& key) {
+  const auto at = value.rfind('@');
+  key.assign(at == std::string_view::npos ? value : value.substr(0, at));
+}
+
+// Scores pairs field by field, cheapest kind first.
+class Scorer {
+ public:
+  Scorer(const std::vector<MatchField>& fields, const std::vector<FlatColumn>& columns,
+         const std::vector<FlatColumn>& sounds, const std::vector<bool>& tagged)
+      : fields_(fields), columns_(columns), sounds_(sounds), tagged_(tagged) {
+    for (std::size_t f = 0; f < columns_.size(); ++f) byCost_.push_back(f);
+    std::stable_sort(byCost_.begin(), byCost_.end(), [&](std::size_t x, std::size_t y) {
+      return cost(fields_[x].kind) < cost(fields_[y].kind);
+    });
+  }
+
+  Level level(std::size_t f, std::uint32_t a, std::uint32_t b) const {
+    const FlatColumn& sound = sounds_[f];
+    const bool withSound = sound.size() == columns_[f].size();
+    const FieldAgreement::Value x{columns_[f].value(a), withSound ? sound.value(a) : std::string_view()};
+    const FieldAgreement::Value y{columns_[f].value(b), withSound ? sound.value(b) : std::string_view()};
+    return FieldAgreement::level(x, y, fields_[f].kind, fields_[f].mode,
+                                 f < tagged_.size() && tagged_[f]);
+  }
+
+  Pattern pattern(std::uint32_t a, std::uint32_t b) const {
+    Pattern result = 0;
+    for (std::size_t f = 0; f < columns_.size(); ++f) {
+      result = FellegiSunter::withLevel(result, f, level(f, a, b));
+    }
+    return result;
+  }
+
+  void useWeights(std::vector<std::array<double, FellegiSunter::levelCount>> table) {
+    weights_ = std::move(table);
+    // best_[i]: the most the fields byCost_[i..] can still add.
+    best_.assign(byCost_.size() + 1, 0.0);
+    for (std::size_t i = byCost_.size(); i-- > 0;) {
+      const auto& row = weights_[byCost_[i]];
+      best_[i] = best_[i + 1] + *std::max_element(row.begin(), row.end());
+    }
+  }
+
+  // The pair's weight and whether every field is exact, or none when the
+  // weight cannot reach threshold.
+  std::optional<std::pair<double, bool>> weighAbove(std::uint32_t a, std::uint32_t b,
+                                                    double threshold) const {
+    double sum = 0;
+    bool allExact = true;
+    for (std::size_t i = 0; i < byCost_.size(); ++i) {
+      if (sum + best_[i] < threshold) return std::nullopt;
+      const std::size_t f = byCost_[i];
+      const Level l = level(f, a, b);
+      allExact = allExact && l == Level::exact;
+      sum += weights_[f][static_cast<std::size_t>(l)];
+    }
+    if (sum < threshold) return std::nullopt;
+    return std::make_pair(sum, allExact);
+  }
+
+ private:
+  static int cost(MatchKind kind) {
+    switch (kind) {
+      case MatchKind::phone:
+        return 0;
+      case MatchKind::email:
+        return 1;
+      case MatchKind::text:
+        return 2;
+      case MatchKind::companyName:
+        return 3;
+      case MatchKind::personName:
+        return 4;
+    }
+    return 5;
+  }
+
+  const std::vector<MatchField>& fields_;
+  const std::vector<FlatColumn>& columns_;
+  const std::vector<FlatColumn>& sounds_;
+  const std::vector<bool>& tagged_;
+  std::vector<std::size_t> byCost_;
+  std::vector<std::array<double, FellegiSunter::levelCount>> weights_;
+  std::vector<double> best_;
+};
+
+}  // namespace
+
+Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatColumn>& allColumns,
+             const std::vector<bool>& taggedEmail, int window, const Callbacks& callbacks) {
+  Linkage linkage;
+  const auto report = [&](const std::string& text) {
+    if (callbacks.progress) callbacks.progress(text);
+  };
+  const auto cancelled = [&] { return callbacks.shouldCancel && callbacks.shouldCancel(); };
+  const std::size_t fieldCount = std::min(allFields.size(), FellegiSunter::maxFields);
+  const std::vector<MatchField> fields(allFields.begin(),
+                                       allFields.begin() + static_cast<std::ptrdiff_t>(fieldCount));
+  const std::vector<FlatColumn>& columns = allColumns;
+  const auto span = static_cast<std::size_t>(std::max(window, 1));
+
+  report("Finding candidate pairs");
+  std::vector<FlatColumn> sounds(fieldCount);
+  std::vector<Blocking> blockings;
+  for (std::size_t f = 0; f < fieldCount; ++f) {
+    const MatchField& field = fields[f];
+    const FlatColumn& column = columns[f];
+    const bool close = field.mode == MatchMode::close;
+    const bool tagged = f < taggedEmail.size() && taggedEmail[f];
+    blockings.push_back({"Comparing " + field.label, orderByColumn(column)});
+    if (close) {
+      blockings.push_back({"Comparing " + field.label + " from the end",
+                           orderByDerived(column, reversed)});
+    }
+    if (close && FieldAgreement::usesSound(field.kind) && hasLetters(column)) {
+      FlatColumn& sound = sounds[f];
+      sound.offsets.reserve(column.size() + 1);
+      for (std::uint32_t r = 0; r < column.size(); ++r) {
+        const std::string_view value = column.value(r);
+        sound.append(value.empty() ? std::string() : Phonetic::key(value));
+      }
+      blockings.push_back({"Comparing " + field.label + " by sound", orderByColumn(sound)});
+      if (field.kind == MatchKind::personName) {
+        blockings.push_back({"Comparing " + field.label + " by sound, in any order",
+                             orderByDerived(sound, wordsSorted)});
+      }
+    }
+    if (field.kind == MatchKind::email) {
+      blockings.push_back({"Comparing " + field.label + " by name", orderByDerived(column, localPart)});
+      if (tagged) {
+        blockings.push_back({"Comparing " + field.label + " without +tags",
+                             orderByDerived(column, [](std::string_view value, std::string& key) {
+                               key = EmailTag::canonical(value);
+                             })});
+      }
+    }
+    if (cancelled()) {
+      linkage.cancelled = true;
+      return linkage;
+    }
+  }
+
+  Scorer scorer(fields, columns, sounds, taggedEmail);
+  const auto slotsOf = [&](std::size_t n) {
+    // Pairs (i, i+k) with 1 <= k <= span and i+k < n.
+    if (n < 2) return std::uint64_t{0};
+    const std::uint64_t full = n > span ? n - span : 0;
+    const std::uint64_t tail = std::min<std::uint64_t>(n - 1, span);
+    return full * span + tail * (tail + 1) / 2;
+  };
+  std::uint64_t totalSlots = 0;
+  std::uint64_t totalRecords = 0;
+  for (const Blocking& blocking : blockings) {
+    totalSlots += slotsOf(blocking.order.size());
+    totalRecords += blocking.order.size();
+  }
+
+  report("Learning what tells records apart");
+  std::vector<Pattern> sample;
+  if (totalSlots <= sampleSize) {
+    for (const Blocking& blocking : blockings) {
+      const auto& order = blocking.order;
+      for (std::size_t i = 0; i < order.size(); ++i) {
+        for (std::size_t j = i + 1; j < std::min(order.size(), i + 1 + span); ++j) {
+          sample.push_back(scorer.pattern(order[i], order[j]));
+        }
+      }
+    }
+  } else {
+    std::mt19937_64 random(sampleSeed);
+    sample.reserve(sampleSize);
+    for (std::size_t draw = 0; draw < sampleSize; ++draw) {
+      std::uint64_t at = random() % totalRecords;
+      std::size_t p = 0;
+      while (at >= blockings[p].order.size()) at -= blockings[p++].order.size();
+      const std::uint64_t k = 1 + random() % span;
+      const auto& order = blockings[p].order;
+      if (at + k >= order.size()) continue;
+      sample.push_back(scorer.pattern(order[at], order[at + k]));
+    }
+  }
+  linkage.sampled = static_cast<std::int64_t>(sample.size());
+  const std::vector<FellegiSunter::PatternCount> counts = FellegiSunter::tally(std::move(sample));
+  linkage.model = FellegiSunter::estimate(fieldCount, counts);
+  linkage.threshold = FellegiSunter::chooseThreshold(linkage.model, counts, minExpectedPrecision,
+                                                     minMatchProbability);
+  scorer.useWeights(FellegiSunter::weights(linkage.model));
+  if (cancelled()) {
+    linkage.cancelled = true;
+    return linkage;
+  }
+  if (std::isinf(linkage.threshold)) return linkage;
+
+  for (const Blocking& blocking : blockings) {
+    report(blocking.title);
+    const auto& order = blocking.order;
+    std::int64_t sinceCheck = 0;
+    for (std::size_t i = 0; i < order.size(); ++i) {
+      const std::size_t end = std::min(order.size(), i + 1 + span);
+      for (std::size_t j = i + 1; j < end; ++j) {
+        ++linkage.candidates;
+        if (++sinceCheck == 65536) {
+          sinceCheck = 0;
+          if (cancelled()) {
+            linkage.cancelled = true;
+            return linkage;
+          }
+        }
+        const std::uint32_t a = order[i];
+        const std::uint32_t b = order[j];
+        if (callbacks.together && callbacks.together(a, b)) continue;
+        ++linkage.comparisons;
+        const auto weighed = scorer.weighAbove(a, b, linkage.threshold);
+        if (!weighed) continue;
+        ++linkage.linked;
+        const double probability = FellegiSunter::matchProbability(linkage.model, weighed->first);
+        const double score = weighed->second ? 1.0 : std::min(probability, Matcher::closeCap);
+        if (callbacks.join) callbacks.join(a, b, score);
+      }
+    }
+  }
+  return linkage;
+}
+
+}  // namespace corvane::ProbabilisticLinker
