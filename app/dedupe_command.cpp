@@ -667,8 +667,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   CLI::App* matchCommand =
       dedupe->add_subcommand("match", "Find the duplicate groups in a snapshot");
   matchCommand->add_option("SNAPSHOT", matchArgs->snapshot, "The snapshot file")->required();
-  matchCommand->add_option("--strictness", matchArgs->strictness, "strict, normal or loose")
-      ->check(CLI::IsMember({"strict", "normal", "loose"}));
+  matchCommand->add_option("--strictness", matchArgs->strictness, "strict, normal, loose or auto")
+      ->check(CLI::IsMember({"strict", "normal", "loose", "auto"}));
   matchCommand->add_option("--window", matchArgs->window,
                            "Neighbours each record is compared with in every sorted pass")
       ->check(CLI::Range(1, 1000));
@@ -734,8 +734,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
                         "Which record stays: oldest, newest, mostComplete or recentlyUpdated");
     command->add_option("--action", arguments.action,
                         "merge, deleteLosers, fillGaps, tag:FIELD or exportOnly");
-    command->add_option("--strictness", arguments.strictness, "strict, normal or loose")
-        ->check(CLI::IsMember({"strict", "normal", "loose"}));
+    command->add_option("--strictness", arguments.strictness, "strict, normal, loose or auto")
+        ->check(CLI::IsMember({"strict", "normal", "loose", "auto"}));
     command->add_option("--window", arguments.window,
                         "Neighbours each record is compared with in every sorted pass")
         ->check(CLI::Range(1, 1000));

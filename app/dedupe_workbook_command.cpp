@@ -76,8 +76,8 @@ struct MatchArguments {
   bool noSplit = false;
 
   void addTo(CLI::App& command) {
-    command.add_option("--strictness", strictness, "strict, normal or loose")
-        ->check(CLI::IsMember({"strict", "normal", "loose"}));
+    command.add_option("--strictness", strictness, "strict, normal, loose or auto")
+        ->check(CLI::IsMember({"strict", "normal", "loose", "auto"}));
     command
         .add_option("--window", window,
                     "Neighbours each record is compared with in every sorted pass")

@@ -1,6 +1,7 @@
 // 1,000,000 Contacts with three close match fields (person name, e-mail,
-// phone) matched end to end over loaded columns (target: under 20 seconds
-// and 1.5 GB). One record in ten is a copy of another with a typo in its
+// phone) matched end to end over loaded columns, at normal and at auto
+// (targets: normal under 6 seconds, auto under 30 seconds, 1.5 GB; run one
+// with --benchmark_filter=normal or =auto to read its peak memory alone). One record in ten is a copy of another with a typo in its
 // name, a +tag in its e-mail or the area code left off its phone number.
 // Reports comparisons per second.
 #include <benchmark/benchmark.h>
@@ -68,12 +69,14 @@ Contacts generate(std::size_t count) {
   return contacts;
 }
 
-void BM_MatchMillionContacts(benchmark::State& state) {
+void BM_MatchMillionContacts(benchmark::State& state, Strictness strictness) {
   const Contacts contacts = generate(static_cast<std::size_t>(state.range(0)));
+  MatchSettings settings;
+  settings.strictness = strictness;
   MatchOutcome outcome;
   for (auto _ : state) {
-    outcome = Matcher::findDuplicates(contacts.fields, contacts.columns, contacts.rids, {}, {}, {},
-                                      {});
+    outcome = Matcher::findDuplicates(contacts.fields, contacts.columns, contacts.rids, settings,
+                                      {}, {}, {});
   }
   state.counters["groups"] = static_cast<double>(outcome.stats.groupCount);
   state.counters["comparisons"] = static_cast<double>(outcome.stats.comparisons);
@@ -84,7 +87,9 @@ void BM_MatchMillionContacts(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_MatchMillionContacts)->Arg(1'000'000)->Unit(benchmark::kSecond)->Iterations(1)
-    ->UseRealTime();
+BENCHMARK_CAPTURE(BM_MatchMillionContacts, normal, Strictness::normal)
+    ->Arg(1'000'000)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
+BENCHMARK_CAPTURE(BM_MatchMillionContacts, auto, Strictness::automatic)
+    ->Arg(1'000'000)->Unit(benchmark::kSecond)->Iterations(1)->UseRealTime();
 
 BENCHMARK_MAIN();

@@ -104,10 +104,12 @@ std::string_view localPart(std::string_view address) {
 
 Level emailLevel(std::string_view a, std::string_view b, bool tagged) {
   if (tagged && EmailTag::sameInbox(a, b)) return Level::close;
-  if (Similarity::withinEdits(a, b, 1)) return Level::close;
+  // Most pairs are not within two edits: that one test settles them.
+  if (Similarity::withinEdits(a, b, 2)) {
+    return Similarity::withinEdits(a, b, 1) ? Level::close : Level::partial;
+  }
   const std::string_view localA = localPart(a);
   if (!localA.empty() && localA == localPart(b)) return Level::partial;
-  if (Similarity::withinEdits(a, b, 2)) return Level::partial;
   return Level::different;
 }
 

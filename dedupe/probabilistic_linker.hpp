@@ -39,21 +39,24 @@ namespace corvane::ProbabilisticLinker {
 inline constexpr std::size_t sampleSize = 200'000;
 inline constexpr std::uint64_t sampleSeed = 0x5eed'c0fe'e000'0001ULL;
 inline constexpr double minExpectedPrecision = 0.98;
+// The most threads that score candidate pairs (the machine's cores, up to this).
+inline constexpr unsigned maxThreads = 8;
 inline constexpr double minMatchProbability = 0.5;
 
 struct Linkage {
   FellegiSunter::Model model;
   double threshold = 0;           // weight a pair must reach
-  std::int64_t candidates = 0;    // candidate pairs visited (with repeats across keys)
-  std::int64_t comparisons = 0;   // pairs scored
+  std::int64_t comparisons = 0;   // candidate pairs scored (with repeats across keys)
   std::int64_t sampled = 0;       // pairs the model was estimated from
   std::int64_t linked = 0;        // pairs at or above the threshold
   bool cancelled = false;
 };
 
-// A candidate pair: positions a and b of the columns.
+// Records are positions in the columns. Pairs are scored on up to
+// maxThreads threads; together and join are only called from the calling
+// thread, progress and shouldCancel from any of them but never at once.
 struct Callbacks {
-  // Whether a and b are already in one group (their pair needs no scoring).
+  // Whether a and b are already in one group (their link is not needed).
   std::function<bool(std::uint32_t, std::uint32_t)> together;
   // Joins a pair that reached the threshold; score: its match probability,
   // below 1.0 unless the two are equal on every field.

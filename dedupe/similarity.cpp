@@ -202,6 +202,18 @@ bool withinEdits(std::string_view a, std::string_view b, int k) {
   if (n == 0) return m <= limit;
   if (m == 0) return n <= limit;
   if ((n > m ? n - m : m - n) > limit) return false;
+  if (n <= 255 && m <= 255) {
+    // Each edit changes the counts of the bytes by at most two (a swap by
+    // none), so counts that differ by more than 2k rule the pair out before
+    // any row is computed; this is most pairs. Bytes share 32 counters, which
+    // can only make the difference smaller.
+    std::int16_t counts[32] = {};
+    for (const char c : a) ++counts[static_cast<unsigned char>(c) & 31];
+    for (const char c : b) --counts[static_cast<unsigned char>(c) & 31];
+    std::size_t differ = 0;
+    for (const std::int16_t count : counts) differ += static_cast<std::size_t>(count < 0 ? -count : count);
+    if (differ > 2 * limit) return false;
+  }
 
   const int over = k + 1;  // any cost above k; values are capped here
   Scratch<int> row0(m + 1, over);

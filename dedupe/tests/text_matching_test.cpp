@@ -2,7 +2,10 @@
 // plus-addressing: the examples users rely on, plus Unicode input.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
+#include <string>
+#include <vector>
 
 #include "dedupe/email_tag.hpp"
 #include "dedupe/filler_values.hpp"
@@ -233,6 +236,41 @@ TEST(Similarity, WithinEditsCountsSwapsAsOneEdit) {
   EXPECT_TRUE(withinEdits(a, b, 2));
   EXPECT_FALSE(withinEdits(a, b, 1));
   EXPECT_FALSE(withinEdits(a, std::string(200, 'z'), 5));
+}
+
+// The textbook optimal-string-alignment distance, for comparison.
+int alignmentDistance(const std::string& a, const std::string& b) {
+  std::vector<std::vector<int>> d(a.size() + 1, std::vector<int>(b.size() + 1));
+  for (std::size_t i = 0; i <= a.size(); ++i) d[i][0] = static_cast<int>(i);
+  for (std::size_t j = 0; j <= b.size(); ++j) d[0][j] = static_cast<int>(j);
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const int cost = a[i - 1] == b[j - 1] ? 0 : 1;
+      d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
+      if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1]) {
+        d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+      }
+    }
+  }
+  return d[a.size()][b.size()];
+}
+
+TEST(Similarity, WithinEditsAgreesWithTheTextbookDistance) {
+  // Few distinct bytes, among them bytes 32 apart ("a", "A", "!"), so that
+  // near misses are common and bytes that share a counter meet.
+  const std::string alphabet = "abA!";
+  std::mt19937 random(11);
+  for (int round = 0; round < 20000; ++round) {
+    std::string a;
+    std::string b;
+    const auto lengthA = random() % 9;
+    const auto lengthB = random() % 9;
+    for (std::size_t i = 0; i < lengthA; ++i) a += alphabet[random() % alphabet.size()];
+    for (std::size_t i = 0; i < lengthB; ++i) b += alphabet[random() % alphabet.size()];
+    const int k = static_cast<int>(random() % 4);
+    ASSERT_EQ(Similarity::withinEdits(a, b, k), alignmentDistance(a, b) <= k)
+        << '"' << a << "\" \"" << b << "\" " << k;
+  }
 }
 
 TEST(Similarity, SuffixMatchForPhonesWithAndWithoutAreaCode) {
