@@ -93,7 +93,7 @@ class Scorer {
   Scorer(const std::vector<MatchField>& fields, const std::vector<FlatColumn>& columns,
          const std::vector<FlatColumn>& sounds, const std::vector<bool>& tagged)
       : fields_(fields), columns_(columns), sounds_(sounds), tagged_(tagged) {
-    for (std::size_t f = 0; f < columns_.size(); ++f) byCost_.push_back(f);
+    for (std::size_t f = 0; f < fields_.size(); ++f) byCost_.push_back(f);
     std::stable_sort(byCost_.begin(), byCost_.end(), [&](std::size_t x, std::size_t y) {
       return cost(fields_[x].kind) < cost(fields_[y].kind);
     });
@@ -110,20 +110,32 @@ class Scorer {
 
   Pattern pattern(std::uint32_t a, std::uint32_t b) const {
     Pattern result = 0;
-    for (std::size_t f = 0; f < columns_.size(); ++f) {
+    for (std::size_t f = 0; f < fields_.size(); ++f) {
       result = FellegiSunter::withLevel(result, f, level(f, a, b));
     }
     return result;
   }
 
-  void useWeights(std::vector<std::array<double, FellegiSunter::levelCount>> table) {
+  // Takes the model's weights and the threshold, and picks the order in
+  // which the fields are scored: the one that, on the sampled patterns,
+  // costs least before each pair is settled (by trying every order of up to
+  // six fields; more fields keep the order of their cost).
+  void useWeights(std::vector<std::array<double, FellegiSunter::levelCount>> table,
+                  double threshold, const std::vector<FellegiSunter::PatternCount>& counts) {
     weights_ = std::move(table);
-    // best_[i]: the most the fields byCost_[i..] can still add.
-    best_.assign(byCost_.size() + 1, 0.0);
-    for (std::size_t i = byCost_.size(); i-- > 0;) {
-      const auto& row = weights_[byCost_[i]];
-      best_[i] = best_[i + 1] + *std::max_element(row.begin(), row.end());
+    if (byCost_.size() <= 6 && !std::isinf(threshold)) {
+      std::vector<std::size_t> order = byCost_;
+      std::sort(order.begin(), order.end());
+      double cheapest = std::numeric_limits<double>::infinity();
+      do {
+        const double spent = expectedCost(order, threshold, counts);
+        if (spent < cheapest) {
+          cheapest = spent;
+          byCost_ = order;
+        }
+      } while (std::next_permutation(order.begin(), order.end()));
     }
+    best_ = bestRest(byCost_);
   }
 
   // The pair's weight and whether every field is exact, or none when the
@@ -144,6 +156,32 @@ class Scorer {
   }
 
  private:
+  // best[i]: the most the fields order[i..] can still add.
+  std::vector<double> bestRest(const std::vector<std::size_t>& order) const {
+    std::vector<double> best(order.size() + 1, 0.0);
+    for (std::size_t i = order.size(); i-- > 0;) {
+      const auto& row = weights_[order[i]];
+      best[i] = best[i + 1] + *std::max_element(row.begin(), row.end());
+    }
+    return best;
+  }
+
+  double expectedCost(const std::vector<std::size_t>& order, double threshold,
+                      const std::vector<FellegiSunter::PatternCount>& counts) const {
+    const std::vector<double> best = bestRest(order);
+    double spent = 0;
+    for (const FellegiSunter::PatternCount& entry : counts) {
+      double sum = 0;
+      for (std::size_t i = 0; i < order.size(); ++i) {
+        if (sum + best[i] < threshold) break;
+        const std::size_t f = order[i];
+        spent += entry.count * (1 + cost(fields_[f].kind));
+        sum += weights_[f][static_cast<std::size_t>(FellegiSunter::levelOf(entry.pattern, f))];
+      }
+    }
+    return spent;
+  }
+
   static int cost(MatchKind kind) {
     switch (kind) {
       case MatchKind::phone:
@@ -171,7 +209,7 @@ class Scorer {
 
 }  // namespace
 
-Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatColumn>& allColumns,
+Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatColumn>& columns,
              const std::vector<bool>& taggedEmail, int window, const Callbacks& callbacks) {
   Linkage linkage;
   const auto report = [&](const std::string& text) {
@@ -181,7 +219,6 @@ Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatCol
   const std::size_t fieldCount = std::min(allFields.size(), FellegiSunter::maxFields);
   const std::vector<MatchField> fields(allFields.begin(),
                                        allFields.begin() + static_cast<std::ptrdiff_t>(fieldCount));
-  const std::vector<FlatColumn>& columns = allColumns;
   const auto span = static_cast<std::size_t>(std::max(window, 1));
 
   report("Finding candidate pairs");
@@ -228,10 +265,9 @@ Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatCol
   Scorer scorer(fields, columns, sounds, taggedEmail);
   const auto slotsOf = [&](std::size_t n) {
     // Pairs (i, i+k) with 1 <= k <= span and i+k < n.
-    if (n < 2) return std::uint64_t{0};
-    const std::uint64_t full = n > span ? n - span : 0;
-    const std::uint64_t tail = std::min<std::uint64_t>(n - 1, span);
-    return full * span + tail * (tail + 1) / 2;
+    const std::uint64_t count = n;
+    if (count <= span) return count * (count - (count > 0 ? 1 : 0)) / 2;
+    return (count - span) * span + span * (span - 1) / 2;
   };
   std::uint64_t totalSlots = 0;
   std::uint64_t totalRecords = 0;
@@ -269,7 +305,7 @@ Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatCol
   linkage.model = FellegiSunter::estimate(fieldCount, counts);
   linkage.threshold = FellegiSunter::chooseThreshold(linkage.model, counts, minExpectedPrecision,
                                                      minMatchProbability);
-  scorer.useWeights(FellegiSunter::weights(linkage.model));
+  scorer.useWeights(FellegiSunter::weights(linkage.model), linkage.threshold, counts);
   if (cancelled()) {
     linkage.cancelled = true;
     return linkage;
@@ -318,6 +354,8 @@ Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatCol
       std::vector<Link> links;  // local, so that threads share no cache lines
       std::int64_t pairs = 0;
       for (std::size_t i = chunk.from; i < chunk.to; ++i) {
+        Matcher::prefetchAhead(columns, order, i, span);
+        Matcher::prefetchAhead(sounds, order, i, span);
         const std::size_t end = std::min(order.size(), i + 1 + span);
         for (std::size_t j = i + 1; j < end; ++j) {
           ++pairs;
