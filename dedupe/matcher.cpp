@@ -382,8 +382,7 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
                          join(a, b, *score);
                        }
                        return true;
-                     },
-                     &columns);
+                     });
     if (stop) {
       outcome.cancelled = true;
       break;

@@ -354,8 +354,6 @@ Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatCol
       std::vector<Link> links;  // local, so that threads share no cache lines
       std::int64_t pairs = 0;
       for (std::size_t i = chunk.from; i < chunk.to; ++i) {
-        Matcher::prefetchAhead(columns, order, i, span);
-        Matcher::prefetchAhead(sounds, order, i, span);
         const std::size_t end = std::min(order.size(), i + 1 + span);
         for (std::size_t j = i + 1; j < end; ++j) {
           ++pairs;

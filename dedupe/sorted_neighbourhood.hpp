@@ -43,42 +43,12 @@ inline void sortByKey(std::vector<std::uint32_t>& ids, KeyOf&& keyOf) {
   for (std::size_t i = 0; i < entries.size(); ++i) ids[i] = entries[i].id;
 }
 
-// Neighbours in a sorted order sit at random places in the columns, so
-// reading their values waits on memory more than comparing them costs. The
-// walks ask for each record's bytes ahead of its turn: its offsets first
-// (offsetsAhead places ahead), then, once those have arrived, its values.
-inline constexpr std::size_t offsetsAhead = 16;
-inline constexpr std::size_t valuesAhead = 8;
-
-// Columns too short to hold the record (unused ones) are passed over.
-inline void prefetchOffsets(const std::vector<FlatColumn>& columns, std::uint32_t record) {
-  for (const FlatColumn& column : columns) {
-    if (record < column.size()) __builtin_prefetch(column.offsets.data() + record);
-  }
-}
-
-inline void prefetchValues(const std::vector<FlatColumn>& columns, std::uint32_t record) {
-  for (const FlatColumn& column : columns) {
-    if (record < column.size()) __builtin_prefetch(column.data.data() + column.offsets[record]);
-  }
-}
-
-// Prefetches for the walk at position i of order with the given span.
-inline void prefetchAhead(const std::vector<FlatColumn>& columns,
-                          const std::vector<std::uint32_t>& order, std::size_t i,
-                          std::size_t span) {
-  const std::size_t last = i + span;
-  if (last + offsetsAhead < order.size()) prefetchOffsets(columns, order[last + offsetsAhead]);
-  if (last + valuesAhead < order.size()) prefetchValues(columns, order[last + valuesAhead]);
-}
-
 // Visits each member with its next `window` members in the order of the
-// pass's key; members with a blank key take no part. prefetch: the columns
-// the visits read, if any.
+// pass's key; members with a blank key take no part.
 template <typename Visit>
 inline void forEachNeighbour(const Pass& pass, const FlatColumn& column,
                              const std::vector<std::uint32_t>& members, int window,
-                             Visit&& visit, const std::vector<FlatColumn>* prefetch = nullptr) {
+                             Visit&& visit) {
   std::vector<std::uint32_t> order;
   order.reserve(members.size());
   if (!pass.derive) {
@@ -106,7 +76,6 @@ inline void forEachNeighbour(const Pass& pass, const FlatColumn& column,
   }
   const std::size_t span = static_cast<std::size_t>(std::max(window, 1));
   for (std::size_t i = 0; i < order.size(); ++i) {
-    if (prefetch != nullptr) prefetchAhead(*prefetch, order, i, span);
     const std::size_t end = std::min(order.size(), i + 1 + span);
     for (std::size_t j = i + 1; j < end; ++j) {
       if (!visit(order[i], order[j])) return;
