@@ -102,8 +102,11 @@ std::string_view localPart(std::string_view address) {
   return at == std::string_view::npos ? address : address.substr(0, at);
 }
 
+bool holdsPlus(std::string_view address) { return address.find('+') != std::string_view::npos; }
+
 Level emailLevel(std::string_view a, std::string_view b, bool tagged) {
-  if (tagged && EmailTag::sameInbox(a, b)) return Level::close;
+  // Two different addresses are the same inbox only when a tag is stripped.
+  if (tagged && (holdsPlus(a) || holdsPlus(b)) && EmailTag::sameInbox(a, b)) return Level::close;
   // Most pairs are not within two edits: that one test settles them.
   if (Similarity::withinEdits(a, b, 2)) {
     return Similarity::withinEdits(a, b, 1) ? Level::close : Level::partial;
