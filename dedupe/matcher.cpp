@@ -361,29 +361,29 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
   }
   std::vector<std::uint32_t> everyone(count);
   for (std::uint32_t r = 0; r < count; ++r) everyone[r] = r;
+  // Each pass scores its pairs on the machine's cores and joins them in the
+  // order of the walk. Pairs already in one group when the pass starts are
+  // not scored again.
+  std::vector<std::uint32_t> root(count);
   for (const Pass& pass :
        automatic ? std::vector<Pass>() : buildPassList(fields, closeIdx, tagged)) {
     report(pass.title);
-    std::int64_t sinceCheck = 0;
-    bool stop = false;
-    forEachNeighbour(pass, columns[pass.fieldIndex], everyone, settings.window,
-                     [&](std::uint32_t a, std::uint32_t b) {
-                       if (++sinceCheck == 65536) {
-                         sinceCheck = 0;
-                         if (cancelled()) {
-                           stop = true;
-                           return false;
-                         }
-                       }
-                       if (forest.find(a) == forest.find(b)) return true;
-                       ++stats.comparisons;
-                       if (auto score =
-                               pairScore(a, b, fields, columns, settings.strictness, tagged)) {
-                         join(a, b, *score);
-                       }
-                       return true;
-                     });
-    if (stop) {
+    const std::vector<std::uint32_t> order =
+        sortedOrder(pass, columns[pass.fieldIndex], everyone);
+    for (std::uint32_t r = 0; r < count; ++r) root[r] = forest.find(r);
+    const ScoredNeighbours scored = scoreNeighbours(
+        order, static_cast<std::size_t>(std::max(settings.window, 1)),
+        [&](std::uint32_t a, std::uint32_t b) { return root[a] == root[b]; },
+        [&](std::uint32_t a, std::uint32_t b) -> std::optional<float> {
+          if (auto score = pairScore(a, b, fields, columns, settings.strictness, tagged)) {
+            return static_cast<float>(*score);
+          }
+          return std::nullopt;
+        },
+        cancelled);
+    stats.comparisons += scored.scored;
+    for (const ScoredPair& pair : scored.pairs) join(pair.a, pair.b, pair.score);
+    if (scored.stopped) {
       outcome.cancelled = true;
       break;
     }

@@ -2,12 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cmath>
 #include <limits>
-#include <mutex>
 #include <random>
-#include <thread>
 
 #include "dedupe/email_tag.hpp"
 #include "dedupe/field_agreement.hpp"
@@ -312,80 +309,30 @@ Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatCol
   }
   if (std::isinf(linkage.threshold)) return linkage;
 
-  // The candidate pairs are scored on worker threads, a chunk of one key's
-  // order at a time; the links each chunk finds are joined afterwards in
-  // chunk order, so the outcome does not depend on the threads' timing.
-  struct Chunk {
-    std::size_t blocking;
-    std::size_t from;
-    std::size_t to;
-  };
-  struct Link {
-    std::uint32_t a;
-    std::uint32_t b;
-    float score;
-  };
-  constexpr std::size_t chunkSize = 1 << 15;
-  std::vector<Chunk> chunks;
-  for (std::size_t p = 0; p < blockings.size(); ++p) {
-    const std::size_t size = blockings[p].order.size();
-    for (std::size_t from = 0; from < size; from += chunkSize) {
-      chunks.push_back({p, from, std::min(size, from + chunkSize)});
-    }
-  }
-  std::vector<std::vector<Link>> found(chunks.size());
-  std::vector<std::int64_t> scored(chunks.size(), 0);
-  std::atomic<std::size_t> next{0};
-  std::atomic<bool> stop{false};
-  std::mutex calling;  // guards the calls of progress and shouldCancel
-  std::size_t announced = 0;
-  const auto work = [&] {
-    for (std::size_t c = next++; c < chunks.size() && !stop; c = next++) {
-      const Chunk& chunk = chunks[c];
-      {
-        const std::lock_guard lock(calling);
-        if (cancelled()) {
-          stop = true;
-          return;
-        }
-        while (announced <= chunk.blocking) report(blockings[announced++].title);
-      }
-      const auto& order = blockings[chunk.blocking].order;
-      std::vector<Link> links;  // local, so that threads share no cache lines
-      std::int64_t pairs = 0;
-      for (std::size_t i = chunk.from; i < chunk.to; ++i) {
-        const std::size_t end = std::min(order.size(), i + 1 + span);
-        for (std::size_t j = i + 1; j < end; ++j) {
-          ++pairs;
-          const auto weighed = scorer.weighAbove(order[i], order[j], linkage.threshold);
-          if (!weighed) continue;
+  // The candidate pairs are scored on the machine's cores; the links each
+  // key's walk finds are joined in the order of the walk.
+  for (const Blocking& blocking : blockings) {
+    report(blocking.title);
+    const Matcher::ScoredNeighbours scored = Matcher::scoreNeighbours(
+        blocking.order, span, [](std::uint32_t, std::uint32_t) { return false; },
+        [&](std::uint32_t a, std::uint32_t b) -> std::optional<float> {
+          const auto weighed = scorer.weighAbove(a, b, linkage.threshold);
+          if (!weighed) return std::nullopt;
+          if (weighed->second) return 1.0F;
           const double probability =
               FellegiSunter::matchProbability(linkage.model, weighed->first);
-          const double score = weighed->second ? 1.0 : std::min(probability, Matcher::closeCap);
-          links.push_back({order[i], order[j], static_cast<float>(score)});
-        }
-      }
-      found[c] = std::move(links);
-      scored[c] = pairs;
+          return static_cast<float>(std::min(probability, Matcher::closeCap));
+        },
+        cancelled);
+    linkage.comparisons += scored.scored;
+    linkage.linked += static_cast<std::int64_t>(scored.pairs.size());
+    for (const Matcher::ScoredPair& pair : scored.pairs) {
+      if (callbacks.together && callbacks.together(pair.a, pair.b)) continue;
+      if (callbacks.join) callbacks.join(pair.a, pair.b, pair.score);
     }
-  };
-  const unsigned threads =
-      std::clamp(std::thread::hardware_concurrency(), 1U, static_cast<unsigned>(maxThreads));
-  {
-    std::vector<std::jthread> helpers;
-    for (unsigned t = 1; t < threads; ++t) helpers.emplace_back(work);
-    work();
-  }
-  if (stop) {
-    linkage.cancelled = true;
-    return linkage;
-  }
-  for (std::size_t c = 0; c < chunks.size(); ++c) {
-    linkage.comparisons += scored[c];
-    linkage.linked += static_cast<std::int64_t>(found[c].size());
-    for (const Link& link : found[c]) {
-      if (callbacks.together && callbacks.together(link.a, link.b)) continue;
-      if (callbacks.join) callbacks.join(link.a, link.b, link.score);
+    if (scored.stopped) {
+      linkage.cancelled = true;
+      return linkage;
     }
   }
   return linkage;

@@ -39,8 +39,6 @@ namespace corvane::ProbabilisticLinker {
 inline constexpr std::size_t sampleSize = 200'000;
 inline constexpr std::uint64_t sampleSeed = 0x5eed'c0fe'e000'0001ULL;
 inline constexpr double minExpectedPrecision = 0.98;
-// The most threads that score candidate pairs (the machine's cores, up to this).
-inline constexpr unsigned maxThreads = 8;
 inline constexpr double minMatchProbability = 0.5;
 
 struct Linkage {
@@ -52,9 +50,9 @@ struct Linkage {
   bool cancelled = false;
 };
 
-// Records are positions in the columns. Pairs are scored on up to
-// maxThreads threads; together and join are only called from the calling
-// thread, progress and shouldCancel from any of them but never at once.
+// Records are positions in the columns. Pairs are scored on several threads
+// (Matcher::scoreNeighbours); together, join and progress are only called
+// from the calling thread, shouldCancel from any of them but never at once.
 struct Callbacks {
   // Whether a and b are already in one group (their link is not needed).
   std::function<bool(std::uint32_t, std::uint32_t)> together;
