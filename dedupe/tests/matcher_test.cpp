@@ -8,6 +8,7 @@
 #include "dedupe/matcher.hpp"
 #include "dedupe/normalizer.hpp"
 #include "dedupe/record_store.hpp"
+#include "dedupe/sorted_neighbourhood.hpp"
 #include "platform/tests/temporary_folder.hpp"
 
 namespace corvane {
@@ -140,6 +141,41 @@ TEST(MatcherTest, ScheduleDropsTheLowestAndSpreadsLevels) {
   EXPECT_EQ(GroupSplitter::schedule({0.95, 0.9, 0.97, 0.9}, 5), (std::vector<double>{0.95, 0.97}));
   EXPECT_EQ(GroupSplitter::schedule({0.1, 0.2, 0.3, 0.4, 0.5, 0.6}, 2),
             (std::vector<double>{0.2, 0.6}));
+}
+
+TEST(MatcherTest, ScoredWalkGivesTheSerialWalksPairsInItsOrderAndStopsWhenAsked) {
+  // Several chunks' worth of positions, so that threads share the walk.
+  std::vector<std::uint32_t> order(100'000);
+  for (std::uint32_t i = 0; i < order.size(); ++i) order[i] = (i * 7919U) % 100'000U;
+  const auto skip = [](std::uint32_t a, std::uint32_t) { return a % 5 == 0; };
+  const auto score = [](std::uint32_t a, std::uint32_t b) -> std::optional<float> {
+    if ((a + b) % 3 != 0) return std::nullopt;
+    return static_cast<float>(a % 100) / 100.0F;
+  };
+  std::vector<Matcher::ScoredPair> serial;
+  std::int64_t scored = 0;
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    for (std::size_t j = i + 1; j < std::min(order.size(), i + 4); ++j) {
+      if (skip(order[i], order[j])) continue;
+      ++scored;
+      if (auto s = score(order[i], order[j])) serial.push_back({order[i], order[j], *s});
+    }
+  }
+  const Matcher::ScoredNeighbours walked =
+      Matcher::scoreNeighbours(order, 3, skip, score, [] { return false; });
+  EXPECT_FALSE(walked.stopped);
+  EXPECT_EQ(walked.scored, scored);
+  ASSERT_EQ(walked.pairs.size(), serial.size());
+  for (std::size_t i = 0; i < serial.size(); ++i) {
+    ASSERT_EQ(walked.pairs[i].a, serial[i].a) << i;
+    ASSERT_EQ(walked.pairs[i].b, serial[i].b) << i;
+    ASSERT_EQ(walked.pairs[i].score, serial[i].score) << i;
+  }
+  int polls = 0;
+  const Matcher::ScoredNeighbours stopped =
+      Matcher::scoreNeighbours(order, 3, skip, score, [&] { return ++polls > 1; });
+  EXPECT_TRUE(stopped.stopped);
+  EXPECT_LT(stopped.pairs.size(), serial.size());
 }
 
 TEST(MatcherTest, ChainsOfWeakLinksAreCut) {
