@@ -17,7 +17,9 @@ namespace corvane {
 // How far close values may differ. Raw texts "strict", "normal", "loose",
 // "auto". The first three are rules every field must pass; `automatic`
 // weighs each field's agreement by what it tells on this snapshot
-// (ProbabilisticLinker) and needs no field to pass on its own.
+// (ProbabilisticLinker) and needs no field to pass on its own. With a single
+// match field, or when the model finds no threshold that keeps its expected
+// precision, `automatic` matches by the normal rules.
 enum class Strictness { strict, normal, loose, automatic };
 
 std::string_view rawValue(Strictness strictness);

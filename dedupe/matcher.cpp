@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <map>
 #include <span>
 
@@ -345,8 +346,11 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
   }
 
   report("Comparing records\u2026");
-  const bool automatic = settings.strictness == Strictness::automatic;
-  if (automatic) {
+  // auto needs two fields or more to learn from, and a threshold that keeps
+  // the precision it expects; short of either, it matches by the normal rules.
+  bool automatic = settings.strictness == Strictness::automatic;
+  Strictness rules = automatic ? Strictness::normal : settings.strictness;
+  if (automatic && fields.size() >= 2) {
     ProbabilisticLinker::Callbacks callbacks;
     callbacks.together = [&](std::uint32_t a, std::uint32_t b) {
       return forest.find(a) == forest.find(b);
@@ -358,6 +362,12 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
         ProbabilisticLinker::link(fields, columns, tagged, settings.window, callbacks);
     stats.comparisons += linkage.comparisons;
     outcome.cancelled = linkage.cancelled;
+    if (!linkage.cancelled && std::isinf(linkage.threshold)) automatic = false;
+  } else {
+    automatic = false;
+  }
+  if (settings.strictness == Strictness::automatic && !automatic && !outcome.cancelled) {
+    report("Too little to learn from here: comparing by the normal rules");
   }
   std::vector<std::uint32_t> everyone(count);
   for (std::uint32_t r = 0; r < count; ++r) everyone[r] = r;
@@ -375,7 +385,7 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
         order, static_cast<std::size_t>(std::max(settings.window, 1)),
         [&](std::uint32_t a, std::uint32_t b) { return root[a] == root[b]; },
         [&](std::uint32_t a, std::uint32_t b) -> std::optional<float> {
-          if (auto score = pairScore(a, b, fields, columns, settings.strictness, tagged)) {
+          if (auto score = pairScore(a, b, fields, columns, rules, tagged)) {
             return static_cast<float>(*score);
           }
           return std::nullopt;
@@ -419,7 +429,7 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
       }
       ++stats.splitExamined;
       GroupSplitter::Outcome repaired =
-          GroupSplitter::repair(group.members, fields, columns, settings.strictness,
+          GroupSplitter::repair(group.members, fields, columns, rules,
                                 settings.window, closeIdx, settings.split, shouldCancel, tagged);
       stats.comparisons += repaired.comparisons;
       if (repaired.tooBig) ++stats.splitTooBig;

@@ -280,6 +280,20 @@ TEST(ProbabilisticMatching, AutoFindsTheCopiesTheRulesMissAndNoOthers) {
   EXPECT_EQ(people.match(Strictness::automatic).groups, automatic.groups);
 }
 
+TEST(ProbabilisticMatching, OneFieldMatchesByTheNormalRules) {
+  // One field: nothing to weigh it against.
+  People people = samplePeople();
+  People names;
+  names.fields = {people.fields[0]};
+  names.columns = {people.columns[0]};
+  names.rids = people.rids;
+  names.columns[0].append(Normalizer::normalize(
+      std::string(people.columns[0].value(0)) + "x", MatchKind::personName));
+  names.rids.push_back(static_cast<Rid>(names.rids.size() + 1));
+  EXPECT_EQ(names.match(Strictness::automatic).groups, names.match(Strictness::normal).groups);
+  EXPECT_FALSE(names.match(Strictness::normal).groups.empty());
+}
+
 TEST(ProbabilisticMatching, RecordsEqualOnEveryFieldScoreOneAndStopsWhenAsked) {
   People people = samplePeople();
   people.add(0, "John Smith", "19700101", "1234567");
