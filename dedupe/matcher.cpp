@@ -374,12 +374,18 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
   // Each pass scores its pairs on the machine's cores and joins them in the
   // order of the walk. Pairs already in one group when the pass starts are
   // not scored again.
+  // The orders of the passes are sorted up front, several at once.
+  const std::vector<Pass> passes =
+      automatic ? std::vector<Pass>() : buildPassList(fields, closeIdx, tagged);
+  std::vector<std::vector<std::uint32_t>> orders(passes.size());
+  runOnCores(passes.size(), [&](std::size_t p) {
+    orders[p] = sortedOrder(passes[p], columns[passes[p].fieldIndex], everyone);
+  });
   std::vector<std::uint32_t> root(count);
-  for (const Pass& pass :
-       automatic ? std::vector<Pass>() : buildPassList(fields, closeIdx, tagged)) {
+  for (std::size_t p = 0; p < passes.size(); ++p) {
+    const Pass& pass = passes[p];
     report(pass.title);
-    const std::vector<std::uint32_t> order =
-        sortedOrder(pass, columns[pass.fieldIndex], everyone);
+    const std::vector<std::uint32_t> order = std::move(orders[p]);
     for (std::uint32_t r = 0; r < count; ++r) root[r] = forest.find(r);
     const ScoredNeighbours scored = scoreNeighbours(
         order, static_cast<std::size_t>(std::max(settings.window, 1)),

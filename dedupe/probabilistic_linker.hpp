@@ -43,7 +43,7 @@ inline constexpr double minMatchProbability = 0.5;
 
 struct Linkage {
   FellegiSunter::Model model;
-  double threshold = 0;           // weight a pair must reach
+  double threshold = 0;  // weight a pair must reach; infinite: none keeps the precision, no links
   std::int64_t comparisons = 0;   // candidate pairs scored (with repeats across keys)
   std::int64_t sampled = 0;       // pairs the model was estimated from
   std::int64_t linked = 0;        // pairs at or above the threshold

@@ -95,6 +95,11 @@ inline void forEachNeighbour(const Pass& pass, const FlatColumn& column,
   }
 }
 
+// Runs task(0) .. task(count - 1) on up to maxScoringThreads threads (the
+// machine's cores); the tasks must not depend on each other.
+template <typename Task>
+inline void runOnCores(std::size_t count, Task&& task);
+
 // A pair of positions that scored, with its score.
 struct ScoredPair {
   std::uint32_t a;
@@ -170,6 +175,20 @@ ScoredNeighbours scoreNeighbours(const std::vector<std::uint32_t>& order, std::s
     result.pairs.insert(result.pairs.end(), found[c].begin(), found[c].end());
   }
   return result;
+}
+
+template <typename Task>
+inline void runOnCores(std::size_t count, Task&& task) {
+  std::atomic<std::size_t> next{0};
+  const auto work = [&] {
+    for (std::size_t i = next++; i < count; i = next++) task(i);
+  };
+  const unsigned threads = std::clamp(
+      std::thread::hardware_concurrency(), 1U,
+      static_cast<unsigned>(std::min<std::size_t>(maxScoringThreads, std::max<std::size_t>(count, 1))));
+  std::vector<std::jthread> helpers;
+  for (unsigned t = 1; t < threads; ++t) helpers.emplace_back(work);
+  work();
 }
 
 }  // namespace corvane::Matcher
