@@ -80,10 +80,10 @@ struct PlannedMerge {
   std::string loserModified;
   std::int64_t groupId = 0;
   std::map<std::string, std::string> fieldValues;
+  std::string object;
   // For each field of fieldValues taken from a record of the group: that
   // record's Id (values the user chose have none).
   std::map<std::string, std::string> fieldSources;
-  std::string object;
   bool operator==(const PlannedMerge&) const = default;
 };
 
