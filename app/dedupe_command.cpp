@@ -850,7 +850,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
                         "Delete and Not a duplicate rows decide instead of a new match");
     command->add_option("--keep-values", arguments.keepValues,
                         "Which record the kept one takes each value from: keeper, mostRecent, "
-                        "nonEmpty, longest or mostCommon, for all fields or FIELD=RULE,...");
+                        "nonEmpty, longest or mostCommon, for all fields or FIELD=RULE,...")
+        ->allow_extra_args(false);  // one choice per option, so SNAPSHOT may follow
   };
 
   auto planArgs = std::make_shared<ResolveArguments>();

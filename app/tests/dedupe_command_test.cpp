@@ -647,6 +647,29 @@ TEST_F(DedupeDecisionsCommandTest, AWorkbookWithProblemsChangesNothingAndListsTh
   EXPECT_EQ(rows.at(anna1_)[4], "Left untouched");
 }
 
+TEST_F(DedupeDecisionsCommandTest, ARefusedMergeIsInTheResultsWorkbookInSalesforcesWords) {
+  auto url = downloadContacts();
+  admin("faults", {{"path", "/services/Soap/*"},
+                   {"fault", "500"},
+                   {"message", "Entity is locked for approval"},
+                   {"count", 1}});
+  auto ctx = context();
+  out_.str("");
+  std::ostringstream err;
+  EXPECT_EQ(runReportingFailures([&] { DedupeCommand::apply(ctx, *api_, url, mergeOldest()); }, err),
+            1);
+  const auto rows = results(out_.str());
+  ASSERT_EQ(rows.size(), 7u) << out_.str();
+  EXPECT_EQ(rows.at(martha2_)[4], "Failed");
+  EXPECT_NE(rows.at(martha2_)[5].find("Entity is locked for approval"), std::string::npos)
+      << rows.at(martha2_)[5];
+  EXPECT_EQ(rows.at(martha1_)[4], "Kept");
+  EXPECT_EQ(rows.at(martha1_)[5].rfind("Its values were not changed", 0), 0u) << rows.at(martha1_)[5];
+  EXPECT_EQ(rows.at(peter3_)[3], "Merge into " + peter2_);
+  EXPECT_EQ(rows.at(peter3_)[4], "Merged");
+  EXPECT_EQ(rows.count(zed_), 0u);  // in no group
+}
+
 TEST_F(DedupeDecisionsCommandTest, KeptValuesComeFromTheRecordTheRuleNamesAndThePlanSaysWhich) {
   // Peter 3 was changed last and has the longest title.
   admin("clock", {{"advanceSeconds", 60}});
