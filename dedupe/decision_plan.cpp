@@ -11,12 +11,6 @@ std::string severalKeeps(std::int64_t groupId, std::size_t keeps) {
          "into. Mark one record Keep and leave the others blank.";
 }
 
-std::string nothingLeftToKeep(std::int64_t groupId) {
-  return "Group " + std::to_string(groupId) +
-         " has records marked Delete but none left to keep: the others are marked Not a "
-         "duplicate. Mark one record Keep, or leave its Action blank.";
-}
-
 std::string markedKeep() { return "Marked Keep in the workbook"; }
 
 std::string keptByRuleAmongBlanks(const SnapshotRecord& keeper, KeeperRule rule,
@@ -65,13 +59,7 @@ Outcome resolve(const DecisionWorkbook::Decisions& decisions,
     }
     const std::vector<SnapshotRecord>& candidates = keeps.empty() ? blanks : keeps;
     const SnapshotRecord* keeper = KeeperRules::keeper(candidates, rule);
-    if (!keeper) {
-      // Every record marked Delete is a problem decide() already reports.
-      if (decided.records.size() > removes.size()) {
-        out.problems.push_back(nothingLeftToKeep(exported.id));
-      }
-      continue;
-    }
+    if (!keeper) continue;  // nothing left to keep: a problem decide() reports
     ResolvedGroup resolved;
     resolved.group.id = exported.id;
     resolved.group.weakestLink = 1.0;

@@ -43,7 +43,8 @@ struct Outcome {
 };
 
 // records: the snapshot's records of the exported groups (any order); an Id
-// of a group that is no longer among them is left out.
+// of a group that is no longer among them is left out. A group with records
+// marked Delete and nothing left to keep is left out too: decide() reports it.
 Outcome resolve(const DecisionWorkbook::Decisions& decisions,
                 const std::vector<DecisionWorkbook::DecidedGroup>& groups,
                 const std::vector<SnapshotRecord>& records, KeeperRule rule,
@@ -51,7 +52,6 @@ Outcome resolve(const DecisionWorkbook::Decisions& decisions,
 
 // The problems and reasons, word for word.
 std::string severalKeeps(std::int64_t groupId, std::size_t keeps);
-std::string nothingLeftToKeep(std::int64_t groupId);
 std::string markedKeep();
 std::string keptByRuleAmongBlanks(const SnapshotRecord& keeper, KeeperRule rule,
                                   std::size_t groupSize);
