@@ -487,11 +487,12 @@ void printPlan(CommandContext& context, const ResolutionTask::Resolution& resolu
       }
       if (!removes) ++undecided;
     }
+    const std::size_t groups = resolution.decisions->decided.size();
     context.out << fmt::format(
-        "From {}: {} groups, {} with no record marked Delete; {} rows left blank are not "
+        "From {}: {} group{}, {} with no record marked Delete; {} row{} left blank {} not "
         "touched.\n",
-        resolution.workbook->filename().string(), resolution.decisions->decided.size(), undecided,
-        untouched);
+        resolution.workbook->filename().string(), groups, groups == 1 ? "" : "s", undecided,
+        untouched, untouched == 1 ? "" : "s", untouched == 1 ? "is" : "are");
     const auto& notDuplicates = resolution.decisions->notDuplicates;
     if (!notDuplicates.empty()) {
       std::string ids;

@@ -76,6 +76,13 @@ DedupeError DedupeError::unknownValueField(const std::string& field,
                          ", so no rule can choose its value. Its fields are " + list + ".");
 }
 
+DedupeError DedupeError::decisionsNeedRemoval(const std::string& action) {
+  return DedupeError(Kind::decisionsNeedRemoval,
+                     "A decision workbook says which records to remove, and the action " + action +
+                         " removes none. Use --action merge or --action deleteLosers with "
+                         "--decisions.");
+}
+
 DedupeError DedupeError::signedOutPartWay(std::size_t done, std::size_t notDone) {
   return DedupeError(
       Kind::signedOutPartWay,

@@ -26,6 +26,7 @@ class DedupeError : public UserFacingError {
     badKeeperRule,
     badAction,
     badValueRule,
+    decisionsNeedRemoval,
     unknownValueField,
     signedOutPartWay,
     notApplied,
@@ -47,6 +48,8 @@ class DedupeError : public UserFacingError {
   static DedupeError badValueRule(const std::string& text);
   static DedupeError unknownValueField(const std::string& field,
                                        const std::vector<std::string>& known);
+  // A decision workbook given with an action that removes no record.
+  static DedupeError decisionsNeedRemoval(const std::string& action);
   // done: changes made before the sign-out; notDone: changes not attempted.
   static DedupeError signedOutPartWay(std::size_t done, std::size_t notDone);
   // A stop request ended the changes part-way.

@@ -90,6 +90,10 @@ Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
   resolution.info = store->info();
   checkValueFields(*store, request.keepValues);
   if (request.decisions) {
+    if (request.action.kind != ResolutionAction::Kind::merge &&
+        request.action.kind != ResolutionAction::Kind::deleteLosers) {
+      throw DedupeError::decisionsNeedRemoval(request.action.text());
+    }
     resolution.workbook = *request.decisions;
     resolution.decisions = decide(*store, snapshot, request, stop);
     resolution.groups = resolution.decisions->groups;
@@ -176,12 +180,12 @@ ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
   if (changes || outcome.remembered > 0) {
     const std::filesystem::path path =
         options.results.empty()
-            ? RunResultsWorkbook::defaultPath(resolution.snapshot, std::chrono::system_clock::now())
+            ? ResolutionResultsWorkbook::defaultPath(resolution.snapshot, std::chrono::system_clock::now())
             : options.results;
     const std::string label =
         resolution.info.objectLabel.empty() ? resolution.info.objectName : resolution.info.objectLabel;
     try {
-      RunResultsWorkbook::write(path, label, resultEntries(resolution, outcome));
+      ResolutionResultsWorkbook::write(path, label, resultEntries(resolution, outcome));
       outcome.results = path;
     } catch (const UserFacingError& error) {
       // The changes are made; the face still reports them one by one.
@@ -280,9 +284,9 @@ std::string valuesText(const std::map<std::string, std::string>& values,
 
 }  // namespace
 
-std::vector<RunResultsWorkbook::Entry> resultEntries(const Resolution& resolution,
+std::vector<ResolutionResultsWorkbook::Entry> resultEntries(const Resolution& resolution,
                                                      const ApplyOutcome& outcome) {
-  using Entry = RunResultsWorkbook::Entry;
+  using Entry = ResolutionResultsWorkbook::Entry;
   using Kind = ResolutionAction::Kind;
   const ResolutionPlan& plan = resolution.plan;
   const bool deleting = plan.action.kind == Kind::deleteLosers;

@@ -25,7 +25,7 @@
 #include "dedupe/merge_runner.hpp"
 #include "dedupe/resolution_planner.hpp"
 #include "dedupe/resolution_preflight.hpp"
-#include "dedupe/results_workbook.hpp"
+#include "dedupe/resolution_results_workbook.hpp"
 #include "dedupe/value_rules.hpp"
 
 namespace corvane::ResolutionTask {
@@ -61,7 +61,8 @@ struct Resolution {
 // are read from the org for the actions that write values. A workbook with
 // problems throws DedupeError::problems carrying them (details()), changing
 // nothing. A stop request ends it with DedupeError::stopped. Throws
-// notASnapshot, noLogin, unknownValueField, the workbook reader's errors and
+// notASnapshot, noLogin, unknownValueField, decisionsNeedRemoval (a workbook
+// goes with merge or deleteLosers), the workbook reader's errors and
 // the errors of findLogin and the transport.
 Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
                 const std::filesystem::path& snapshot, const Request& request,
@@ -79,7 +80,7 @@ struct ApplyOptions {
   // The pause before retrying a locked row, and how often.
   std::chrono::milliseconds lockPause{1000};
   int lockAttempts = 4;
-  // The results workbook; empty: RunResultsWorkbook::defaultPath.
+  // The results workbook; empty: ResolutionResultsWorkbook::defaultPath.
   std::filesystem::path results;
 };
 
@@ -117,7 +118,7 @@ ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
 // One row per record of every group the run looked at (every exported group
 // with a decision workbook), in group order: what was to be done, what
 // happened and Salesforce's words.
-std::vector<RunResultsWorkbook::Entry> resultEntries(const Resolution& resolution,
+std::vector<ResolutionResultsWorkbook::Entry> resultEntries(const Resolution& resolution,
                                                      const ApplyOutcome& outcome);
 
 }  // namespace corvane::ResolutionTask

@@ -625,6 +625,15 @@ TEST_F(DedupeDecisionsCommandTest, AWorkbookWithProblemsChangesNothingAndListsTh
   EXPECT_NE(text.find("Group 2 has 2 records marked Keep"), std::string::npos) << text;
   for (const auto& id : {martha1_, martha2_, peter3_}) EXPECT_EQ(row(id)["IsDeleted"], false) << id;
 
+  // A workbook says what to remove; an action that removes nothing is refused.
+  auto filling = options;
+  filling.action = ResolutionAction::fillGaps();
+  err.str("");
+  EXPECT_EQ(runReportingFailures([&] { DedupeCommand::plan(ctx, *api_, url, filling); }, err), 1);
+  EXPECT_EQ(err.str(),
+            "A decision workbook says which records to remove, and the action fillGaps removes "
+            "none. Use --action merge or --action deleteLosers with --decisions.\n");
+
   // Deleting needs no single record to merge into: two Keeps are fine.
   options.action = ResolutionAction::deleteLosers();
   options.decisions = edited(workbook, {{martha1_, "Delete"},

@@ -1,8 +1,8 @@
-#include "dedupe/results_workbook.hpp"
+#include "dedupe/resolution_results_workbook.hpp"
 
 #include "workbook/xlsx_writer.hpp"
 
-namespace corvane::RunResultsWorkbook {
+namespace corvane::ResolutionResultsWorkbook {
 
 std::string sheetName(std::string_view objectLabel) {
   return "Results - " + std::string(objectLabel);
@@ -43,7 +43,7 @@ void write(const std::filesystem::path& path, std::string_view objectLabel,
 std::filesystem::path defaultPath(const std::filesystem::path& snapshot, SystemTime now) {
   const std::string stem =
       snapshot.stem().string() + " results " + IsoTime::localFolderStamp(now);
-  const std::filesystem::path folder = snapshot.parent_path();
+  const std::filesystem::path folder = std::filesystem::absolute(snapshot).parent_path();
   std::filesystem::path path = folder / (stem + ".xlsx");
   for (int n = 2; std::filesystem::exists(path); ++n) {
     path = folder / (stem + " (" + std::to_string(n) + ").xlsx");
@@ -51,4 +51,4 @@ std::filesystem::path defaultPath(const std::filesystem::path& snapshot, SystemT
   return path;
 }
 
-}  // namespace corvane::RunResultsWorkbook
+}  // namespace corvane::ResolutionResultsWorkbook

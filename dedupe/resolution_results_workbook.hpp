@@ -12,7 +12,7 @@
 
 #include "platform/iso_time.hpp"
 
-namespace corvane::RunResultsWorkbook {
+namespace corvane::ResolutionResultsWorkbook {
 
 struct Entry {
   std::string recordID;
@@ -45,4 +45,4 @@ void write(const std::filesystem::path& path, std::string_view objectLabel,
 // " (2)" and so on when that name is taken.
 std::filesystem::path defaultPath(const std::filesystem::path& snapshot, SystemTime now);
 
-}  // namespace corvane::RunResultsWorkbook
+}  // namespace corvane::ResolutionResultsWorkbook
