@@ -296,15 +296,18 @@ std::vector<ResolutionResultsWorkbook::Entry> resultEntries(const Resolution& re
   std::map<std::string, std::string> planned;                           // action
   std::map<std::int64_t, const PlannedMerge*> carrier;  // the merge that carries a group's values
   std::map<std::int64_t, bool> carried;                 // whether it went through
+  std::vector<const MergeRunner::MergeResult*> mergeResult(plan.merges.size(), nullptr);
+  for (const MergeRunner::MergeResult& result : outcome.merges) {
+    if (result.index < mergeResult.size()) mergeResult[result.index] = &result;
+  }
   for (std::size_t i = 0; i < plan.merges.size(); ++i) {
     const PlannedMerge& merge = plan.merges[i];
     planned[merge.loser] = "Merge into " + merge.primary;
     if (!carrier.count(merge.groupId)) carrier[merge.groupId] = &merge;
-    for (const MergeRunner::MergeResult& result : outcome.merges) {
-      if (result.index != i) continue;
-      happened[merge.loser] = {mergeOutcome(result.status), result.message.value_or("")};
+    if (const MergeRunner::MergeResult* result = mergeResult[i]) {
+      happened[merge.loser] = {mergeOutcome(result->status), result->message.value_or("")};
       if (carrier[merge.groupId] == &merge) {
-        carried[merge.groupId] = result.status == MergeRunner::MergeResult::Status::merged;
+        carried[merge.groupId] = result->status == MergeRunner::MergeResult::Status::merged;
       }
     }
   }
