@@ -327,8 +327,8 @@ std::string actionText(const ResolutionAction& action) {
 ResolutionTask::Resolution resolution(CommandContext& context, SalesforceAPI::Client& api,
                                       const std::filesystem::path& snapshot,
                                       const ResolveOptions& options, bool forApply) {
-  ResolutionTask::Request request{options.settings, options.keeper,        options.action,
-                                  options.includeHeldBack, options.login, forApply,
+  ResolutionTask::Request request{options.settings,        options.keeper,    options.action,
+                                  options.includeHeldBack, options.login,     forApply,
                                   options.decisions,       options.keepValues};
   try {
     return ResolutionTask::plan(api, loginsOf(context), snapshot, request, {});
@@ -391,7 +391,8 @@ nlohmann::json planJSON(const ResolutionTask::Resolution& resolution) {
   nlohmann::json decisions;  // null without a decision workbook
   if (resolution.decisions) {
     nlohmann::json notDuplicates = nlohmann::json::array();
-    for (const auto& [rid, sfid] : resolution.decisions->notDuplicates) notDuplicates.push_back(sfid);
+    for (const auto& [rid, sfid] : resolution.decisions->notDuplicates)
+      notDuplicates.push_back(sfid);
     std::int64_t untouched = 0;
     for (const auto& decided : resolution.decisions->decided) {
       for (const auto& row : decided.records) {
@@ -446,10 +447,9 @@ void printPlan(CommandContext& context, const ResolutionTask::Resolution& resolu
       continue;
     }
     const SnapshotRecord* keeper = group.keeper();
-    context.out << fmt::format("Group {} ({} records): keep {}. {}.\n", id, group.records.size(),
-                               recordText(*keeper),
-                               group.keeperReason.empty()
-                                   ? KeeperRules::why(*keeper, rule, group.records.size())
+    context.out << fmt::format(
+        "Group {} ({} records): keep {}. {}.\n", id, group.records.size(), recordText(*keeper),
+        group.keeperReason.empty() ? KeeperRules::why(*keeper, rule, group.records.size())
                                    : group.keeperReason);
     if (auto found = heldBack.find(id); found != heldBack.end()) {
       context.out << fmt::format(
@@ -546,8 +546,8 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
   if (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty()) {
     context.out << "Nothing to change in Salesforce.\n";
     if (remembers && !options.dryRun) {
-      finish(ResolutionTask::apply(api, planned, {}, {options.lockPause, options.lockAttempts,
-                                                      options.results}, {}));
+      finish(ResolutionTask::apply(api, planned, {},
+                                   {options.lockPause, options.lockAttempts, options.results}, {}));
     }
     return;
   }
@@ -849,9 +849,10 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
     command->add_option("--decisions", arguments.decisions,
                         "A decision workbook exported from this snapshot (.xlsx): its Keep, "
                         "Delete and Not a duplicate rows decide instead of a new match");
-    command->add_option("--keep-values", arguments.keepValues,
-                        "Which record the kept one takes each value from: keeper, mostRecent, "
-                        "nonEmpty, longest or mostCommon, for all fields or FIELD=RULE,...")
+    command
+        ->add_option("--keep-values", arguments.keepValues,
+                     "Which record the kept one takes each value from: keeper, mostRecent, "
+                     "nonEmpty, longest or mostCommon, for all fields or FIELD=RULE,...")
         ->allow_extra_args(false);  // one choice per option, so SNAPSHOT may follow
   };
 

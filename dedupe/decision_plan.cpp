@@ -42,9 +42,15 @@ Outcome resolve(const DecisionWorkbook::Decisions& decisions,
       const Decision decision = marked == decisionOf.end() ? Decision::none : marked->second;
       decided.records.push_back({*found->second, decision});
       switch (decision) {
-        case Decision::keep: keeps.push_back(*found->second); break;
-        case Decision::remove: removes.push_back(*found->second); break;
-        case Decision::none: blanks.push_back(*found->second); break;
+        case Decision::keep:
+          keeps.push_back(*found->second);
+          break;
+        case Decision::remove:
+          removes.push_back(*found->second);
+          break;
+        case Decision::none:
+          blanks.push_back(*found->second);
+          break;
         case Decision::notDuplicate:
           if (remembered.insert(id).second) out.notDuplicates.emplace_back(found->second->rid, id);
           break;
@@ -65,11 +71,11 @@ Outcome resolve(const DecisionWorkbook::Decisions& decisions,
     resolved.group.weakestLink = 1.0;
     resolved.records.push_back(*keeper);
     resolved.records.insert(resolved.records.end(), removes.begin(), removes.end());
-    for (const SnapshotRecord& record : resolved.records) resolved.group.members.push_back(record.rid);
+    for (const SnapshotRecord& record : resolved.records)
+      resolved.group.members.push_back(record.rid);
     resolved.keeperRid = keeper->rid;
-    resolved.keeperReason = keeps.empty()
-                                ? keptByRuleAmongBlanks(*keeper, rule, decided.records.size())
-                                : markedKeep();
+    resolved.keeperReason =
+        keeps.empty() ? keptByRuleAmongBlanks(*keeper, rule, decided.records.size()) : markedKeep();
     out.groups.push_back(std::move(resolved));
   }
   return out;

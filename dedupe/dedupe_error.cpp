@@ -62,9 +62,10 @@ DedupeError DedupeError::badAction(const std::string& text) {
 
 DedupeError DedupeError::badValueRule(const std::string& text) {
   return DedupeError(Kind::badValueRule,
-                     "\"" + text + "\" is not a rule for the kept values. Use keeper, "
-                                   "mostRecent, nonEmpty, longest or mostCommon, for every field "
-                                   "or as FIELD=RULE.");
+                     "\"" + text +
+                         "\" is not a rule for the kept values. Use keeper, "
+                         "mostRecent, nonEmpty, longest or mostCommon, for every field "
+                         "or as FIELD=RULE.");
 }
 
 DedupeError DedupeError::unknownValueField(const std::string& field,

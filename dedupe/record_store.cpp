@@ -347,11 +347,13 @@ std::vector<std::pair<Rid, std::string>> RecordStore::sfids(const std::vector<Ri
   return out;
 }
 
-std::vector<std::pair<Rid, std::string>> RecordStore::ridsOf(const std::vector<std::string>& sfids) {
+std::vector<std::pair<Rid, std::string>> RecordStore::ridsOf(
+    const std::vector<std::string>& sfids) {
   std::vector<std::pair<Rid, std::string>> out;
   if (sfids.empty()) return out;
   // One pass over the records against a temporary table of the Ids.
-  db_->exec("CREATE TEMP TABLE IF NOT EXISTS wanted_ids (sfid TEXT PRIMARY KEY); DELETE FROM wanted_ids");
+  db_->exec(
+      "CREATE TEMP TABLE IF NOT EXISTS wanted_ids (sfid TEXT PRIMARY KEY); DELETE FROM wanted_ids");
   {
     Transaction transaction(*db_);
     Statement insert = db_->prepare("INSERT OR IGNORE INTO wanted_ids (sfid) VALUES (?)");
@@ -363,7 +365,8 @@ std::vector<std::pair<Rid, std::string>> RecordStore::ridsOf(const std::vector<s
   }
   Statement select = db_->prepare(
       "SELECT rid, sfid FROM records WHERE sfid IN (SELECT sfid FROM wanted_ids) ORDER BY rid");
-  while (select.step()) out.emplace_back(static_cast<Rid>(select.columnInt(0)), select.columnText(1));
+  while (select.step())
+    out.emplace_back(static_cast<Rid>(select.columnInt(0)), select.columnText(1));
   db_->exec("DELETE FROM wanted_ids");
   return out;
 }

@@ -41,8 +41,7 @@ void write(const std::filesystem::path& path, std::string_view objectLabel,
 }
 
 std::filesystem::path defaultPath(const std::filesystem::path& snapshot, SystemTime now) {
-  const std::string stem =
-      snapshot.stem().string() + " results " + IsoTime::localFolderStamp(now);
+  const std::string stem = snapshot.stem().string() + " results " + IsoTime::localFolderStamp(now);
   const std::filesystem::path folder = std::filesystem::absolute(snapshot).parent_path();
   std::filesystem::path path = folder / (stem + ".xlsx");
   for (int n = 2; std::filesystem::exists(path); ++n) {

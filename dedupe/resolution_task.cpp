@@ -54,9 +54,8 @@ void checkValueFields(RecordStore& store, const KeepValues& keepValues) {
     accepted.insert(accepted.end(), object.extraSources.begin(), object.extraSources.end());
   }
   for (const auto& [field, rule] : keepValues.fields) {
-    const bool found = std::any_of(accepted.begin(), accepted.end(), [&](const std::string& name) {
-      return sameName(name, field);
-    });
+    const bool found = std::any_of(accepted.begin(), accepted.end(),
+                                   [&](const std::string& name) { return sameName(name, field); });
     if (!found) throw DedupeError::unknownValueField(field, known);
   }
 }
@@ -67,7 +66,8 @@ DecisionPlan::Outcome decide(RecordStore& store, const std::filesystem::path& sn
   const auto exported = DecisionWorkbookTask::exportedGroups(snapshot, request.settings, stop);
   const DecisionWorkbook::Decisions read = DecisionWorkbook::read(*request.decisions, exported);
   std::vector<std::string> ids;
-  for (const auto& group : exported) ids.insert(ids.end(), group.recordIds.begin(), group.recordIds.end());
+  for (const auto& group : exported)
+    ids.insert(ids.end(), group.recordIds.begin(), group.recordIds.end());
   std::vector<Rid> rids;
   for (const auto& [rid, sfid] : store.ridsOf(ids)) rids.push_back(rid);
   DecisionPlan::Outcome decided =
@@ -179,11 +179,11 @@ ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
   if (changes) run(api, resolution, options, stop, onProgress, outcome);
   if (changes || outcome.remembered > 0) {
     const std::filesystem::path path =
-        options.results.empty()
-            ? ResolutionResultsWorkbook::defaultPath(resolution.snapshot, std::chrono::system_clock::now())
-            : options.results;
-    const std::string label =
-        resolution.info.objectLabel.empty() ? resolution.info.objectName : resolution.info.objectLabel;
+        options.results.empty() ? ResolutionResultsWorkbook::defaultPath(
+                                      resolution.snapshot, std::chrono::system_clock::now())
+                                : options.results;
+    const std::string label = resolution.info.objectLabel.empty() ? resolution.info.objectName
+                                                                  : resolution.info.objectLabel;
     try {
       ResolutionResultsWorkbook::write(path, label, resultEntries(resolution, outcome));
       outcome.results = path;
@@ -252,11 +252,16 @@ namespace {
 std::string mergeOutcome(MergeRunner::MergeResult::Status status) {
   using Status = MergeRunner::MergeResult::Status;
   switch (status) {
-    case Status::merged: return "Merged";
-    case Status::failed: return "Failed";
-    case Status::unknown: return "Unknown: check in Salesforce";
-    case Status::skipped: return "Skipped";
-    case Status::notAttempted: return "Not attempted";
+    case Status::merged:
+      return "Merged";
+    case Status::failed:
+      return "Failed";
+    case Status::unknown:
+      return "Unknown: check in Salesforce";
+    case Status::skipped:
+      return "Skipped";
+    case Status::notAttempted:
+      return "Not attempted";
   }
   return "";
 }
@@ -264,10 +269,14 @@ std::string mergeOutcome(MergeRunner::MergeResult::Status status) {
 std::string changeOutcome(ChangeRunner::ChangeResult::Status status, bool deleting) {
   using Status = ChangeRunner::ChangeResult::Status;
   switch (status) {
-    case Status::done: return deleting ? "Deleted" : "Updated";
-    case Status::failed: return "Failed";
-    case Status::unknown: return "Unknown: check in Salesforce";
-    case Status::notAttempted: return "Not attempted";
+    case Status::done:
+      return deleting ? "Deleted" : "Updated";
+    case Status::failed:
+      return "Failed";
+    case Status::unknown:
+      return "Unknown: check in Salesforce";
+    case Status::notAttempted:
+      return "Not attempted";
   }
   return "";
 }
@@ -277,7 +286,8 @@ std::string valuesText(const std::map<std::string, std::string>& values,
   std::string out;
   for (const auto& [field, value] : values) {
     out += (out.empty() ? "" : ", ") + field + " = \"" + value + "\"";
-    if (auto from = sources.find(field); from != sources.end()) out += " (from " + from->second + ")";
+    if (auto from = sources.find(field); from != sources.end())
+      out += " (from " + from->second + ")";
   }
   return out;
 }
@@ -285,7 +295,7 @@ std::string valuesText(const std::map<std::string, std::string>& values,
 }  // namespace
 
 std::vector<ResolutionResultsWorkbook::Entry> resultEntries(const Resolution& resolution,
-                                                     const ApplyOutcome& outcome) {
+                                                            const ApplyOutcome& outcome) {
   using Entry = ResolutionResultsWorkbook::Entry;
   using Kind = ResolutionAction::Kind;
   const ResolutionPlan& plan = resolution.plan;
@@ -338,13 +348,14 @@ std::vector<ResolutionResultsWorkbook::Entry> resultEntries(const Resolution& re
       } else if (isKeeper && !planned.count(record.sfid)) {
         entry.action = "Keep";
         entry.outcome = "Kept";
-        if (auto merge = carrier.find(id); merge != carrier.end() &&
-                                            !merge->second->fieldValues.empty()) {
+        if (auto merge = carrier.find(id);
+            merge != carrier.end() && !merge->second->fieldValues.empty()) {
           const std::string values =
               valuesText(merge->second->fieldValues, merge->second->fieldSources);
           entry.detail = carried[id] ? "Took " + values
                                      : "Its values were not changed, as the merge carrying them "
-                                       "did not go through: " + values;
+                                       "did not go through: " +
+                                           values;
         }
       } else if (auto action = planned.find(record.sfid); action != planned.end()) {
         entry.action = action->second;
@@ -374,8 +385,8 @@ std::vector<ResolutionResultsWorkbook::Entry> resultEntries(const Resolution& re
                                                  return record.rid == row.record.rid;
                                                });
       if (inPlan) continue;
-      Entry entry{row.record.sfid, decided.id, row.record.name, "None", "Left untouched",
-                  "Its Action was blank."};
+      Entry entry{row.record.sfid, decided.id,       row.record.name,
+                  "None",          "Left untouched", "Its Action was blank."};
       if (row.decision == Decision::notDuplicate) {
         entry.action = "Not a duplicate";
         entry.outcome = outcome.remembered > 0 ? "Remembered" : "Not remembered";

@@ -119,6 +119,6 @@ ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
 // with a decision workbook), in group order: what was to be done, what
 // happened and Salesforce's words.
 std::vector<ResolutionResultsWorkbook::Entry> resultEntries(const Resolution& resolution,
-                                                     const ApplyOutcome& outcome);
+                                                            const ApplyOutcome& outcome);
 
 }  // namespace corvane::ResolutionTask

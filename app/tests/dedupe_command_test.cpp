@@ -16,9 +16,9 @@
 #include "dedupe/record_store.hpp"
 #include "dedupe/snapshot_catalog.hpp"
 #include "platform/tests/temporary_folder.hpp"
+#include "tools/orgsim/tests/sample_org.hpp"
 #include "workbook/xlsx_reader.hpp"
 #include "workbook/xlsx_writer.hpp"
-#include "tools/orgsim/tests/sample_org.hpp"
 
 namespace corvane {
 namespace {
@@ -474,8 +474,8 @@ class DedupeDecisionsCommandTest : public DedupeResolveCommandTest {
     std::vector<std::vector<std::string>> rows(grid.rows.size());
     for (std::size_t r = 0; r < rows.size(); ++r) {
       for (std::size_t c = 0; c < grid.headers.size(); ++c) {
-        rows[r].push_back(std::string(grid.cell(static_cast<std::ptrdiff_t>(r),
-                                                static_cast<std::ptrdiff_t>(c))));
+        rows[r].push_back(
+            std::string(grid.cell(static_cast<std::ptrdiff_t>(r), static_cast<std::ptrdiff_t>(c))));
       }
     }
     return rows;
@@ -494,14 +494,14 @@ class DedupeDecisionsCommandTest : public DedupeResolveCommandTest {
         row[actionColumn] = found->second;
       }
     }
-    std::stable_sort(rows.begin(), rows.end(), [&](const auto& a, const auto& b) {
-      return a[nameColumn] > b[nameColumn];
-    });
+    std::stable_sort(rows.begin(), rows.end(),
+                     [&](const auto& a, const auto& b) { return a[nameColumn] > b[nameColumn]; });
     const auto path = home_.path() / "edited.xlsx";
     XlsxWriter writer(path);
     writer.addSheet(*grid->sheetName);
     writer.writeText(0, 0, "Notes");
-    for (std::size_t c = 0; c < grid->headers.size(); ++c) writer.writeText(0, c + 1, grid->headers[c]);
+    for (std::size_t c = 0; c < grid->headers.size(); ++c)
+      writer.writeText(0, c + 1, grid->headers[c]);
     for (std::size_t r = 0; r < rows.size(); ++r) {
       writer.writeText(r + 1, 0, r % 2 == 0 ? "checked" : "");
       for (std::size_t c = 0; c < rows[r].size(); ++c) {
@@ -544,8 +544,8 @@ class DedupeDecisionsCommandTest : public DedupeResolveCommandTest {
     XlsxReader reader(path);
     EXPECT_EQ(reader.sheetNames(), std::vector<std::string>{"Results - Contact"});
     auto grid = reader.readSheet(0);
-    EXPECT_EQ(grid->headers,
-              (std::vector<std::string>{"Group", "Record Id", "Name", "Action", "Outcome", "Message"}));
+    EXPECT_EQ(grid->headers, (std::vector<std::string>{"Group", "Record Id", "Name", "Action",
+                                                       "Outcome", "Message"}));
     std::map<std::string, std::vector<std::string>> rows;
     for (const auto& row : plainRows(*grid)) rows[row[1]] = row;
     return rows;
@@ -554,10 +554,9 @@ class DedupeDecisionsCommandTest : public DedupeResolveCommandTest {
 
 TEST_F(DedupeDecisionsCommandTest, AWorkbookSavedByASpreadsheetProgramDrivesTheApply) {
   auto url = downloadContacts();
-  auto workbook = edited(exported(url), {{martha2_, "keep"},
-                                         {martha1_, "Delete"},
-                                         {peter1_, "DELETE "},
-                                         {peter3_, "not duplicate"}});
+  auto workbook = edited(
+      exported(url),
+      {{martha2_, "keep"}, {martha1_, "Delete"}, {peter1_, "DELETE "}, {peter3_, "not duplicate"}});
   if (auto resaved = resavedByLibreOffice(workbook)) {
     workbook = *resaved;
   } else {
@@ -572,7 +571,9 @@ TEST_F(DedupeDecisionsCommandTest, AWorkbookSavedByASpreadsheetProgramDrivesTheA
   const std::string text = out_.str();
   // Martha: the newer record was marked Keep against the rule. Peter: no
   // Keep, so the oldest of the rows left blank stays. Anna: all blank.
-  EXPECT_NE(text.find("keep " + martha2_ + " (Marhta Jones). Marked Keep in the workbook."), std::string::npos) << text;
+  EXPECT_NE(text.find("keep " + martha2_ + " (Marhta Jones). Marked Keep in the workbook."),
+            std::string::npos)
+      << text;
   EXPECT_NE(text.find("no record was marked Keep"), std::string::npos) << text;
   EXPECT_NE(text.find("2 groups: 2 to resolve (2 merges"), std::string::npos) << text;
   EXPECT_NE(text.find("2 done, 0 failed"), std::string::npos) << text;
@@ -636,10 +637,8 @@ TEST_F(DedupeDecisionsCommandTest, AWorkbookWithProblemsChangesNothingAndListsTh
 
   // Deleting needs no single record to merge into: two Keeps are fine.
   options.action = ResolutionAction::deleteLosers();
-  options.decisions = edited(workbook, {{martha1_, "Delete"},
-                                        {peter1_, "Keep"},
-                                        {peter2_, "Keep"},
-                                        {peter3_, "Delete"}});
+  options.decisions = edited(
+      workbook, {{martha1_, "Delete"}, {peter1_, "Keep"}, {peter2_, "Keep"}, {peter3_, "Delete"}});
   options.results = home_.path() / "chosen results.xlsx";
   out_.str("");
   DedupeCommand::apply(ctx, *api_, url, options);
@@ -649,7 +648,8 @@ TEST_F(DedupeDecisionsCommandTest, AWorkbookWithProblemsChangesNothingAndListsTh
     EXPECT_EQ(row(id)["IsDeleted"], true) << id;
     EXPECT_TRUE(row(id)["MasterRecordId"].is_null()) << id;
   }
-  for (const auto& id : {martha2_, peter1_, peter2_, anna1_}) EXPECT_EQ(row(id)["IsDeleted"], false) << id;
+  for (const auto& id : {martha2_, peter1_, peter2_, anna1_})
+    EXPECT_EQ(row(id)["IsDeleted"], false) << id;
   const auto rows = results(out_.str());
   EXPECT_EQ(rows.at(peter3_)[4], "Deleted");
   EXPECT_EQ(rows.at(martha2_)[4], "Kept");  // the rule's choice among the rows left blank
@@ -665,15 +665,16 @@ TEST_F(DedupeDecisionsCommandTest, ARefusedMergeIsInTheResultsWorkbookInSalesfor
   auto ctx = context();
   out_.str("");
   std::ostringstream err;
-  EXPECT_EQ(runReportingFailures([&] { DedupeCommand::apply(ctx, *api_, url, mergeOldest()); }, err),
-            1);
+  EXPECT_EQ(
+      runReportingFailures([&] { DedupeCommand::apply(ctx, *api_, url, mergeOldest()); }, err), 1);
   const auto rows = results(out_.str());
   ASSERT_EQ(rows.size(), 7u) << out_.str();
   EXPECT_EQ(rows.at(martha2_)[4], "Failed");
   EXPECT_NE(rows.at(martha2_)[5].find("Entity is locked for approval"), std::string::npos)
       << rows.at(martha2_)[5];
   EXPECT_EQ(rows.at(martha1_)[4], "Kept");
-  EXPECT_EQ(rows.at(martha1_)[5].rfind("Its values were not changed", 0), 0u) << rows.at(martha1_)[5];
+  EXPECT_EQ(rows.at(martha1_)[5].rfind("Its values were not changed", 0), 0u)
+      << rows.at(martha1_)[5];
   EXPECT_EQ(rows.at(peter3_)[3], "Merge into " + peter2_);
   EXPECT_EQ(rows.at(peter3_)[4], "Merged");
   EXPECT_EQ(rows.count(zed_), 0u);  // in no group

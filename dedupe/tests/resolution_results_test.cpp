@@ -38,9 +38,9 @@ TEST(ResolutionResultsTest, UpdatesSkippedAndHeldBackGroupsEachSayWhatHappened) 
   const auto rows = ResolutionTask::resultEntries(resolution, outcome);
   ASSERT_EQ(rows.size(), 7u);
   EXPECT_EQ(rows[0], (ResolutionResultsWorkbook::Entry{"0031", 1, "Record 1", "Keep", "Kept", ""}));
-  EXPECT_EQ(rows[1], (ResolutionResultsWorkbook::Entry{"0032", 1, "Record 2",
-                                                       "Update Dup__c = \"0031\"", "Failed",
-                                                       "FIELD_CUSTOM_VALIDATION_EXCEPTION: no"}));
+  EXPECT_EQ(rows[1],
+            (ResolutionResultsWorkbook::Entry{"0032", 1, "Record 2", "Update Dup__c = \"0031\"",
+                                              "Failed", "FIELD_CUSTOM_VALIDATION_EXCEPTION: no"}));
   EXPECT_EQ(rows[2].outcome, "Skipped");
   EXPECT_EQ(rows[3].detail, "This group no longer has a keeper and other records.");
   EXPECT_EQ(rows[4].outcome, "Held back");

@@ -20,7 +20,8 @@ TEST(ValueRulesTest, EachRulePicksItsValueBlanksNeverWinAndTiesGoToTheEarlier) {
                              {"Pilot", "2024-06-01"}};
   EXPECT_EQ(ValueRules::pick(ValueRule::keeper, values), 1u);
   EXPECT_EQ(ValueRules::pick(ValueRule::nonEmpty, values), 1u);
-  EXPECT_EQ(ValueRules::pick(ValueRule::mostRecent, values), 4u);  // the blank of 2025 does not count
+  EXPECT_EQ(ValueRules::pick(ValueRule::mostRecent, values),
+            4u);  // the blank of 2025 does not count
   EXPECT_EQ(ValueRules::pick(ValueRule::longest, values), 2u);
   EXPECT_EQ(ValueRules::pick(ValueRule::mostCommon, values), 1u);  // "Pilot" twice, first holder
 
