@@ -15,6 +15,7 @@
 #include "connections/tests/fake_cli.hpp"
 #include "dedupe/record_store.hpp"
 #include "dedupe/snapshot_catalog.hpp"
+#include "platform/child_process.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
 #include "workbook/xlsx_reader.hpp"
@@ -228,6 +229,31 @@ TEST_F(DedupeMatchCommandTest, PrintsGroupsWithWhyAndStatistics) {
   EXPECT_EQ(json["groups"][1]["weakestLink"], 1.0);
   EXPECT_EQ(json["groups"][0]["members"][1]["values"]["Name"], "Marhta Jones");
   EXPECT_EQ(json["stats"]["groupCount"], 2);
+}
+
+// The program itself: repeated --keep-values before the snapshot, and a bad rule.
+TEST_F(DedupeMatchCommandTest, KeepValuesParseOneChoicePerOptionInTheProgram) {
+  const auto run = [this](std::vector<std::string> arguments) {
+    ProcessRequest request;
+    request.executable = CORVANE_EXECUTABLE;
+    request.arguments = std::move(arguments);
+    request.environment = {{"PATH", "/usr/bin:/bin"},
+                           {"HOME", folder_.path().string()},
+                           {"CORVANE_HOME", (folder_.path() / "support").string()},
+                           {"CORVANE_SF_PATH", fake_.path()}};
+    request.timeout = std::chrono::seconds(60);
+    return ChildProcess::run(request);
+  };
+  auto result = run({"dedupe", "plan", "--action", "deleteLosers", "--keep-values", "mostRecent",
+                     "--keep-values", "Email=longest,name=keeper", url_.string()});
+  EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+  EXPECT_NE(result.standardOutput.find("2 groups: 2 to resolve (0 merges, 2 deletes"),
+            std::string::npos)
+      << result.standardOutput;
+
+  result = run({"dedupe", "plan", "--keep-values", "Email=newest", url_.string()});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_EQ(result.standardError, DedupeError::badValueRule("Email=newest").description() + "\n");
 }
 
 TEST_F(DedupeMatchCommandTest, ExcludedRecordsStayOutOfLaterMatches) {
