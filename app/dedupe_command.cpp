@@ -436,8 +436,9 @@ void printPlan(CommandContext& context, const ResolutionTask::Resolution& resolu
     return found == bySfid.end() ? sfid : recordText(*found->second);
   };
 
-  context.out << fmt::format("Plan for {} {} records: {}. {}\n", resolution.info.recordCount,
+  context.out << fmt::format("Plan for {} {} records: {}. {}{}\n", resolution.info.recordCount,
                              resolution.info.objectLabel, actionText(plan.action),
+                             resolution.decisions ? "Where no record is marked Keep: " : "",
                              KeeperRules::label(rule));
   for (const ResolvedGroup& group : resolution.groups) {
     const std::int64_t id = group.group.id;
