@@ -287,12 +287,28 @@ std::string recordText(const SnapshotRecord& record) {
   return record.name.empty() ? record.sfid : record.sfid + " (" + record.name + ")";
 }
 
-std::string valuesText(const std::map<std::string, std::string>& values) {
+// `Field = "value"`, each followed by the record it comes from when known.
+std::string valuesText(const std::map<std::string, std::string>& values,
+                       const std::map<std::string, std::string>& sources = {},
+                       const std::function<std::string(const std::string&)>& named = {}) {
   std::string out;
   for (const auto& [field, value] : values) {
     out += (out.empty() ? "" : ", ") + field + " = \"" + value + "\"";
+    if (auto from = sources.find(field); from != sources.end()) {
+      out += " (from " + (named ? named(from->second) : from->second) + ")";
+    }
   }
   return out;
+}
+
+void printProblems(CommandContext& context, const DedupeError& error, bool json) {
+  if (error.details().empty()) return;
+  if (json) {
+    context.out << nlohmann::json{{"problems", error.details()}}.dump(2) << '\n';
+    return;
+  }
+  context.out << "Problems in the workbook:\n";
+  for (const std::string& problem : error.details()) context.out << "  " << problem << '\n';
 }
 
 std::string actionText(const ResolutionAction& action) {
@@ -311,9 +327,15 @@ std::string actionText(const ResolutionAction& action) {
 ResolutionTask::Resolution resolution(CommandContext& context, SalesforceAPI::Client& api,
                                       const std::filesystem::path& snapshot,
                                       const ResolveOptions& options, bool forApply) {
-  ResolutionTask::Request request{options.settings, options.keeper, options.action,
-                                  options.includeHeldBack, options.login, forApply};
-  return ResolutionTask::plan(api, loginsOf(context), snapshot, request, {});
+  ResolutionTask::Request request{options.settings,        options.keeper,    options.action,
+                                  options.includeHeldBack, options.login,     forApply,
+                                  options.decisions,       options.keepValues};
+  try {
+    return ResolutionTask::plan(api, loginsOf(context), snapshot, request, {});
+  } catch (const DedupeError& error) {
+    printProblems(context, error, options.json);
+    throw;
+  }
 }
 
 nlohmann::json planJSON(const ResolutionTask::Resolution& resolution) {
@@ -328,7 +350,9 @@ nlohmann::json planJSON(const ResolutionTask::Resolution& resolution) {
     }
     if (const SnapshotRecord* keeper = group.keeper()) {
       entry["keeper"] = keeper->sfid;
-      entry["why"] = KeeperRules::why(*keeper, resolution.keeper, group.records.size());
+      entry["why"] = group.keeperReason.empty()
+                         ? KeeperRules::why(*keeper, resolution.keeper, group.records.size())
+                         : group.keeperReason;
     }
     if (auto found = skipped.find(group.group.id); found != skipped.end()) {
       entry["skipped"] = found->second;
@@ -357,14 +381,32 @@ nlohmann::json planJSON(const ResolutionTask::Resolution& resolution) {
                       {"loserModified", merge.loserModified},
                       {"groupId", merge.groupId},
                       {"fieldValues", merge.fieldValues},
+                      {"fieldSources", merge.fieldSources},
                       {"object", merge.object}});
   }
   nlohmann::json skippedJSON = nlohmann::json::array();
   for (const auto& [id, reason] : plan.skipped) skippedJSON.push_back({{"groupId", id}, {"reason", reason}});
   nlohmann::json heldJSON = nlohmann::json::array();
   for (const auto& [id, count] : plan.heldBack) heldJSON.push_back({{"groupId", id}, {"distinctCount", count}});
+  nlohmann::json decisions;  // null without a decision workbook
+  if (resolution.decisions) {
+    nlohmann::json notDuplicates = nlohmann::json::array();
+    for (const auto& [rid, sfid] : resolution.decisions->notDuplicates)
+      notDuplicates.push_back(sfid);
+    std::int64_t untouched = 0;
+    for (const auto& decided : resolution.decisions->decided) {
+      for (const auto& row : decided.records) {
+        if (row.decision == DecisionPlan::Decision::none) ++untouched;
+      }
+    }
+    decisions = {{"workbook", resolution.workbook->string()},
+                 {"groups", resolution.decisions->decided.size()},
+                 {"notDuplicates", notDuplicates},
+                 {"untouched", untouched}};
+  }
   return {{"action", plan.action.text()},
           {"keeper", std::string(rawValue(resolution.keeper))},
+          {"decisions", decisions},
           {"groupCount", plan.groupCount},
           {"groups", groups},
           {"merges", merges},
@@ -384,13 +426,19 @@ void printPlan(CommandContext& context, const ResolutionTask::Resolution& resolu
   for (const ResolvedGroup& group : resolution.groups) {
     for (const SnapshotRecord& record : group.records) bySfid[record.sfid] = &record;
   }
-  auto named = [&bySfid](const std::string& sfid) {
+  if (resolution.decisions) {
+    for (const auto& decided : resolution.decisions->decided) {
+      for (const auto& row : decided.records) bySfid.emplace(row.record.sfid, &row.record);
+    }
+  }
+  const std::function<std::string(const std::string&)> named = [&bySfid](const std::string& sfid) {
     auto found = bySfid.find(sfid);
     return found == bySfid.end() ? sfid : recordText(*found->second);
   };
 
-  context.out << fmt::format("Plan for {} {} records: {}. {}\n", resolution.info.recordCount,
+  context.out << fmt::format("Plan for {} {} records: {}. {}{}\n", resolution.info.recordCount,
                              resolution.info.objectLabel, actionText(plan.action),
+                             resolution.decisions ? "Where no record is marked Keep: " : "",
                              KeeperRules::label(rule));
   for (const ResolvedGroup& group : resolution.groups) {
     const std::int64_t id = group.group.id;
@@ -400,9 +448,10 @@ void printPlan(CommandContext& context, const ResolutionTask::Resolution& resolu
       continue;
     }
     const SnapshotRecord* keeper = group.keeper();
-    context.out << fmt::format("Group {} ({} records): keep {}. {}.\n", id, group.records.size(),
-                               recordText(*keeper),
-                               KeeperRules::why(*keeper, rule, group.records.size()));
+    context.out << fmt::format(
+        "Group {} ({} records): keep {}. {}.\n", id, group.records.size(), recordText(*keeper),
+        group.keeperReason.empty() ? KeeperRules::why(*keeper, rule, group.records.size())
+                                   : group.keeperReason);
     if (auto found = heldBack.find(id); found != heldBack.end()) {
       context.out << fmt::format(
           "  Held back: {} of its records differ from all the others. {}\n", found->second,
@@ -413,7 +462,9 @@ void printPlan(CommandContext& context, const ResolutionTask::Resolution& resolu
     for (const PlannedMerge& merge : plan.merges) {
       if (merge.groupId != id) continue;
       context.out << "  merge " << named(merge.loser) << " into it";
-      if (!merge.fieldValues.empty()) context.out << ", setting " << valuesText(merge.fieldValues);
+      if (!merge.fieldValues.empty()) {
+        context.out << ", setting " << valuesText(merge.fieldValues, merge.fieldSources, named);
+      }
       context.out << '\n';
     }
     for (const PlannedChange& change : plan.deletes) {
@@ -424,6 +475,31 @@ void printPlan(CommandContext& context, const ResolutionTask::Resolution& resolu
         context.out << "  update " << named(change.sfid) << ": " << valuesText(change.fields)
                     << '\n';
       }
+    }
+  }
+  if (resolution.decisions) {
+    std::size_t undecided = 0;
+    std::int64_t untouched = 0;
+    for (const auto& decided : resolution.decisions->decided) {
+      bool removes = false;
+      for (const auto& row : decided.records) {
+        removes = removes || row.decision == DecisionPlan::Decision::remove;
+        if (row.decision == DecisionPlan::Decision::none) ++untouched;
+      }
+      if (!removes) ++undecided;
+    }
+    const std::size_t groups = resolution.decisions->decided.size();
+    context.out << fmt::format(
+        "From {}: {} group{}, {} with no record marked Delete; {} row{} left blank {} not "
+        "touched.\n",
+        resolution.workbook->filename().string(), groups, groups == 1 ? "" : "s", undecided,
+        untouched, untouched == 1 ? "" : "s", untouched == 1 ? "is" : "are");
+    const auto& notDuplicates = resolution.decisions->notDuplicates;
+    if (!notDuplicates.empty()) {
+      std::string ids;
+      for (const auto& [rid, sfid] : notDuplicates) ids += (ids.empty() ? "" : ", ") + named(sfid);
+      context.out << fmt::format("Not a duplicate, remembered in the snapshot when applied: {}\n",
+                                 ids);
     }
   }
   context.out << fmt::format(
@@ -455,8 +531,25 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     context.out << "This action changes nothing in Salesforce.\n";
     return;
   }
+  const bool remembers = planned.decisions && !planned.decisions->notDuplicates.empty();
+  const auto finish = [&context](const ResolutionTask::ApplyOutcome& outcome) {
+    if (outcome.remembered > 0) {
+      context.out << fmt::format(
+          "Remembered {} record{} as not a duplicate: later matches leave {} out.\n",
+          outcome.remembered, outcome.remembered == 1 ? "" : "s",
+          outcome.remembered == 1 ? "it" : "them");
+    }
+    if (outcome.results) context.out << "Results: " << outcome.results->string() << '\n';
+    if (outcome.resultsFailure) {
+      context.out << "The results workbook was not written: " << *outcome.resultsFailure << '\n';
+    }
+  };
   if (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty()) {
-    context.out << "Nothing to change.\n";
+    context.out << "Nothing to change in Salesforce.\n";
+    if (remembers && !options.dryRun) {
+      finish(ResolutionTask::apply(api, planned, {},
+                                   {options.lockPause, options.lockAttempts, options.results}, {}));
+    }
     return;
   }
 
@@ -489,7 +582,8 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     }
   };
   const ResolutionTask::ApplyOutcome outcome = ResolutionTask::apply(
-      api, planned, checked, {options.lockPause, options.lockAttempts}, {}, progress);
+      api, planned, checked, {options.lockPause, options.lockAttempts, options.results}, {},
+      progress);
 
   const auto line = [&context](const std::string& verb, const std::string& what,
                                const std::optional<std::string>& message) {
@@ -527,6 +621,7 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
   }
   context.out << fmt::format("{} done, {} failed, {} to check in Salesforce, {} not done.\n",
                              outcome.done, outcome.failed, outcome.unknown, outcome.notDone);
+  finish(outcome);
   outcome.throwIfIncomplete();
 }
 
@@ -709,6 +804,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
     bool json = false;
     bool dryRun = false;
     std::string login;
+    std::string decisions;
+    std::vector<std::string> keepValues;
+    std::string results;
 
     ResolveOptions options() const {
       ResolveOptions out;
@@ -725,6 +823,11 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       out.json = json;
       out.dryRun = dryRun;
       out.login = login;
+      if (!decisions.empty()) out.decisions = decisions;
+      for (const std::string& choice : splitList(keepValues)) {
+        if (!out.keepValues.add(choice)) throw DedupeCommandError::badValueRule(choice);
+      }
+      out.results = results;
       return out;
     }
   };
@@ -744,6 +847,14 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
                       "Also resolve groups whose records are not all near-identical");
     command->add_option("--login", arguments.login,
                         "The login to use (default: the one that made the snapshot)");
+    command->add_option("--decisions", arguments.decisions,
+                        "A decision workbook exported from this snapshot (.xlsx): its Keep, "
+                        "Delete and Not a duplicate rows decide instead of a new match");
+    command
+        ->add_option("--keep-values", arguments.keepValues,
+                     "Which record the kept one takes each value from: keeper, mostRecent, "
+                     "nonEmpty, longest or mostCommon, for all fields or FIELD=RULE,...")
+        ->allow_extra_args(false);  // one choice per option, so SNAPSHOT may follow
   };
 
   auto planArgs = std::make_shared<ResolveArguments>();
@@ -764,6 +875,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       "apply", "Check the records in Salesforce, then merge or delete the duplicates");
   addResolveOptions(applyCommand, *applyArgs);
   applyCommand->add_flag("--dry-run", applyArgs->dryRun, "Plan and check only; change nothing");
+  applyCommand->add_option("--results", applyArgs->results,
+                           "The results workbook to write (.xlsx; default: a dated file beside "
+                           "the snapshot)");
   applyCommand->callback([&context, &chosen, applyArgs, makeClient] {
     chosen = [&context, applyArgs, makeClient] {
       ResolveOptions options = applyArgs->options();

@@ -8,8 +8,9 @@
 //   dedupe match SNAPSHOT [--strictness strict|normal|loose] [--window N] [--no-split] [--json]
 //   dedupe exclude SNAPSHOT ID...
 //   dedupe plan SNAPSHOT --keeper oldest|newest|mostComplete|recentlyUpdated
-//               --action merge|deleteLosers|fillGaps|tag:FIELD|exportOnly [--json]
-//   dedupe apply SNAPSHOT ...the same options... [--dry-run]
+//               --action merge|deleteLosers|fillGaps|tag:FIELD|exportOnly
+//               [--decisions FILE.xlsx] [--keep-values RULE|FIELD=RULE,...] [--json]
+//   dedupe apply SNAPSHOT ...the same options... [--results FILE.xlsx] [--dry-run]
 //
 // The work is done by the engine's tasks (dedupe/*_task.hpp); these turn the
 // arguments into their requests and their results into text or JSON. A
@@ -20,6 +21,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -75,6 +77,11 @@ struct ResolveOptions {
   bool json = false;
   bool dryRun = false;  // apply: check only
   std::string login;    // empty: the login that made the snapshot
+  // A decision workbook exported from the snapshot: its rows decide instead
+  // of a new match.
+  std::optional<std::filesystem::path> decisions;
+  KeepValues keepValues;          // merge: where each field's kept value comes from
+  std::filesystem::path results;  // apply: the results workbook; empty: beside the snapshot
   std::chrono::milliseconds lockPause{1000};
   int lockAttempts = 4;
   // apply: after each merge call or batch of deletes or updates.

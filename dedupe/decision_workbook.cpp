@@ -167,6 +167,12 @@ void write(const std::filesystem::path& path, const Layout& layout,
   writer.close();
 }
 
+std::string nothingLeftToKeep(std::int64_t groupId) {
+  return "Group " + std::to_string(groupId) +
+         " has records marked Delete but none left to keep: the others are marked Not a "
+         "duplicate. Mark one record Keep, or leave its Action blank.";
+}
+
 Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<DecidedGroup>& groups) {
   Decisions decisions;
   const ImportGrid* sheet = nullptr;
@@ -189,6 +195,7 @@ Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<Decide
   }
   std::unordered_set<std::string> seen;
   std::vector<std::size_t> deletedPerGroup(groups.size(), 0);
+  std::vector<std::size_t> setApartPerGroup(groups.size(), 0);  // marked Not a duplicate
 
   for (std::size_t r = 0; r < sheet->rows.size(); ++r) {
     const auto at = static_cast<std::ptrdiff_t>(r);
@@ -232,6 +239,7 @@ Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<Decide
         break;
       case Action::notDuplicate:
         decisions.notDuplicates.push_back(id);
+        ++setApartPerGroup[group->second];
         break;
     }
   }
@@ -245,6 +253,9 @@ Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<Decide
           std::to_string(groups[g].id) +
           " Keep, or leave its Action blank, instead of having every record marked " +
           std::string(deleteWord) + ".");
+    } else if (deletedPerGroup[g] > 0 &&
+               deletedPerGroup[g] + setApartPerGroup[g] >= members.size()) {
+      decisions.problems.push_back(nothingLeftToKeep(groups[g].id));
     }
   }
   if (decisions.deletes.empty() && decisions.notDuplicates.empty()) {

@@ -89,6 +89,10 @@ struct DecidedGroup {
   bool operator==(const DecidedGroup&) const = default;
 };
 
+// The problem of a group whose records are all marked Delete or Not a
+// duplicate, some of them Delete.
+std::string nothingLeftToKeep(std::int64_t groupId);
+
 // The decisions of the first sheet that has both a "Record Id" and an
 // "Action" column. Row numbers in problems count the header as row 1.
 Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<DecidedGroup>& groups);

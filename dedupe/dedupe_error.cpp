@@ -60,6 +60,30 @@ DedupeError DedupeError::badAction(const std::string& text) {
                                    "fillGaps, tag:FIELD or exportOnly.");
 }
 
+DedupeError DedupeError::badValueRule(const std::string& text) {
+  return DedupeError(Kind::badValueRule,
+                     "\"" + text +
+                         "\" is not a rule for the kept values. Use keeper, "
+                         "mostRecent, nonEmpty, longest or mostCommon, for every field "
+                         "or as FIELD=RULE.");
+}
+
+DedupeError DedupeError::unknownValueField(const std::string& field,
+                                           const std::vector<std::string>& known) {
+  std::string list;
+  for (const std::string& name : known) list += (list.empty() ? "" : ", ") + name;
+  return DedupeError(Kind::unknownValueField,
+                     "The snapshot has no field " + field +
+                         ", so no rule can choose its value. Its fields are " + list + ".");
+}
+
+DedupeError DedupeError::decisionsNeedRemoval(const std::string& action) {
+  return DedupeError(Kind::decisionsNeedRemoval,
+                     "A decision workbook says which records to remove, and the action " + action +
+                         " removes none. Use --action merge or --action deleteLosers with "
+                         "--decisions.");
+}
+
 DedupeError DedupeError::signedOutPartWay(std::size_t done, std::size_t notDone) {
   return DedupeError(
       Kind::signedOutPartWay,
@@ -99,6 +123,13 @@ DedupeError DedupeError::problems(std::size_t count, const std::filesystem::path
                       "Correct {} in the workbook, save it and read it again.",
                       workbook.filename().string(), count, count == 1 ? "" : "s",
                       count == 1 ? "it" : "them")};
+}
+
+DedupeError DedupeError::problems(std::vector<std::string> problems,
+                                  const std::filesystem::path& workbook) {
+  DedupeError error = DedupeError::problems(problems.size(), workbook);
+  error.details_ = std::move(problems);
+  return error;
 }
 
 DedupeError DedupeError::stopped() {

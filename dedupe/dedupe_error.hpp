@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "platform/user_facing_error.hpp"
 
@@ -24,6 +25,9 @@ class DedupeError : public UserFacingError {
     unknownRecord,
     badKeeperRule,
     badAction,
+    badValueRule,
+    decisionsNeedRemoval,
+    unknownValueField,
     signedOutPartWay,
     notApplied,
     stoppedPartWay,
@@ -40,6 +44,12 @@ class DedupeError : public UserFacingError {
   static DedupeError unknownRecord(const std::string& id);
   static DedupeError badKeeperRule(const std::string& text);
   static DedupeError badAction(const std::string& text);
+  // A --keep-values choice that names no rule, or a field the snapshot lacks.
+  static DedupeError badValueRule(const std::string& text);
+  static DedupeError unknownValueField(const std::string& field,
+                                       const std::vector<std::string>& known);
+  // A decision workbook given with an action that removes no record.
+  static DedupeError decisionsNeedRemoval(const std::string& action);
   // done: changes made before the sign-out; notDone: changes not attempted.
   static DedupeError signedOutPartWay(std::size_t done, std::size_t notDone);
   // A stop request ended the changes part-way.
@@ -50,13 +60,19 @@ class DedupeError : public UserFacingError {
   static DedupeError noGroups();
   // A decision workbook read back with count problems (each listed beforehand).
   static DedupeError problems(std::size_t count, const std::filesystem::path& workbook);
+  // The same, carrying the problems for a caller that has not listed them.
+  static DedupeError problems(std::vector<std::string> problems,
+                              const std::filesystem::path& workbook);
   // The caller asked the task to stop before it had anything to give.
   static DedupeError stopped();
   Kind kind() const { return kind_; }
+  // problems: each problem's sentence, when the error carries them.
+  const std::vector<std::string>& details() const { return details_; }
 
  private:
   DedupeError(Kind kind, const std::string& sentence) : UserFacingError(sentence), kind_(kind) {}
   Kind kind_;
+  std::vector<std::string> details_;
 };
 
 }  // namespace corvane

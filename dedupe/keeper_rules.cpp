@@ -1,5 +1,7 @@
 #include "dedupe/keeper_rules.hpp"
 
+#include <algorithm>
+
 namespace corvane {
 
 std::string_view rawValue(KeeperRule rule) {
@@ -61,6 +63,15 @@ std::optional<std::size_t> keeperIndex(const std::vector<SnapshotRecord>& record
     if (better(records[i], records[best], rule)) best = i;
   }
   return best;
+}
+
+std::vector<std::size_t> ranked(const std::vector<SnapshotRecord>& records, KeeperRule rule) {
+  std::vector<std::size_t> order(records.size());
+  for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+    return better(records[a], records[b], rule);
+  });
+  return order;
 }
 
 const SnapshotRecord* keeper(const std::vector<SnapshotRecord>& records, KeeperRule rule) {

@@ -40,6 +40,10 @@ std::string_view label(KeeperRule rule);
 //   recentlyUpdated: largest `modified` (a blank one never wins over a date).
 std::optional<std::size_t> keeperIndex(const std::vector<SnapshotRecord>& records, KeeperRule rule);
 
+// The positions of all records, best first under the rule; equal records
+// keep their order (so the first is keeperIndex's).
+std::vector<std::size_t> ranked(const std::vector<SnapshotRecord>& records, KeeperRule rule);
+
 // The record the rule keeps, pointing into records; nullptr when it is empty.
 const SnapshotRecord* keeper(const std::vector<SnapshotRecord>& records, KeeperRule rule);
 

@@ -347,6 +347,30 @@ std::vector<std::pair<Rid, std::string>> RecordStore::sfids(const std::vector<Ri
   return out;
 }
 
+std::vector<std::pair<Rid, std::string>> RecordStore::ridsOf(
+    const std::vector<std::string>& sfids) {
+  std::vector<std::pair<Rid, std::string>> out;
+  if (sfids.empty()) return out;
+  // One pass over the records against a temporary table of the Ids.
+  db_->exec(
+      "CREATE TEMP TABLE IF NOT EXISTS wanted_ids (sfid TEXT PRIMARY KEY); DELETE FROM wanted_ids");
+  {
+    Transaction transaction(*db_);
+    Statement insert = db_->prepare("INSERT OR IGNORE INTO wanted_ids (sfid) VALUES (?)");
+    for (const std::string& sfid : sfids) {
+      insert.bindText(1, sfid).run();
+      insert.reset();
+    }
+    transaction.commit();
+  }
+  Statement select = db_->prepare(
+      "SELECT rid, sfid FROM records WHERE sfid IN (SELECT sfid FROM wanted_ids) ORDER BY rid");
+  while (select.step())
+    out.emplace_back(static_cast<Rid>(select.columnInt(0)), select.columnText(1));
+  db_->exec("DELETE FROM wanted_ids");
+  return out;
+}
+
 std::vector<std::tuple<Rid, std::string, std::string>> RecordStore::sfidsAndKinds(
     const std::vector<Rid>& rids) {
   std::vector<std::tuple<Rid, std::string, std::string>> out;

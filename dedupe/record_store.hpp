@@ -112,6 +112,9 @@ class RecordStore {
 
   std::vector<SnapshotRecord> records(const std::vector<Rid>& rids);
   std::vector<std::pair<Rid, std::string>> sfids(const std::vector<Rid>& rids);
+  // The rids of the records with these Salesforce Ids (each rid with its Id,
+  // in rid order); Ids not in the snapshot are left out.
+  std::vector<std::pair<Rid, std::string>> ridsOf(const std::vector<std::string>& sfids);
   // rid, sfid and object name.
   std::vector<std::tuple<Rid, std::string, std::string>> sfidsAndKinds(const std::vector<Rid>& rids);
   std::vector<std::pair<Rid, std::vector<std::string>>> normalized(const std::vector<Rid>& rids);

@@ -63,10 +63,6 @@ bool sameName(std::string_view a, std::string_view b) {
          });
 }
 
-bool isBlank(std::string_view value) {
-  return value.find_first_not_of(" \t\r\n") == std::string_view::npos;
-}
-
 std::string_view kindWords(MatchKind kind) {
   switch (kind) {
     case MatchKind::text: return "text";
@@ -129,33 +125,57 @@ const WritableField* writable(const std::string& object, std::string_view field,
   return nullptr;
 }
 
-// The values the kept record is to take: the user's chosen values (when a
-// merge carries them), then, for each writable field the keeper leaves blank,
-// the first loser's value that is filled in. Filling never overwrites a value
-// the keeper has.
-std::map<std::string, std::string> valuesForKeeper(const ResolvedGroup& group,
-                                                   const SnapshotRecord& keeper,
-                                                   const Context& context, bool withChosen) {
-  std::map<std::string, std::string> out;
-  if (withChosen) out = group.chosenValues;
+// The values the kept record takes from the others: the user's chosen values
+// (when a merge carries them), then, field by field, the value the field's
+// rule picks (Context::keepValues) when it differs from the keeper's own.
+// Filling gaps uses the keeper rule, so it never overwrites a value the
+// keeper has. Only fields the object lets us write are considered.
+struct KeeperValues {
+  std::map<std::string, std::string> values;
+  std::map<std::string, std::string> sources;  // field -> Id of the record the value is from
+};
+
+KeeperValues valuesForKeeper(const ResolvedGroup& group, const SnapshotRecord& keeper,
+                             const Context& context, bool forMerge) {
+  KeeperValues out;
+  if (forMerge) out.values = group.chosenValues;
   const std::string object = objectOf(keeper, context);
-  auto keeperValues = namedValues(keeper, context);
-  for (const auto& [field, value] : keeperValues) {
-    if (!isBlank(value) || out.count(field) > 0) continue;
-    const WritableField* detail = writable(object, field, context);
-    if (!detail) continue;
-    for (const SnapshotRecord* loser : group.losers()) {
-      if (objectOf(*loser, context) != object) continue;
-      bool found = false;
-      for (const auto& [loserField, loserValue] : namedValues(*loser, context)) {
-        if (loserField == field && !isBlank(loserValue)) {
-          out.emplace(detail->name, loserValue);
-          found = true;
-          break;
-        }
-      }
-      if (found) break;
+
+  // The records of the keeper's object: in group order, and as the keeper
+  // rule ranks them; the keeper first in both.
+  std::vector<const SnapshotRecord*> inGroupOrder{&keeper};
+  for (const SnapshotRecord* loser : group.losers()) {
+    if (objectOf(*loser, context) == object) inGroupOrder.push_back(loser);
+  }
+  std::vector<const SnapshotRecord*> inRuleOrder{&keeper};
+  for (std::size_t i : KeeperRules::ranked(group.records, context.keeperRule)) {
+    const SnapshotRecord& record = group.records[i];
+    if (record.rid != keeper.rid && objectOf(record, context) == object) {
+      inRuleOrder.push_back(&record);
     }
+  }
+  std::map<const SnapshotRecord*, std::vector<std::pair<std::string, std::string>>> named;
+  for (const SnapshotRecord* record : inGroupOrder) named[record] = namedValues(*record, context);
+  const auto valueOf = [&named](const SnapshotRecord* record, const std::string& field) {
+    for (const auto& [name, value] : named[record]) {
+      if (name == field) return std::string_view(value);
+    }
+    return std::string_view();
+  };
+
+  for (const auto& [field, keeperValue] : named[&keeper]) {
+    const WritableField* detail = writable(object, field, context);
+    if (!detail || out.values.count(detail->name) > 0) continue;
+    const ValueRule rule = forMerge ? context.keepValues.ruleFor(field) : ValueRule::keeper;
+    const auto& order = rule == ValueRule::keeper ? inGroupOrder : inRuleOrder;
+    std::vector<ValueRules::Candidate> candidates;
+    for (const SnapshotRecord* record : order) {
+      candidates.push_back({valueOf(record, field), record->modified});
+    }
+    const std::optional<std::size_t> picked = ValueRules::pick(rule, candidates);
+    if (!picked || *picked == 0 || candidates[*picked].value == keeperValue) continue;
+    out.values.emplace(detail->name, std::string(candidates[*picked].value));
+    out.sources.emplace(detail->name, order[*picked]->sfid);
   }
   return out;
 }
@@ -297,10 +317,10 @@ ResolutionPlan plan(const std::vector<ResolvedGroup>& groups, const ResolutionAc
       continue;
     }
     const SnapshotRecord& keeper = *group.keeper();
-    std::map<std::string, std::string> values;
+    KeeperValues values;
     if (action.kind == Kind::fillGaps || action.kind == Kind::merge) {
       values = valuesForKeeper(group, keeper, context, action.kind == Kind::merge);
-      if (action.kind == Kind::fillGaps && values.empty()) {
+      if (action.kind == Kind::fillGaps && values.values.empty()) {
         out.skipped.emplace_back(id, nothingToFill());
         continue;
       }
@@ -320,7 +340,10 @@ ResolutionPlan plan(const std::vector<ResolvedGroup>& groups, const ResolutionAc
           merge.loser = loser->sfid;
           merge.loserModified = loser->modified;
           merge.groupId = id;
-          if (first) merge.fieldValues = values;
+          if (first) {
+            merge.fieldValues = values.values;
+            merge.fieldSources = values.sources;
+          }
           merge.object = objectOf(keeper, context);
           out.merges.push_back(std::move(merge));
           first = false;
@@ -334,7 +357,7 @@ ResolutionPlan plan(const std::vector<ResolvedGroup>& groups, const ResolutionAc
         break;
       case Kind::fillGaps: {
         PlannedChange change = changeFor(keeper, id, context);
-        change.fields = std::move(values);
+        change.fields = std::move(values.values);
         out.updates.push_back(std::move(change));
         break;
       }

@@ -18,6 +18,7 @@
 #include "dedupe/keeper_rules.hpp"
 #include "dedupe/match_settings.hpp"
 #include "dedupe/record_store.hpp"
+#include "dedupe/value_rules.hpp"
 
 namespace corvane {
 
@@ -29,6 +30,9 @@ struct ResolvedGroup {
   // Values the user chose for the kept record, by field API name. A merge
   // carries them; filling gaps writes them.
   std::map<std::string, std::string> chosenValues;
+  // Why the keeper stays when it was not the keeper rule's choice (the
+  // user marked it Keep, say); empty when the rule chose it.
+  std::string keeperReason;
 
   // The record whose rid is keeperRid; nullptr when it is no longer among
   // the records.
@@ -77,6 +81,9 @@ struct PlannedMerge {
   std::int64_t groupId = 0;
   std::map<std::string, std::string> fieldValues;
   std::string object;
+  // For each field of fieldValues taken from a record of the group: that
+  // record's Id (values the user chose have none).
+  std::map<std::string, std::string> fieldSources;
   bool operator==(const PlannedMerge&) const = default;
 };
 
@@ -112,6 +119,10 @@ struct Context {
   // By object API name; none when the field details have not loaded.
   std::optional<std::map<std::string, std::vector<WritableField>>> writableFields;
   bool includeHeldBack = false;
+  // A merge's kept record takes each field's value by these rules; the
+  // records are tried in the order keeperRule ranks them.
+  KeeperRule keeperRule = KeeperRule::oldest;
+  KeepValues keepValues;
 };
 
 // The snapshot's layout; writableFields and includeHeldBack left for the caller.

@@ -1,11 +1,14 @@
 #include "dedupe/resolution_task.hpp"
 
+#include <algorithm>
+#include <cctype>
 #include <map>
 
 #include <nlohmann/json.hpp>
 
 #include "connections/api_transport.hpp"
 #include "connections/download_error.hpp"
+#include "dedupe/decision_workbook_task.hpp"
 #include "dedupe/match_task.hpp"
 #include "dedupe/snapshot_task.hpp"
 
@@ -33,6 +36,48 @@ std::map<std::string, std::vector<ResolutionPlanner::WritableField>> writableFie
   return out;
 }
 
+bool sameName(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+// Every field a --keep-values rule names must be one the snapshot holds.
+void checkValueFields(RecordStore& store, const KeepValues& keepValues) {
+  std::vector<std::string> known;
+  for (const MatchField& field : store.matchFields()) known.push_back(field.name);
+  for (const std::string& field : store.extraFields()) known.push_back(field);
+  std::vector<std::string> accepted = known;
+  for (const auto& object : store.objects()) {
+    accepted.insert(accepted.end(), object.sources.begin(), object.sources.end());
+    accepted.insert(accepted.end(), object.extraSources.begin(), object.extraSources.end());
+  }
+  for (const auto& [field, rule] : keepValues.fields) {
+    const bool found = std::any_of(accepted.begin(), accepted.end(),
+                                   [&](const std::string& name) { return sameName(name, field); });
+    if (!found) throw DedupeError::unknownValueField(field, known);
+  }
+}
+
+// The decision workbook's groups, keepers and records, or its problems.
+DecisionPlan::Outcome decide(RecordStore& store, const std::filesystem::path& snapshot,
+                             const Request& request, std::stop_token stop) {
+  const auto exported = DecisionWorkbookTask::exportedGroups(snapshot, request.settings, stop);
+  const DecisionWorkbook::Decisions read = DecisionWorkbook::read(*request.decisions, exported);
+  std::vector<std::string> ids;
+  for (const auto& group : exported)
+    ids.insert(ids.end(), group.recordIds.begin(), group.recordIds.end());
+  std::vector<Rid> rids;
+  for (const auto& [rid, sfid] : store.ridsOf(ids)) rids.push_back(rid);
+  DecisionPlan::Outcome decided =
+      DecisionPlan::resolve(read, exported, store.records(rids), request.keeper, request.action);
+  if (!decided.problems.empty()) {
+    throw DedupeError::problems(std::move(decided.problems), *request.decisions);
+  }
+  return decided;
+}
+
 }  // namespace
 
 Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
@@ -43,6 +88,16 @@ Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
   resolution.keeper = request.keeper;
   auto store = SnapshotTask::open(snapshot);
   resolution.info = store->info();
+  checkValueFields(*store, request.keepValues);
+  if (request.decisions) {
+    if (request.action.kind != ResolutionAction::Kind::merge &&
+        request.action.kind != ResolutionAction::Kind::deleteLosers) {
+      throw DedupeError::decisionsNeedRemoval(request.action.text());
+    }
+    resolution.workbook = *request.decisions;
+    resolution.decisions = decide(*store, snapshot, request, stop);
+    resolution.groups = resolution.decisions->groups;
+  }
   using Kind = ResolutionAction::Kind;
   const bool writes = request.action.kind == Kind::merge ||
                       request.action.kind == Kind::fillGaps ||
@@ -53,11 +108,15 @@ Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
     resolution.org = findLogin(chosen);
   }
 
-  MatchOutcome outcome = MatchTask::groups(*store, request.settings, stop, onProgress);
-  resolution.groups = ResolutionPlanner::resolve(*store, outcome.groups, request.keeper);
+  if (!request.decisions) {
+    MatchOutcome outcome = MatchTask::groups(*store, request.settings, stop, onProgress);
+    resolution.groups = ResolutionPlanner::resolve(*store, outcome.groups, request.keeper);
+  }
 
   ResolutionPlanner::Context planning = ResolutionPlanner::contextFor(*store);
   planning.includeHeldBack = request.includeHeldBack;
+  planning.keeperRule = request.keeper;
+  planning.keepValues = request.keepValues;
   if (writes) {
     std::vector<std::string> objects;
     for (const auto& object : planning.objects) objects.push_back(object.name);
@@ -75,6 +134,10 @@ bool changesNothing(const ResolutionPlan& plan) {
   return plan.action.kind == ResolutionAction::Kind::exportOnly ||
          (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty());
 }
+
+// Makes the changes of a checked plan, counting them into outcome.
+void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOptions& options,
+         std::stop_token stop, const DedupeProgressHandler& onProgress, ApplyOutcome& outcome);
 
 void report(const DedupeProgressHandler& onProgress, DedupeProgress::Phase phase,
             std::size_t done, std::size_t total) {
@@ -104,10 +167,39 @@ ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
                    std::stop_token stop, const DedupeProgressHandler& onProgress) {
   ApplyOutcome outcome;
   const ResolutionPlan& plan = resolution.plan;
-  if (changesNothing(plan)) return outcome;
-  if (!checked.allFresh()) throw PreflightError::recordsChanged();
+  if (plan.action.kind == ResolutionAction::Kind::exportOnly) return outcome;
+  const bool changes = !changesNothing(plan);
+  if (changes && !checked.allFresh()) throw PreflightError::recordsChanged();
   if (stop.stop_requested()) throw DedupeError::stopped();
 
+  if (resolution.decisions && !resolution.decisions->notDuplicates.empty()) {
+    SnapshotTask::open(resolution.snapshot)->exclude(resolution.decisions->notDuplicates);
+    outcome.remembered = resolution.decisions->notDuplicates.size();
+  }
+  if (changes) run(api, resolution, options, stop, onProgress, outcome);
+  if (changes || outcome.remembered > 0) {
+    const std::filesystem::path path =
+        options.results.empty() ? ResolutionResultsWorkbook::defaultPath(
+                                      resolution.snapshot, std::chrono::system_clock::now())
+                                : options.results;
+    const std::string label = resolution.info.objectLabel.empty() ? resolution.info.objectName
+                                                                  : resolution.info.objectLabel;
+    try {
+      ResolutionResultsWorkbook::write(path, label, resultEntries(resolution, outcome));
+      outcome.results = path;
+    } catch (const UserFacingError& error) {
+      // The changes are made; the face still reports them one by one.
+      outcome.resultsFailure = error.description();
+    }
+  }
+  return outcome;
+}
+
+namespace {
+
+void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOptions& options,
+         std::stop_token stop, const DedupeProgressHandler& onProgress, ApplyOutcome& outcome) {
+  const ResolutionPlan& plan = resolution.plan;
   DedupeAPITransport transport(api, resolution.org.value());
   const auto progress = [&onProgress](std::size_t done, std::size_t total) {
     report(onProgress, DedupeProgress::Phase::changing, done, total);
@@ -151,7 +243,164 @@ ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
     outcome.signedOut = runner.signedOut();
     outcome.stopped = runner.cancelled();
   }
-  return outcome;
+}
+
+}  // namespace
+
+namespace {
+
+std::string mergeOutcome(MergeRunner::MergeResult::Status status) {
+  using Status = MergeRunner::MergeResult::Status;
+  switch (status) {
+    case Status::merged:
+      return "Merged";
+    case Status::failed:
+      return "Failed";
+    case Status::unknown:
+      return "Unknown: check in Salesforce";
+    case Status::skipped:
+      return "Skipped";
+    case Status::notAttempted:
+      return "Not attempted";
+  }
+  return "";
+}
+
+std::string changeOutcome(ChangeRunner::ChangeResult::Status status, bool deleting) {
+  using Status = ChangeRunner::ChangeResult::Status;
+  switch (status) {
+    case Status::done:
+      return deleting ? "Deleted" : "Updated";
+    case Status::failed:
+      return "Failed";
+    case Status::unknown:
+      return "Unknown: check in Salesforce";
+    case Status::notAttempted:
+      return "Not attempted";
+  }
+  return "";
+}
+
+std::string valuesText(const std::map<std::string, std::string>& values,
+                       const std::map<std::string, std::string>& sources) {
+  std::string out;
+  for (const auto& [field, value] : values) {
+    out += (out.empty() ? "" : ", ") + field + " = \"" + value + "\"";
+    if (auto from = sources.find(field); from != sources.end())
+      out += " (from " + from->second + ")";
+  }
+  return out;
+}
+
+}  // namespace
+
+std::vector<ResolutionResultsWorkbook::Entry> resultEntries(const Resolution& resolution,
+                                                            const ApplyOutcome& outcome) {
+  using Entry = ResolutionResultsWorkbook::Entry;
+  using Kind = ResolutionAction::Kind;
+  const ResolutionPlan& plan = resolution.plan;
+  const bool deleting = plan.action.kind == Kind::deleteLosers;
+
+  // What happened to each record the plan changes, by Id.
+  std::map<std::string, std::pair<std::string, std::string>> happened;  // outcome, message
+  std::map<std::string, std::string> planned;                           // action
+  std::map<std::int64_t, const PlannedMerge*> carrier;  // the merge that carries a group's values
+  std::map<std::int64_t, bool> carried;                 // whether it went through
+  std::vector<const MergeRunner::MergeResult*> mergeResult(plan.merges.size(), nullptr);
+  for (const MergeRunner::MergeResult& result : outcome.merges) {
+    if (result.index < mergeResult.size()) mergeResult[result.index] = &result;
+  }
+  for (std::size_t i = 0; i < plan.merges.size(); ++i) {
+    const PlannedMerge& merge = plan.merges[i];
+    planned[merge.loser] = "Merge into " + merge.primary;
+    if (!carrier.count(merge.groupId)) carrier[merge.groupId] = &merge;
+    if (const MergeRunner::MergeResult* result = mergeResult[i]) {
+      happened[merge.loser] = {mergeOutcome(result->status), result->message.value_or("")};
+      if (carrier[merge.groupId] == &merge) {
+        carried[merge.groupId] = result->status == MergeRunner::MergeResult::Status::merged;
+      }
+    }
+  }
+  for (const PlannedChange& change : plan.deletes) planned[change.sfid] = "Delete";
+  for (const PlannedChange& change : plan.updates) {
+    planned[change.sfid] = "Update " + valuesText(change.fields, {});
+  }
+  for (const ChangeRunner::ChangeResult& result : outcome.changes) {
+    happened[result.sfid] = {changeOutcome(result.status, deleting), result.message.value_or("")};
+  }
+  const std::map<std::int64_t, std::string> skipped(plan.skipped.begin(), plan.skipped.end());
+  const std::map<std::int64_t, int> heldBack(plan.heldBack.begin(), plan.heldBack.end());
+
+  std::vector<Entry> entries;
+  const auto planEntries = [&](const ResolvedGroup& group) {
+    const std::int64_t id = group.group.id;
+    for (const SnapshotRecord& record : group.records) {
+      Entry entry{record.sfid, id, record.name, "None", "", ""};
+      const bool isKeeper = record.rid == group.keeperRid;
+      if (auto reason = skipped.find(id); reason != skipped.end()) {
+        entry.outcome = "Skipped";
+        entry.detail = reason->second;
+      } else if (auto held = heldBack.find(id); held != heldBack.end() && !plan.heldBackIncluded) {
+        entry.outcome = "Held back";
+        entry.detail = std::to_string(held->second) +
+                       " of the group's records differ from all the others, so it was left for "
+                       "you to look at.";
+      } else if (isKeeper && !planned.count(record.sfid)) {
+        entry.action = "Keep";
+        entry.outcome = "Kept";
+        if (auto merge = carrier.find(id);
+            merge != carrier.end() && !merge->second->fieldValues.empty()) {
+          const std::string values =
+              valuesText(merge->second->fieldValues, merge->second->fieldSources);
+          entry.detail = carried[id] ? "Took " + values
+                                     : "Its values were not changed, as the merge carrying them "
+                                       "did not go through: " +
+                                           values;
+        }
+      } else if (auto action = planned.find(record.sfid); action != planned.end()) {
+        entry.action = action->second;
+        auto result = happened.find(record.sfid);
+        entry.outcome = result == happened.end() ? "Not attempted" : result->second.first;
+        if (result != happened.end()) entry.detail = result->second.second;
+      } else {
+        entry.outcome = "Unchanged";
+      }
+      entries.push_back(std::move(entry));
+    }
+  };
+
+  if (!resolution.decisions) {
+    for (const ResolvedGroup& group : resolution.groups) planEntries(group);
+    return entries;
+  }
+  std::map<std::int64_t, const ResolvedGroup*> resolved;
+  for (const ResolvedGroup& group : resolution.groups) resolved[group.group.id] = &group;
+  using Decision = DecisionPlan::Decision;
+  for (const DecisionPlan::DecidedGroup& decided : resolution.decisions->decided) {
+    const ResolvedGroup* group = resolved.count(decided.id) ? resolved[decided.id] : nullptr;
+    if (group) planEntries(*group);
+    for (const DecisionPlan::DecidedRecord& row : decided.records) {
+      const bool inPlan = group && std::any_of(group->records.begin(), group->records.end(),
+                                               [&](const SnapshotRecord& record) {
+                                                 return record.rid == row.record.rid;
+                                               });
+      if (inPlan) continue;
+      Entry entry{row.record.sfid, decided.id,       row.record.name,
+                  "None",          "Left untouched", "Its Action was blank."};
+      if (row.decision == Decision::notDuplicate) {
+        entry.action = "Not a duplicate";
+        entry.outcome = outcome.remembered > 0 ? "Remembered" : "Not remembered";
+        entry.detail = "Later matches leave it out of every group.";
+      } else if (row.decision == Decision::keep) {
+        entry.action = "Keep";
+        entry.outcome = "Kept";
+        entry.detail = group ? "Another record marked Keep received the group's records."
+                             : "No record of its group was marked Delete.";
+      }
+      entries.push_back(std::move(entry));
+    }
+  }
+  return entries;
 }
 
 void ApplyOutcome::throwIfIncomplete() const {

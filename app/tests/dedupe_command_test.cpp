@@ -2,18 +2,24 @@
 // listing (as text and JSON) and deleting.
 #include "app/dedupe_command.hpp"
 
+#include <algorithm>
 #include <cstdlib>
+#include <iostream>
 #include <sstream>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "app/command_error.hpp"
+#include "app/dedupe_workbook_command.hpp"
 #include "connections/tests/fake_cli.hpp"
 #include "dedupe/record_store.hpp"
 #include "dedupe/snapshot_catalog.hpp"
+#include "platform/child_process.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "workbook/xlsx_reader.hpp"
+#include "workbook/xlsx_writer.hpp"
 
 namespace corvane {
 namespace {
@@ -223,6 +229,31 @@ TEST_F(DedupeMatchCommandTest, PrintsGroupsWithWhyAndStatistics) {
   EXPECT_EQ(json["groups"][1]["weakestLink"], 1.0);
   EXPECT_EQ(json["groups"][0]["members"][1]["values"]["Name"], "Marhta Jones");
   EXPECT_EQ(json["stats"]["groupCount"], 2);
+}
+
+// The program itself: repeated --keep-values before the snapshot, and a bad rule.
+TEST_F(DedupeMatchCommandTest, KeepValuesParseOneChoicePerOptionInTheProgram) {
+  const auto run = [this](std::vector<std::string> arguments) {
+    ProcessRequest request;
+    request.executable = CORVANE_EXECUTABLE;
+    request.arguments = std::move(arguments);
+    request.environment = {{"PATH", "/usr/bin:/bin"},
+                           {"HOME", folder_.path().string()},
+                           {"CORVANE_HOME", (folder_.path() / "support").string()},
+                           {"CORVANE_SF_PATH", fake_.path()}};
+    request.timeout = std::chrono::seconds(60);
+    return ChildProcess::run(request);
+  };
+  auto result = run({"dedupe", "plan", "--action", "deleteLosers", "--keep-values", "mostRecent",
+                     "--keep-values", "Email=longest,name=keeper", url_.string()});
+  EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+  EXPECT_NE(result.standardOutput.find("2 groups: 2 to resolve (0 merges, 2 deletes"),
+            std::string::npos)
+      << result.standardOutput;
+
+  result = run({"dedupe", "plan", "--keep-values", "Email=newest", url_.string()});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_EQ(result.standardError, DedupeError::badValueRule("Email=newest").description() + "\n");
 }
 
 TEST_F(DedupeMatchCommandTest, ExcludedRecordsStayOutOfLaterMatches) {
@@ -451,6 +482,275 @@ TEST_F(DedupeResolveCommandTest, CasesAreNotMergedAndTheGroupSaysWhy) {
   auto parsed = nlohmann::json::parse(out_.str());
   EXPECT_EQ(parsed["skipped"][0]["reason"], plan.skipped[0].second);
   EXPECT_EQ(parsed["merges"].size(), 0u);
+}
+
+}  // namespace
+}  // namespace corvane
+
+namespace corvane {
+namespace {
+
+// Applying a decision workbook in the sample org: the export edited the way
+// a person does in a spreadsheet program (rows sorted, a column added,
+// actions typed in any case), saved again by LibreOffice when it is
+// installed, then applied; and the results workbook that every apply writes.
+class DedupeDecisionsCommandTest : public DedupeResolveCommandTest {
+ protected:
+  static std::vector<std::vector<std::string>> plainRows(const ImportGrid& grid) {
+    std::vector<std::vector<std::string>> rows(grid.rows.size());
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+      for (std::size_t c = 0; c < grid.headers.size(); ++c) {
+        rows[r].push_back(
+            std::string(grid.cell(static_cast<std::ptrdiff_t>(r), static_cast<std::ptrdiff_t>(c))));
+      }
+    }
+    return rows;
+  }
+
+  // The exported workbook with actions typed by Record Id, its rows sorted by
+  // name (last first) and a "Notes" column put in front of the others.
+  std::filesystem::path edited(const std::filesystem::path& exported,
+                               const std::map<std::string, std::string>& actions) {
+    auto grid = XlsxReader(exported).readSheet(0);
+    EXPECT_TRUE(grid);
+    const std::size_t idColumn = 1, actionColumn = 2, nameColumn = 4;
+    auto rows = plainRows(*grid);
+    for (auto& row : rows) {
+      if (auto found = actions.find(row[idColumn]); found != actions.end()) {
+        row[actionColumn] = found->second;
+      }
+    }
+    std::stable_sort(rows.begin(), rows.end(),
+                     [&](const auto& a, const auto& b) { return a[nameColumn] > b[nameColumn]; });
+    const auto path = home_.path() / "edited.xlsx";
+    XlsxWriter writer(path);
+    writer.addSheet(*grid->sheetName);
+    writer.writeText(0, 0, "Notes");
+    for (std::size_t c = 0; c < grid->headers.size(); ++c)
+      writer.writeText(0, c + 1, grid->headers[c]);
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+      writer.writeText(r + 1, 0, r % 2 == 0 ? "checked" : "");
+      for (std::size_t c = 0; c < rows[r].size(); ++c) {
+        writer.writeText(r + 1, c + 1, rows[r][c]);
+      }
+    }
+    writer.close();
+    return path;
+  }
+
+  // The workbook opened and saved again as .xlsx by LibreOffice Calc; none
+  // when soffice is not installed (scripts/setup installs it).
+  std::optional<std::filesystem::path> resavedByLibreOffice(const std::filesystem::path& workbook) {
+    if (std::system("command -v soffice >/dev/null 2>&1") != 0) return std::nullopt;
+    const auto out = home_.path() / "libreoffice";
+    std::filesystem::create_directories(out);
+    const std::string command = "soffice -env:UserInstallation=file://" +
+                                (home_.path() / "lo-profile").string() +
+                                " --headless --convert-to xlsx --outdir '" + out.string() + "' '" +
+                                workbook.string() + "' >/dev/null 2>&1";
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    return out / workbook.filename();
+  }
+
+  std::filesystem::path exported(const std::filesystem::path& snapshot) {
+    auto ctx = context();
+    const auto path = home_.path() / "decisions.xlsx";
+    DedupeWorkbookCommand::exportWorkbook(ctx, snapshot, path, {});
+    return path;
+  }
+
+  // The results workbook's rows by Record Id, from the path the apply printed.
+  std::map<std::string, std::vector<std::string>> results(const std::string& text) {
+    const std::string marker = "Results: ";
+    const auto at = text.find(marker);
+    EXPECT_NE(at, std::string::npos) << text;
+    if (at == std::string::npos) return {};
+    const auto end = text.find('\n', at);
+    const std::filesystem::path path = text.substr(at + marker.size(), end - at - marker.size());
+    XlsxReader reader(path);
+    EXPECT_EQ(reader.sheetNames(), std::vector<std::string>{"Results - Contact"});
+    auto grid = reader.readSheet(0);
+    EXPECT_EQ(grid->headers, (std::vector<std::string>{"Group", "Record Id", "Name", "Action",
+                                                       "Outcome", "Message"}));
+    std::map<std::string, std::vector<std::string>> rows;
+    for (const auto& row : plainRows(*grid)) rows[row[1]] = row;
+    return rows;
+  }
+};
+
+TEST_F(DedupeDecisionsCommandTest, AWorkbookSavedByASpreadsheetProgramDrivesTheApply) {
+  auto url = downloadContacts();
+  auto workbook = edited(
+      exported(url),
+      {{martha2_, "keep"}, {martha1_, "Delete"}, {peter1_, "DELETE "}, {peter3_, "not duplicate"}});
+  if (auto resaved = resavedByLibreOffice(workbook)) {
+    workbook = *resaved;
+  } else {
+    std::cout << "soffice is not installed: the workbook is applied as written, not as LibreOffice "
+                 "saves it.\n";
+  }
+  auto ctx = context();
+  auto options = mergeOldest();
+  options.decisions = workbook;
+  out_.str("");
+  DedupeCommand::apply(ctx, *api_, url, options);
+  const std::string text = out_.str();
+  // Martha: the newer record was marked Keep against the rule. Peter: no
+  // Keep, so the oldest of the rows left blank stays. Anna: all blank.
+  EXPECT_NE(text.find("keep " + martha2_ + " (Marhta Jones). Marked Keep in the workbook."),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("no record was marked Keep"), std::string::npos) << text;
+  EXPECT_NE(text.find("2 groups: 2 to resolve (2 merges"), std::string::npos) << text;
+  EXPECT_NE(text.find("2 done, 0 failed"), std::string::npos) << text;
+  EXPECT_NE(text.find("Remembered 1 record as not a duplicate"), std::string::npos) << text;
+
+  EXPECT_EQ(row(martha1_)["MasterRecordId"], martha2_);
+  EXPECT_EQ(row(peter1_)["MasterRecordId"], peter2_);
+  for (const auto& id : {martha2_, peter2_, peter3_, anna1_, anna2_, zed_}) {
+    EXPECT_EQ(row(id)["IsDeleted"], false) << id;
+  }
+  EXPECT_EQ(RecordStore::open(url)->exclusions().size(), 1u);
+
+  const auto rows = results(text);
+  ASSERT_EQ(rows.size(), 7u);
+  EXPECT_EQ(rows.at(martha1_)[3], "Merge into " + martha2_);
+  EXPECT_EQ(rows.at(martha1_)[4], "Merged");
+  EXPECT_EQ(rows.at(martha2_)[4], "Kept");
+  EXPECT_EQ(rows.at(peter3_)[3], "Not a duplicate");
+  EXPECT_EQ(rows.at(peter3_)[4], "Remembered");
+  EXPECT_EQ(rows.at(anna1_)[4], "Left untouched");
+  EXPECT_EQ(rows.at(peter1_)[0], "2");
+
+  // Peter 3 stays out of later matches; Anna's pair is still found.
+  out_.str("");
+  DedupeCommand::MatchOptions match;
+  auto again = DedupeCommand::match(ctx, url, match);
+  EXPECT_EQ(again.stats.excludedByUser, 1);
+}
+
+TEST_F(DedupeDecisionsCommandTest, AWorkbookWithProblemsChangesNothingAndListsThem) {
+  auto url = downloadContacts();
+  const auto workbook = exported(url);
+  auto ctx = context();
+  auto options = mergeOldest();
+  options.decisions = edited(workbook, {{martha1_, "Delete"},
+                                        {martha2_, "Delete"},
+                                        {peter1_, "Keep"},
+                                        {peter2_, "Keep"},
+                                        {peter3_, "Delete"},
+                                        {anna1_, "Merge"}});
+  out_.str("");
+  std::ostringstream err;
+  EXPECT_EQ(runReportingFailures([&] { DedupeCommand::apply(ctx, *api_, url, options); }, err), 1);
+  EXPECT_EQ(err.str(),
+            "The workbook edited.xlsx has 3 problems, listed above; nothing was changed. Correct "
+            "them in the workbook, save it and read it again.\n");
+  const std::string text = out_.str();
+  EXPECT_NE(text.find("\"Merge\" is not an action."), std::string::npos) << text;
+  EXPECT_NE(text.find("every record marked Delete"), std::string::npos) << text;
+  EXPECT_NE(text.find("Group 2 has 2 records marked Keep"), std::string::npos) << text;
+  for (const auto& id : {martha1_, martha2_, peter3_}) EXPECT_EQ(row(id)["IsDeleted"], false) << id;
+
+  // A workbook says what to remove; an action that removes nothing is refused.
+  auto filling = options;
+  filling.action = ResolutionAction::fillGaps();
+  err.str("");
+  EXPECT_EQ(runReportingFailures([&] { DedupeCommand::plan(ctx, *api_, url, filling); }, err), 1);
+  EXPECT_EQ(err.str(),
+            "A decision workbook says which records to remove, and the action fillGaps removes "
+            "none. Use --action merge or --action deleteLosers with --decisions.\n");
+
+  // Deleting needs no single record to merge into: two Keeps are fine.
+  options.action = ResolutionAction::deleteLosers();
+  options.decisions = edited(
+      workbook, {{martha1_, "Delete"}, {peter1_, "Keep"}, {peter2_, "Keep"}, {peter3_, "Delete"}});
+  options.results = home_.path() / "chosen results.xlsx";
+  out_.str("");
+  DedupeCommand::apply(ctx, *api_, url, options);
+  EXPECT_NE(out_.str().find("Results: " + options.results.string()), std::string::npos)
+      << out_.str();
+  for (const auto& id : {martha1_, peter3_}) {
+    EXPECT_EQ(row(id)["IsDeleted"], true) << id;
+    EXPECT_TRUE(row(id)["MasterRecordId"].is_null()) << id;
+  }
+  for (const auto& id : {martha2_, peter1_, peter2_, anna1_})
+    EXPECT_EQ(row(id)["IsDeleted"], false) << id;
+  const auto rows = results(out_.str());
+  EXPECT_EQ(rows.at(peter3_)[4], "Deleted");
+  EXPECT_EQ(rows.at(martha2_)[4], "Kept");  // the rule's choice among the rows left blank
+  EXPECT_EQ(rows.at(anna1_)[4], "Left untouched");
+}
+
+TEST_F(DedupeDecisionsCommandTest, ARefusedMergeIsInTheResultsWorkbookInSalesforcesWords) {
+  auto url = downloadContacts();
+  admin("faults", {{"path", "/services/Soap/*"},
+                   {"fault", "500"},
+                   {"message", "Entity is locked for approval"},
+                   {"count", 1}});
+  auto ctx = context();
+  out_.str("");
+  std::ostringstream err;
+  EXPECT_EQ(
+      runReportingFailures([&] { DedupeCommand::apply(ctx, *api_, url, mergeOldest()); }, err), 1);
+  const auto rows = results(out_.str());
+  ASSERT_EQ(rows.size(), 7u) << out_.str();
+  EXPECT_EQ(rows.at(martha2_)[4], "Failed");
+  EXPECT_NE(rows.at(martha2_)[5].find("Entity is locked for approval"), std::string::npos)
+      << rows.at(martha2_)[5];
+  EXPECT_EQ(rows.at(martha1_)[4], "Kept");
+  EXPECT_EQ(rows.at(martha1_)[5].rfind("Its values were not changed", 0), 0u)
+      << rows.at(martha1_)[5];
+  EXPECT_EQ(rows.at(peter3_)[3], "Merge into " + peter2_);
+  EXPECT_EQ(rows.at(peter3_)[4], "Merged");
+  EXPECT_EQ(rows.count(zed_), 0u);  // in no group
+}
+
+TEST_F(DedupeDecisionsCommandTest, KeptValuesComeFromTheRecordTheRuleNamesAndThePlanSaysWhich) {
+  // Peter 3 was changed last and has the longest title.
+  admin("clock", {{"advanceSeconds", 60}});
+  admin("records/update", {{"id", peter3_}, {"fields", {{"Title", "Chief Pilot"}}}});
+  auto url = downloadContacts();
+  auto ctx = context();
+  auto options = mergeOldest();
+  ASSERT_TRUE(options.keepValues.add("mostRecent"));
+  options.json = true;
+  out_.str("");
+  DedupeCommand::plan(ctx, *api_, url, options);
+  auto json = nlohmann::json::parse(out_.str());
+  bool seen = false;
+  for (const auto& merge : json["merges"]) {
+    if (merge["primary"] != peter2_ || merge["fieldValues"].empty()) continue;
+    seen = true;
+    EXPECT_EQ(merge["fieldValues"]["Title"], "Chief Pilot") << merge;
+    EXPECT_EQ(merge["fieldSources"]["Title"], peter3_) << merge;
+  }
+  EXPECT_TRUE(seen) << json.dump(2);
+
+  // A rule for one field wins over the one for all.
+  ASSERT_TRUE(options.keepValues.add("Title=keeper"));
+  options.json = false;
+  out_.str("");
+  DedupeCommand::plan(ctx, *api_, url, options);
+  EXPECT_EQ(out_.str().find("Chief Pilot"), std::string::npos) << out_.str();
+
+  ASSERT_TRUE(options.keepValues.add("title=longest"));
+  out_.str("");
+  DedupeCommand::apply(ctx, *api_, url, options);
+  EXPECT_NE(out_.str().find("setting Title = \"Chief Pilot\" (from " + peter3_ + " (Peter Quinn))"),
+            std::string::npos)
+      << out_.str();
+  EXPECT_EQ(row(peter2_)["Title"], "Chief Pilot");
+  EXPECT_EQ(row(martha1_)["Title"], "CFO & <Board>");
+  const auto rows = results(out_.str());
+  EXPECT_EQ(rows.at(peter2_)[5], "Took Title = \"Chief Pilot\" (from " + peter3_ + ")");
+
+  options.keepValues.fields = {{"Phone", ValueRule::longest}};
+  std::ostringstream err;
+  EXPECT_EQ(runReportingFailures([&] { DedupeCommand::plan(ctx, *api_, url, options); }, err), 1);
+  EXPECT_EQ(err.str(),
+            "The snapshot has no field Phone, so no rule can choose its value. Its fields are "
+            "Name, Email, Title.\n");
 }
 
 }  // namespace

@@ -205,6 +205,16 @@ TEST(DecisionWorkbook, EveryBadRowAndGroupIsAProblemInItsOwnWords) {
           "its Action blank, instead of having every record marked Delete."));
   EXPECT_THAT(decisions.problems[4], HasSubstr(" every record marked Delete"));
 
+  // Deletes beside records that are not duplicates leave nothing to keep.
+  auto setApart = DecisionWorkbook::decide({sheet({{"Ed", "Delete", "2", "003C"},
+                                                   {"Ed", "Not a duplicate", "2", "003D"},
+                                                   {"Ed", "delete", "2", "003E"}})},
+                                           decidedGroups());
+  EXPECT_THAT(setApart.problems,
+              ElementsAre("Group 2 has records marked Delete but none left to keep: the others "
+                          "are marked Not a duplicate. Mark one record Keep, or leave its Action "
+                          "blank."));
+
   auto nothing = DecisionWorkbook::decide({sheet({{"Ann", "Keep", "1", "003A"}, {"Ed", "", "2", "003C"}})},
                                           decidedGroups());
   EXPECT_THAT(nothing.problems,

@@ -82,7 +82,7 @@ std::string mergeReply(bool success, std::string code = "", std::string message 
 
 PlannedMerge merge(std::string primary, std::string loser, std::int64_t group,
                    std::map<std::string, std::string> values = {}) {
-  return {std::move(primary), "", std::move(loser), "", group, std::move(values), "Contact"};
+  return {std::move(primary), "", std::move(loser), "", group, std::move(values), "Contact", {}};
 }
 
 MergeRunner::Options quick(std::vector<std::chrono::milliseconds>* pauses = nullptr) {
@@ -248,9 +248,9 @@ TEST(PreflightTest, SortsRecordsIntoFreshChangedAndMissing) {
       {"attributes":{"type":"Contact"},"Id":"003000000000002AAA","LastModifiedDate":"2024-02-01T08:00:00.000+0000"}]})");
   ResolutionPlan plan;
   plan.merges = {{"003000000000001AAA", "2024-01-05T10:00:00.000Z", "003000000000002AAA",
-                  "2024-01-05T10:00:00.000Z", 1, {}, "Contact"},
+                  "2024-01-05T10:00:00.000Z", 1, {}, "Contact", {}},
                  {"003000000000001AAA", "2024-01-05T10:00:00.000Z", "003000000000003AAA",
-                  "2024-01-05T10:00:00.000Z", 1, {}, "Contact"}};
+                  "2024-01-05T10:00:00.000Z", 1, {}, "Contact", {}}};
   auto records = ResolutionPreflight::recordsOf(plan);
   ASSERT_EQ(records.size(), 3u);  // the primary once
   ResolutionPreflight preflight(transport);

@@ -36,7 +36,7 @@ TEST_F(MergeSessionExpiryTest, FiftyGroupsAllMergeWhileSessionsExpireEveryFewCal
   std::vector<PlannedMerge> merges;
   for (std::int64_t group = 0; group < 50; ++group) {
     merges.push_back({ids[static_cast<std::size_t>(group * 2)], "",
-                      ids[static_cast<std::size_t>(group * 2 + 1)], "", group, {}, "Account"});
+                      ids[static_cast<std::size_t>(group * 2 + 1)], "", group, {}, "Account", {}});
   }
   admin("faults", {{"path", "/services/Soap/*"}, {"fault", "expireSessions"}, {"every", 3},
                    {"count", 1000}});
