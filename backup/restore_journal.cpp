@@ -12,11 +12,11 @@ std::string key(const std::string& id) { return id.substr(0, 15); }
 RestoreJournal::Entry entryOf(Statement& row) {
   return {row.columnText(0), row.columnText(1), row.columnText(2), row.columnText(3),
           row.columnText(4), row.columnText(5), row.columnInt(6),  row.columnText(7),
-          row.columnText(8)};
+          row.columnText(8), row.columnText(9)};
 }
 
 constexpr const char* selectEntry =
-    "SELECT object, old_id, action, state, new_id, message, batch, sent_at, sent_body "
+    "SELECT object, old_id, action, state, new_id, message, batch, sent_at, sent_body, job_id "
     "FROM restored WHERE org = ?";
 
 }  // namespace
@@ -32,7 +32,8 @@ RestoreJournal::RestoreJournal(const std::filesystem::path& path) {
       "object TEXT NOT NULL, old_id TEXT NOT NULL, action TEXT NOT NULL, state TEXT NOT NULL, "
       "new_id TEXT NOT NULL DEFAULT '', message TEXT NOT NULL DEFAULT '', "
       "batch INTEGER NOT NULL DEFAULT 0, sent_at TEXT NOT NULL DEFAULT '', "
-      "sent_body TEXT NOT NULL DEFAULT '', PRIMARY KEY(org, key)) WITHOUT ROWID;");
+      "sent_body TEXT NOT NULL DEFAULT '', job_id TEXT NOT NULL DEFAULT '', "
+      "PRIMARY KEY(org, key)) WITHOUT ROWID;");
 }
 
 RestoreJournal::~RestoreJournal() = default;
@@ -70,15 +71,15 @@ void RestoreJournal::recordSending(const std::string& org, const std::vector<Ent
   Transaction transaction(*db_);
   auto insert = db_->prepare(
       "INSERT INTO restored(org, key, object, old_id, action, state, new_id, message, batch, "
-      "sent_at, sent_body) VALUES(?, ?, ?, ?, ?, 'sent', '', '', ?, ?, ?) "
+      "sent_at, sent_body, job_id) VALUES(?, ?, ?, ?, ?, 'sent', '', '', ?, ?, ?, ?) "
       "ON CONFLICT(org, key) DO UPDATE SET action = excluded.action, state = 'sent', "
       "new_id = '', message = '', batch = excluded.batch, sent_at = excluded.sent_at, "
-      "sent_body = excluded.sent_body");
+      "sent_body = excluded.sent_body, job_id = excluded.job_id");
   for (const auto& entry : entries) {
     insert.reset();
     insert.bindText(1, org).bindText(2, key(entry.oldId)).bindText(3, entry.object);
     insert.bindText(4, entry.oldId).bindText(5, entry.action).bindInt(6, entry.batch);
-    insert.bindText(7, entry.sentAt).bindText(8, entry.sentBody).run();
+    insert.bindText(7, entry.sentAt).bindText(8, entry.sentBody).bindText(9, entry.jobId).run();
   }
   transaction.commit();
 }

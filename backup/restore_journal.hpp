@@ -38,6 +38,7 @@ class RestoreJournal {
     std::int64_t batch = 0;
     std::string sentAt;  // ISO 8601, UTC, the org's clock
     std::string sentBody;  // create: the record's fields as sent (JSON), for reconciling
+  std::string jobId;     // the Bulk API ingest job that carries it; empty for collections
     bool operator==(const Entry&) const = default;
   };
 

@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <deque>
 #include <map>
 #include <functional>
 #include <set>
+#include <thread>
 #include <tuple>
 
 #include <fmt/format.h>
@@ -21,6 +23,7 @@
 #include "backup/restore_journal.hpp"
 #include "backup/safe_file_name.hpp"
 #include "connections/api_allowance.hpp"
+#include "connections/bulk_ingest_job.hpp"
 #include "connections/server_time.hpp"
 #include "connections/sobject_collection.hpp"
 #include "platform/durable_file.hpp"
@@ -93,6 +96,9 @@ using Action = Record::Action;
 using Json = nlohmann::json;
 
 constexpr std::size_t batchSize = SObjectCollection::maxRecords;
+// Creates of more records than this go through Bulk API ingest jobs, of at most bulkJobSize each.
+constexpr std::size_t collectionsUpTo = 2000;
+constexpr std::size_t bulkJobSize = 10'000;
 // How far before a batch left the reconciling looks for what it created.
 constexpr auto clockMargin = std::chrono::minutes(5);
 
@@ -787,7 +793,9 @@ class Writer {
       if (entry.state == "sent") batches[{entry.object, entry.batch}].push_back(entry);
     for (auto& [which, entries] : batches) {
       report(onProgress_, Phase::resuming, 0, static_cast<std::int64_t>(entries.size()), which.first);
-      if (entries.front().action == "create" || entries.front().action == "upload") {
+      if (!entries.front().jobId.empty()) {
+        finishJob(entries.front().jobId, entries);
+      } else if (entries.front().action == "create" || entries.front().action == "upload") {
         findCreated(which.first, entries);
       } else {
         for (auto& entry : entries) {
@@ -804,6 +812,10 @@ class Writer {
   void write(Result& result) {
     auto& records = result.plan.records;
     const auto total = static_cast<std::int64_t>(result.plan.toWrite());
+    const auto creates = std::count_if(records.begin(), records.end(), [](const Record& r) {
+      return r.action == Action::create && r.parentId.empty();
+    });
+    const bool bulk = creates > static_cast<std::ptrdiff_t>(collectionsUpTo);
     std::int64_t done = 0;
     for (std::size_t from = 0; from < records.size();) {
       const Record& first = records[from];
@@ -813,7 +825,9 @@ class Writer {
       }
       std::size_t to = from;
       const bool upload = first.object == "ContentVersion" && !first.parentId.empty();
-      while (to < records.size() && to - from < (upload ? 1 : batchSize) &&
+      const bool byBulk = bulk && !upload && first.action == Action::create;
+      const std::size_t most = upload ? 1 : byBulk ? bulkJobSize : batchSize;
+      while (to < records.size() && to - from < most &&
              records[to].action == first.action && records[to].object == first.object &&
              records[to].level == first.level)
         ++to;
@@ -830,6 +844,8 @@ class Writer {
       report(onProgress_, phase, done, total, first.object);
       if (upload) {
         uploadDocument(*batch.front());
+      } else if (byBulk) {
+        createByBulk(batch);
       } else if (first.action == Action::undelete) {
         undelete(batch);
       } else {
@@ -853,13 +869,13 @@ class Writer {
   }
 
   void sending(const std::vector<Record*>& batch, const std::string& action,
-               const std::vector<std::string>& bodies) {
+               const std::vector<std::string>& bodies, const std::string& jobId = {}) {
     const auto number = journal_.nextBatch(org_);
     const auto at = now();
     std::vector<RestoreJournal::Entry> entries;
     for (std::size_t i = 0; i < batch.size(); ++i)
       entries.push_back({batch[i]->object, batch[i]->id, action, "sent", "", "", number, at,
-                         i < bodies.size() ? bodies[i] : std::string()});
+                         i < bodies.size() ? bodies[i] : std::string(), jobId});
     journal_.recordSending(org_, entries);
   }
 
@@ -881,8 +897,10 @@ class Writer {
 
   // One record's fields as JSON members (without braces), references pointed
   // at the records' ids now; a reference to a record that failed is left out.
-  std::string members(Record& record, bool forUpdate) {
-    std::string out;
+  // One record's values with references pointed at the records' ids now; a
+  // reference to a record that failed is left out and named.
+  std::vector<std::pair<const FieldValue*, std::string>> resolved(Record& record, bool forUpdate) {
+    std::vector<std::pair<const FieldValue*, std::string>> out;
     for (const auto& value : record.values) {
       std::string text = value.text;
       if (value.literal == FieldValue::Literal::reference && !text.empty()) {
@@ -895,12 +913,153 @@ class Writer {
         }
       }
       if (text.empty() && !forUpdate) continue;
-      if (!out.empty()) out += ',';
-      out += Json(value.field).dump();
-      out += ':';
-      appendValue(out, value, text);
+      out.emplace_back(&value, std::move(text));
     }
     return out;
+  }
+
+  // One record's fields as JSON members (without braces).
+  std::string members(Record& record, bool forUpdate) {
+    std::string out;
+    for (const auto& [value, text] : resolved(record, forUpdate)) {
+      if (!out.empty()) out += ',';
+      out += Json(value->field).dump();
+      out += ':';
+      appendValue(out, *value, text);
+    }
+    return out;
+  }
+
+  // Creates through a Bulk API ingest job: the job is in the journal before
+  // the rows are uploaded, so a stop anywhere leaves a job to ask about.
+  void createByBulk(const std::vector<Record*>& batch) {
+    std::vector<std::string> header;
+    std::vector<Json> bodies;
+    for (auto* record : batch) {
+      Json body = Json::object();
+      for (const auto& [value, text] : resolved(*record, false)) {
+        if (std::find(header.begin(), header.end(), value->field) == header.end())
+          header.push_back(value->field);
+        body[value->field] = text;
+      }
+      bodies.push_back(std::move(body));
+    }
+    std::string csv;
+    for (std::size_t at = 0; at < header.size(); ++at) {
+      if (at > 0) csv += ',';
+      BulkIngestJob::appendCell(csv, header[at]);
+    }
+    csv += '\n';
+    for (const auto& body : bodies) {
+      for (std::size_t at = 0; at < header.size(); ++at) {
+        if (at > 0) csv += ',';
+        auto cell = body.find(header[at]);
+        if (cell != body.end()) BulkIngestJob::appendCell(csv, cell->get<std::string>());
+      }
+      csv += '\n';
+    }
+    const auto job = BulkIngestJob::create(transport_, batch.front()->object, "insert");
+    std::vector<std::string> sent;
+    for (const auto& body : bodies) sent.push_back(body.dump());
+    sending(batch, "create", sent, job.id);
+    BulkIngestJob::upload(transport_, job.id, csv);
+    BulkIngestJob::setState(transport_, job.id, "UploadComplete");
+    std::vector<RestoreJournal::Entry> entries;
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+      RestoreJournal::Entry entry;
+      entry.object = batch[i]->object;
+      entry.oldId = batch[i]->id;
+      entry.sentBody = sent[i];
+      entry.jobId = job.id;
+      entries.push_back(std::move(entry));
+    }
+    finishJob(job.id, entries);
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+      auto& record = *batch[i];
+      if (entries[i].state == "done") {
+        record.result = "restored";
+        record.newId = entries[i].newId;
+      } else {
+        record.result = "failed";
+        record.message = entries[i].message;
+        failed_.insert(id15(record.id));
+      }
+    }
+    outcome(batch, "create");
+  }
+
+  // Waits for an ingest job to finish and reads each entry's outcome from its
+  // result files, matched by the cells sent. Entries the job did not write
+  // are failed, to be sent again.
+  void finishJob(const std::string& id, std::vector<RestoreJournal::Entry>& entries) {
+    auto job = BulkIngestJob::status(transport_, id);
+    if (job.state == "Open") job = BulkIngestJob::setState(transport_, id, "Aborted");
+    for (auto wait = std::chrono::milliseconds(50); !job.finished();
+         wait = std::min(wait * 2, std::chrono::milliseconds(2000))) {
+      std::this_thread::sleep_for(wait);
+      job = BulkIngestJob::status(transport_, id);
+    }
+    for (auto& entry : entries) {
+      entry.state = "failed";
+      entry.message = job.state == "JobComplete"
+                          ? "Salesforce reported nothing for it; sent again."
+                          : "The Bulk API job " + job.state + (job.errorMessage.empty() ? "" : ": " + job.errorMessage);
+    }
+    if (job.state == "Aborted" && job.errorMessage.empty()) {
+      for (auto& entry : entries) entry.message = "Not written before the stop; sent again.";
+    }
+    if (job.state != "JobComplete") return;
+    // The rows sent, by their cells in the order of the result file's columns.
+    const auto [successful, failedRows] = BulkIngestJob::resultFiles(transport_, id);
+    std::vector<Json> sent;
+    for (const auto& entry : entries) sent.push_back(Json::parse(entry.sentBody, nullptr, false));
+    auto read = [&](const std::string& text, bool success) {
+      std::vector<std::string> columns;
+      std::map<std::string, std::deque<std::size_t>> waiting;
+      try {
+        BackupCSV::scan(
+            text,
+            [&](const BackupCSV::Record& head) {
+              columns.assign(head.fields.begin() + std::min<std::size_t>(2, head.fields.size()),
+                             head.fields.end());
+              for (std::size_t i = 0; i < entries.size(); ++i) {
+                if (entries[i].state == "done" || !sent[i].is_object()) continue;
+                std::string key;
+                for (const auto& column : columns) {
+                  auto cell = sent[i].find(column);
+                  if (cell != sent[i].end()) key += textOf(*cell);
+                  key += '\x1f';
+                }
+                waiting[key].push_back(i);
+              }
+            },
+            [&](const BackupCSV::Record& row) {
+              std::string key;
+              for (std::size_t at = 0; at < columns.size(); ++at) {
+                if (at + 2 < row.fields.size()) key += row.fields[at + 2];
+                key += '\x1f';
+              }
+              auto found = waiting.find(key);
+              if (found == waiting.end() || found->second.empty()) return true;
+              auto& entry = entries[found->second.front()];
+              found->second.pop_front();
+              if (success) {
+                entry.state = "done";
+                entry.newId = row.fields.empty() ? std::string() : row.fields[0];
+                entry.message.clear();
+              } else {
+                entry.message = row.fields.size() > 1 && !row.fields[1].empty()
+                                    ? row.fields[1]
+                                    : std::string("Salesforce gave no reason.");
+              }
+              return true;
+            });
+      } catch (const BackupCSV::Unreadable&) {
+        throw RestoreError::unreadableReply("a Bulk API job's results");
+      }
+    };
+    read(successful, true);
+    read(failedRows, false);
   }
 
   void save(const std::vector<Record*>& batch) {
