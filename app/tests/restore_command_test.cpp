@@ -15,6 +15,7 @@
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/org_records.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "workbook/xlsx_reader.hpp"
 
 namespace corvane {
 namespace {
@@ -124,7 +125,17 @@ TEST_F(RestoreCommandTest, DryRunPlansThenTheRunRestoresAndTheThirdHasNothingLef
 
   auto real = arguments();
   real.json = true;
+  real.results = (home_.path() / "restore.xlsx").string();
   const auto done = nlohmann::json::parse(run(real));
+  XlsxReader workbook(real.results);
+  const auto sheet = workbook.readSheet(0);
+  ASSERT_TRUE(sheet);
+  EXPECT_EQ(sheet->headers,
+            (std::vector<std::string>{"Object", "Action", "Old Id", "New Id", "Outcome", "Message"}));
+  ASSERT_EQ(sheet->rows.size(), 3u);
+  EXPECT_EQ(std::string(sheet->cell(1, 2)), ids[1]);
+  EXPECT_EQ(std::string(sheet->cell(1, 3)), done["records"][1]["newId"]);
+  EXPECT_EQ(std::string(sheet->cell(1, 4)), "restored");
   EXPECT_EQ(done["restored"], 3);
   for (const auto& record : done["records"]) {
     EXPECT_EQ(record["result"], "restored");
