@@ -332,6 +332,53 @@ TEST_F(RestoreResumeTest, ABatchWhoseReplyWasLostIsFoundInTheOrgNotSentAgain) {
   expectWholeAndOnce();
 }
 
+TEST_F(RestoreTaskTest, AReferenceToARecordNeitherLiveNorRestoredIsLeftEmptyAndNamed) {
+  makeOrg(3);
+  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
+  removeAll({accounts_[0], accounts_[1]});
+  ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 2);
+  store().advanceClock(2min);
+  ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+
+  auto request = this->request();
+  request.deleted = false;
+  request.ids = {accounts_[1]};  // its parent, accounts_[0], stays gone
+  const auto plan = RestoreTask::plan(*transport_, request);
+  ASSERT_EQ(plan.records.size(), 1u);
+  EXPECT_EQ(plan.records[0].action, Action::create);
+  EXPECT_EQ(plan.records[0].unresolved, (std::vector<std::string>{"ParentId (" + accounts_[0] + ")"}));
+  const auto result = RestoreTask::run(*transport_, request);
+  ASSERT_EQ(result.restored, 1u);
+  const auto now = records("SELECT Name, ParentId FROM Account WHERE Name = 'Account 0001'");
+  ASSERT_EQ(now.size(), 1u);
+  EXPECT_TRUE(now[0]["ParentId"].is_null());
+
+  // The parent restored afterwards is created once, and known as restored from then on.
+  request.ids = {accounts_[0]};
+  const auto parent = RestoreTask::run(*transport_, request);
+  ASSERT_EQ(parent.restored, 1u);
+  EXPECT_TRUE(RestoreTask::plan(*transport_, request).records[0].reason.find("Restored earlier") !=
+              std::string::npos);
+}
+
+TEST_F(RestoreTaskTest, ARestoreThatWouldSpendTheLastTenthOfTheAllowanceDoesNotStart) {
+  makeOrg(3);
+  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
+  removeAll(accounts_);
+  ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 3);
+  store().advanceClock(2min);
+  ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+  const auto used = getJson("/_admin/settings")["dailyApiUsed"].get<std::int64_t>();
+  admin("settings", {{"dailyApiMax", 1000}, {"dailyApiUsedOffset", 900 - used}});
+  try {
+    RestoreTask::run(*transport_, request());
+    FAIL() << "the restore started";
+  } catch (const RestoreError& error) {
+    EXPECT_EQ(error.kind(), RestoreError::Kind::allowanceTooLow);
+  }
+  EXPECT_EQ(store().count("Account"), 0);
+}
+
 TEST_F(RestoreTaskTest, JournalIsPrivateToItsOwner) {
   RestoreJournal journal(journal_.path() / "deep" / "journal.sqlite");
   journal.recordSending("org", {{"Account", "001000000000001AAA", "create", "sent", "", "", 1,
