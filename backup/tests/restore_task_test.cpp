@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <random>
 #include <set>
+#include <type_traits>
 
 #include "backup/backup_runner.hpp"
 #include "backup/restore_journal.hpp"
@@ -302,6 +304,64 @@ TEST_F(RestoreResumeTest, AStopBetweenBatchesResumesWhereItWas) {
   EXPECT_EQ(second.failed, 0u);
   EXPECT_EQ(first.restored + second.restored, 1501u);
   expectWholeAndOnce();
+  EXPECT_TRUE(RestoreTask::run(*transport_, request).nothingLeft());
+}
+
+// Ends the process's view of the org at one call, as a kill would: before
+// the request leaves, or after the org has done it and before the answer is read.
+class KillingTransport : public BackupTransport {
+ public:
+  KillingTransport(BackupTransport& inner, int killAt, bool afterTheOrg)
+      : inner_(inner), killAt_(killAt), afterTheOrg_(afterTheOrg) {}
+  std::string send(const std::string& method, const std::string& path, const QueryItems& query,
+                   const std::optional<std::string>& body) override {
+    return call([&] { return inner_.send(method, path, query, body); });
+  }
+  std::pair<std::string, ResponseHeaders> getRaw(const std::string& path, const QueryItems& query,
+                                                 const std::string& accept) override {
+    return call([&] { return inner_.getRaw(path, query, accept); });
+  }
+  std::string postSOAP(const std::string& action, const std::string& envelope) override {
+    return call([&] { return inner_.postSOAP(action, envelope); });
+  }
+  std::int64_t download(const std::string& path, const std::filesystem::path& file) override {
+    return call([&] { return inner_.download(path, file); });
+  }
+  bool killed = false;
+
+ private:
+  template <typename Call>
+  std::invoke_result_t<Call> call(Call forward) {
+    if (++calls_ != killAt_) return forward();
+    killed = true;
+    if (afterTheOrg_) forward();
+    throw std::runtime_error("killed");
+  }
+  BackupTransport& inner_;
+  int killAt_;
+  bool afterTheOrg_;
+  int calls_ = 0;
+};
+
+TEST_F(RestoreResumeTest, KilledAtRandomPointsItResumesWithoutDuplicatesOrBrokenLinks) {
+  auto request = this->request();
+  request.withChildren = true;
+  std::mt19937 random(23);
+  int kills = 0;
+  for (int attempt = 0; attempt < 40; ++attempt) {
+    KillingTransport dying(*transport_, std::uniform_int_distribution<int>(1, 14)(random),
+                           random() % 2 == 0);
+    try {
+      const auto result = RestoreTask::run(dying, request);
+      if (!dying.killed) break;
+    } catch (const std::exception&) {
+      ASSERT_TRUE(dying.killed) << "failed without a kill";
+    }
+    ++kills;
+  }
+  EXPECT_GE(kills, 4);
+  expectWholeAndOnce();
+  EXPECT_EQ(records("SELECT Id FROM ContentVersion WHERE Title = 'Contract'").size(), 2u);
   EXPECT_TRUE(RestoreTask::run(*transport_, request).nothingLeft());
 }
 
