@@ -365,6 +365,16 @@ struct Planner {
   std::map<std::string, ObjectInfo> described;
   Plan plan;
 
+  // The id as the backup knows it: a 15-character id given by hand matches
+  // the 18-character one the backup holds.
+  std::string fullId(const std::string& id) {
+    if (id.size() != 15) return id;
+    auto statement = store->db().prepare(
+        "SELECT id FROM known_ids WHERE object = ? AND substr(id, 1, 15) = ? LIMIT 1");
+    statement.bindText(1, request.object).bindText(2, id);
+    return statement.step() ? statement.columnText(0) : id;
+  }
+
   const ObjectInfo& info(const std::string& object) {
     auto found = described.find(object);
     if (found == described.end()) found = described.emplace(object, describe(transport, object)).first;
@@ -386,7 +396,7 @@ struct Planner {
     auto add = [&](const std::string& id) {
       if (!id.empty() && seen.insert(id15(id)).second) ids.push_back(id);
     };
-    for (const auto& id : request.ids) add(id);
+    for (const auto& id : request.ids) add(fullId(id));
     if (request.deleted)
       for (const auto& id : deletedIds(*store, request.object)) add(id);
 
@@ -1258,8 +1268,18 @@ std::int64_t requestsNeeded(const Plan& plan) {
     }
     ++groups[{record.object, static_cast<int>(record.action), record.level}];
   }
+  std::int64_t creates = 0;
   for (const auto& [group, count] : groups)
-    requests += (count + static_cast<std::int64_t>(batchSize) - 1) / static_cast<std::int64_t>(batchSize);
+    if (std::get<1>(group) == static_cast<int>(Action::create)) creates += count;
+  const bool bulk = creates > static_cast<std::int64_t>(collectionsUpTo);
+  for (const auto& [group, count] : groups) {
+    // A job: create, upload, close, a few polls, two result files.
+    const auto size = bulk && std::get<1>(group) == static_cast<int>(Action::create)
+                          ? static_cast<std::int64_t>(bulkJobSize)
+                          : static_cast<std::int64_t>(batchSize);
+    const std::int64_t perBatch = size == static_cast<std::int64_t>(bulkJobSize) ? 10 : 1;
+    requests += (count + size - 1) / size * perBatch;
+  }
   return requests;
 }
 

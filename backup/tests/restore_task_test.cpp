@@ -223,9 +223,11 @@ TEST_F(RestoreTaskTest, FieldsPutOldValuesBackOnLiveRecordsAndCreateNothing) {
   auto request = this->request();
   request.deleted = false;
   request.ids = accounts_;
+  request.ids[0] = accounts_[0].substr(0, 15);  // as typed from a page address
   request.fields = {"Industry", "AnnualRevenue"};
   const auto plan = RestoreTask::plan(*transport_, request);
   ASSERT_EQ(plan.records.size(), 6u);
+  EXPECT_EQ(plan.records[0].id, accounts_[0]);
   EXPECT_EQ(plan.records[0].action, Action::update);
   EXPECT_EQ(plan.records[0].changes,
             (std::vector<RestoreTask::FieldChange>{{"Industry", "Retail", "Banking"},
