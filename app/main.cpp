@@ -17,6 +17,7 @@
 #include "app/orgs_command.hpp"
 #include "app/production_guard.hpp"
 #include "app/query_command.hpp"
+#include "app/restore_command.hpp"
 #include "app/schedule_command.hpp"
 #include "connections/salesforce_cli.hpp"
 
@@ -40,6 +41,7 @@ int main(int argc, char** argv) {
   corvane::CompleteCommand::add(app, context, chosen);
   corvane::BackupCommand::add(app, context, chosen);
   corvane::BackupKeepingCommand::add(app, context, chosen);
+  corvane::RestoreCommand::add(app, context, chosen);
   corvane::ScheduleCommand::add(app, context, chosen);
   corvane::DedupeCommand::add(app, context, chosen);
   corvane::DedupeWorkbookCommand::add(app, context, chosen);

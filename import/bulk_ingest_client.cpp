@@ -33,19 +33,6 @@ std::vector<std::size_t> sentColumns(const ImportPlan& plan) {
   return columns;
 }
 
-void appendField(std::string& out, const std::string& text) {
-  if (text.find_first_of(",\"\r\n") == std::string::npos) {
-    out += text;
-    return;
-  }
-  out += '"';
-  for (char c : text) {
-    if (c == '"') out += '"';
-    out += c;
-  }
-  out += '"';
-}
-
 std::string rowKey(const std::vector<std::string>& cells) {
   std::string key;
   for (const auto& cell : cells) {
@@ -55,16 +42,6 @@ std::string rowKey(const std::vector<std::string>& cells) {
   return key;
 }
 
-JobState readJob(const std::string& body) {
-  nlohmann::json json = nlohmann::json::parse(body, nullptr, false);
-  if (!json.is_object() || !json.contains("id")) {
-    throw std::runtime_error("Salesforce's reply about a Bulk API job could not be read.");
-  }
-  return {json.value("id", ""), json.value("state", ""), json.value("errorMessage", "")};
-}
-
-std::string jobPath(const std::string& id) { return "jobs/ingest/" + id; }
-
 }  // namespace
 
 std::string csv(const ImportPlan& plan, const std::vector<std::size_t>& rows) {
@@ -72,13 +49,13 @@ std::string csv(const ImportPlan& plan, const std::vector<std::size_t>& rows) {
   std::string out;
   for (std::size_t at = 0; at < columns.size(); ++at) {
     if (at > 0) out += ',';
-    appendField(out, plan.fields[columns[at]]);
+    BulkIngestJob::appendCell(out, plan.fields[columns[at]]);
   }
   out += '\n';
   for (std::size_t row : rows) {
     for (std::size_t at = 0; at < columns.size(); ++at) {
       if (at > 0) out += ',';
-      appendField(out, plan.value(row, columns[at]));
+      BulkIngestJob::appendCell(out, plan.value(row, columns[at]));
     }
     out += '\n';
   }
@@ -87,27 +64,21 @@ std::string csv(const ImportPlan& plan, const std::vector<std::size_t>& rows) {
 
 JobState create(DedupeTransport& transport, const std::string& object,
                 const ImportOperation& operation) {
-  nlohmann::json request{{"object", object},
-                         {"operation", operation.verb()},
-                         {"contentType", "CSV"},
-                         {"lineEnding", "LF"},
-                         {"columnDelimiter", "COMMA"}};
-  if (operation.kind == ImportOperation::Kind::upsert) {
-    request["externalIdFieldName"] = operation.externalIdField;
-  }
-  return readJob(transport.send("POST", "jobs/ingest", {}, request.dump()));
+  return BulkIngestJob::create(
+      transport, object, operation.verb(),
+      operation.kind == ImportOperation::Kind::upsert ? operation.externalIdField : std::string());
 }
 
 void upload(DedupeTransport& transport, const std::string& id, const std::string& csv) {
-  transport.send("PUT", jobPath(id) + "/batches", {}, csv);
+  BulkIngestJob::upload(transport, id, csv);
 }
 
 JobState setState(DedupeTransport& transport, const std::string& id, const std::string& state) {
-  return readJob(transport.send("PATCH", jobPath(id), {}, nlohmann::json{{"state", state}}.dump()));
+  return BulkIngestJob::setState(transport, id, state);
 }
 
 JobState status(DedupeTransport& transport, const std::string& id) {
-  return readJob(transport.send("GET", jobPath(id), {}, std::nullopt));
+  return BulkIngestJob::status(transport, id);
 }
 
 std::vector<RowOutcome> outcomes(const ImportPlan& plan, const std::vector<std::size_t>& rows,
@@ -155,9 +126,7 @@ std::vector<RowOutcome> outcomes(const ImportPlan& plan, const std::vector<std::
 
 std::vector<RowOutcome> results(DedupeTransport& transport, const std::string& id,
                                 const ImportPlan& plan, const std::vector<std::size_t>& rows) {
-  std::string successful =
-      transport.getRaw(jobPath(id) + "/successfulResults", {}, "text/csv").first;
-  std::string failed = transport.getRaw(jobPath(id) + "/failedResults", {}, "text/csv").first;
+  const auto [successful, failed] = BulkIngestJob::resultFiles(transport, id);
   return outcomes(plan, rows, successful, failed);
 }
 

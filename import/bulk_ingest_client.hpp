@@ -12,21 +12,14 @@
 #include <string>
 #include <vector>
 
+#include "connections/bulk_ingest_job.hpp"
 #include "connections/dedupe_transport.hpp"
 #include "import/import_journal.hpp"
 #include "import/import_plan.hpp"
 
 namespace corvane::BulkIngestClient {
 
-struct JobState {
-  std::string id;
-  std::string state;  // Open, UploadComplete, InProgress, JobComplete, Failed, Aborted
-  std::string errorMessage;
-
-  bool finished() const {
-    return state == "JobComplete" || state == "Failed" || state == "Aborted";
-  }
-};
+using JobState = BulkIngestJob::State;
 
 // The CSV of these rows: a header of the plan's fields (only Id for a
 // delete), values as coerced, empty cells where no value is sent.

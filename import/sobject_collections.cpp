@@ -1,5 +1,7 @@
 #include "import/sobject_collections.hpp"
 
+#include "connections/sobject_collection.hpp"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -43,22 +45,6 @@ std::optional<std::size_t> keyColumn(const ImportPlan& plan) {
     if (sameText(plan.fields[index], key)) return index;
   }
   return std::nullopt;
-}
-
-std::string failureText(const nlohmann::json& errors) {
-  std::string text;
-  if (!errors.is_array()) return text;
-  for (const auto& error : errors) {
-    if (!error.is_object()) continue;
-    std::string message = error.value("message", "");
-    std::string code = error.value("statusCode", error.value("errorCode", ""));
-    std::string piece = message.empty() ? code : message;
-    if (!code.empty() && !message.empty()) piece = code + ": " + message;
-    if (piece.empty()) continue;
-    if (!text.empty()) text += "; ";
-    text += piece;
-  }
-  return text;
 }
 
 }  // namespace
@@ -129,34 +115,20 @@ Request request(const ImportPlan& plan, const std::vector<ImportField>& fields,
 
 std::vector<RowOutcome> outcomes(const std::string& body, const std::vector<std::size_t>& rows,
                                  const ImportOperation& operation) {
-  nlohmann::json results = nlohmann::json::parse(body, nullptr, false);
+  const auto results = SObjectCollection::results(body, rows.size());
   std::vector<RowOutcome> list;
   list.reserve(rows.size());
   for (std::size_t at = 0; at < rows.size(); ++at) {
-    RowOutcome outcome;
-    outcome.row = rows[at];
-    const nlohmann::json* result = nullptr;
-    if (results.is_array() && at < results.size() && results[at].is_object()) {
-      result = &results[at];
-    }
-    if (result == nullptr) {
+    const auto& result = results[at];
+    RowOutcome outcome{rows[at], result.success, result.id, result.message, false};
+    if (result.message == "Salesforce sent no result for this record.")
       outcome.message = "Salesforce sent no result for this row.";
-      list.push_back(std::move(outcome));
-      continue;
-    }
-    outcome.success = result->value("success", false);
-    if (result->contains("id") && (*result)["id"].is_string()) {
-      outcome.recordId = (*result)["id"].get<std::string>();
-    }
-    if (outcome.success) {
+    if (result.success) {
       if (operation.kind == ImportOperation::Kind::insert) {
         outcome.created = true;
       } else if (operation.kind == ImportOperation::Kind::upsert) {
-        outcome.created = result->value("created", false);
+        outcome.created = result.created;
       }
-    } else {
-      outcome.message = failureText(result->value("errors", nlohmann::json::array()));
-      if (outcome.message.empty()) outcome.message = "Salesforce gave no reason.";
     }
     list.push_back(std::move(outcome));
   }

@@ -19,7 +19,7 @@ namespace corvane {
 namespace SObjectCollections {
 
 // At most this many records go in one request.
-inline constexpr std::size_t kMaxRecords = 200;
+inline constexpr std::size_t kMaxRecords = 200;  // SObjectCollection::maxRecords
 
 struct Request {
   std::string method;  // "POST", "PATCH" or "DELETE"

@@ -190,11 +190,61 @@ SaveResult create(OrgStore& store, const ObjectDef& object, const nlohmann::json
       row.emplace_back(userId);
     }
   }
+  // A first version without a document makes the document, as Salesforce
+  // does; with FirstPublishLocationId the document is linked to that record.
+  const bool newDocument =
+      object.name == "ContentVersion" &&
+      std::find(names.begin(), names.end(), std::string("ContentDocumentId")) == names.end();
+  std::optional<std::string> title;
+  std::optional<std::string> firstPlace;
+  std::optional<std::string> owner;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    if (names[i] == "Title") title = row[i];
+    if (names[i] == "FirstPublishLocationId") firstPlace = row[i];
+    if (names[i] == "OwnerId") owner = row[i];
+  }
   try {
+    std::string document;
+    if (newDocument) {
+      auto documents = store.writer("ContentDocument", {"Title", "OwnerId", "PublishStatus"}, 1);
+      document = documents.insert(std::vector<std::optional<std::string>>{title, owner, "P"});
+      documents.commit();
+      names.emplace_back("ContentDocumentId");
+      row.emplace_back(document);
+      for (const char* field : {"IsLatest", "VersionNumber", "PublishStatus"}) {
+        names.emplace_back(field);
+        row.emplace_back(std::string(field) == "IsLatest" ? "true"
+                         : std::string(field) == "VersionNumber" ? "1"
+                                                                 : "P");
+      }
+    }
     auto writer = store.writer(object.name, names, 1);
     SaveResult result;
     result.id = writer.insert(row);
     writer.commit();
+    if (newDocument) {
+      store.write([&](Database& db) {
+        db.prepare(
+              "UPDATE \"ContentDocument\" SET \"LatestPublishedVersionId\" = ?, \"ContentSize\" = "
+              "(SELECT \"ContentSize\" FROM \"ContentVersion\" WHERE \"Id\" = ?), "
+              "\"FileType\" = (SELECT \"FileType\" FROM \"ContentVersion\" WHERE \"Id\" = ?), "
+              "\"FileExtension\" = (SELECT \"FileExtension\" FROM \"ContentVersion\" WHERE "
+              "\"Id\" = ?) WHERE \"Id\" = ?")
+            .bind(1, result.id)
+            .bind(2, result.id)
+            .bind(3, result.id)
+            .bind(4, result.id)
+            .bind(5, document)
+            .run();
+      });
+      auto links = store.writer("ContentDocumentLink",
+                                {"LinkedEntityId", "ContentDocumentId", "ShareType", "Visibility"}, 2);
+      using Row = std::vector<std::optional<std::string>>;
+      links.insert(Row{owner, document, "I", "AllUsers"});
+      if (firstPlace && *firstPlace != owner)
+        links.insert(Row{firstPlace, document, "I", "AllUsers"});
+      links.commit();
+    }
     result.success = true;
     result.httpStatus = 201;
     return result;

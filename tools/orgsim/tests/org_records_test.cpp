@@ -67,6 +67,31 @@ TEST_F(OrgRecordsTest, CreateChecksFieldsLikeSalesforce) {
   EXPECT_EQ(store_->count("Account"), 1);
 }
 
+TEST_F(OrgRecordsTest, ANewContentVersionMakesItsDocumentLinkedWhereFirstPublished) {
+  auto account = testing::addAccounts(*store_, 1).front();
+  SaveResult version = OrgRecords::create(*store_, object("ContentVersion"),
+                                          {{"Title", "Contract"},
+                                           {"PathOnClient", "Contract.pdf"},
+                                           {"VersionData", "aGVsbG8="},
+                                           {"FirstPublishLocationId", account}},
+                                          user_);
+  ASSERT_TRUE(version.success) << version.errors.front().message;
+  EXPECT_EQ(store_->body("ContentVersion", version.id), "hello");
+  EXPECT_EQ(value("ContentVersion", version.id, "Checksum"), "5d41402abc4b2a76b9719d911017c592");
+  EXPECT_EQ(value("ContentVersion", version.id, "IsLatest"), "true");
+  const std::string document = value("ContentVersion", version.id, "ContentDocumentId");
+  EXPECT_EQ(value("ContentDocument", document, "LatestPublishedVersionId"), version.id);
+  EXPECT_EQ(value("ContentDocument", document, "Title"), "Contract");
+  auto lease = store_->read();
+  auto links = lease->prepare(
+      "SELECT \"LinkedEntityId\" FROM \"ContentDocumentLink\" WHERE \"ContentDocumentId\" = ? "
+      "ORDER BY 1");
+  links.bind(1, document);
+  std::vector<std::string> linked;
+  while (links.step()) linked.emplace_back(links.text(0));
+  EXPECT_EQ(linked, (std::vector<std::string>{account, user_}));
+}
+
 TEST_F(OrgRecordsTest, UpdateStampsTheRecordAndRefusesDeletedOnes) {
   std::string id = testing::addAccounts(*store_, 1, "2020-01-01T00:00:00.000Z").front();
   std::string created = value("Account", id, "LastModifiedDate");
