@@ -3,9 +3,11 @@
 // stopped part-way that resume without creating anything twice.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <type_traits>
 
 #include "backup/backup_runner.hpp"
@@ -421,6 +423,42 @@ TEST_F(RestoreTaskTest, AReferenceToARecordNeitherLiveNorRestoredIsLeftEmptyAndN
   ASSERT_EQ(parent.restored, 1u);
   EXPECT_TRUE(RestoreTask::plan(*transport_, request).records[0].reason.find("Restored earlier") !=
               std::string::npos);
+}
+
+TEST_F(RestoreTaskTest, ARecordSalesforceRefusesFailsWithItsWordsAndTheRestGoOn) {
+  makeOrg(4);
+  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
+  removeAll(accounts_);
+  ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 4);
+  store().advanceClock(2min);
+  ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+  // A picklist value the org no longer has, as the backup holds it for one record.
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(config().location.folder())) {
+    if (entry.path().filename() != "Account.csv") continue;
+    std::string csv;
+    {
+      std::ifstream in(entry.path());
+      std::stringstream text;
+      text << in.rdbuf();
+      csv = text.str();
+    }
+    const auto row = csv.find(accounts_[2]);
+    if (row == std::string::npos) continue;
+    const auto at = csv.find("\"Banking\"", row);
+    ASSERT_NE(at, std::string::npos);
+    csv.replace(at, 9, "\"Buggy Whips\"");
+    std::ofstream(entry.path(), std::ios::trunc) << csv;
+  }
+  const auto result = RestoreTask::run(*transport_, request());
+  EXPECT_EQ(result.restored, 3u);
+  ASSERT_EQ(result.failed, 1u);
+  for (const auto& record : result.plan.records)
+    if (record.id == accounts_[2]) {
+      EXPECT_EQ(record.result, "failed");
+      EXPECT_NE(record.message.find("INVALID_OR_NULL_FOR_RESTRICTED_PICKLIST"), std::string::npos)
+          << record.message;
+    }
+  EXPECT_EQ(store().count("Account"), 3);
 }
 
 TEST_F(RestoreTaskTest, ARestoreThatWouldSpendTheLastTenthOfTheAllowanceDoesNotStart) {

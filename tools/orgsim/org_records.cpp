@@ -121,6 +121,14 @@ std::optional<RecordError> convert(
                      {field->name});
       }
       text = std::move(normalized);
+      // Every picklist of the catalog is restricted: a value not in its list is refused.
+      if (!force && field->type == FieldType::Picklist && !field->picklistValues.empty() &&
+          std::find(field->picklistValues.begin(), field->picklistValues.end(), *text) ==
+              field->picklistValues.end()) {
+        return error("INVALID_OR_NULL_FOR_RESTRICTED_PICKLIST",
+                     field->label + ": bad value for restricted picklist field: " + *text,
+                     {field->name});
+      }
     }
     if (!text && !field->nillable && !force) {
       return error("REQUIRED_FIELD_MISSING", "Required fields are missing: [" + field->name + "]",
