@@ -5,6 +5,7 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <list>
 #include <map>
 #include <mutex>
@@ -1663,7 +1664,15 @@ int OrgServer::start() {
     throw std::runtime_error("The sample org could not listen on " + options.host + ":" +
                              std::to_string(options.port) + ".");
   }
-  thread_ = std::thread([this] { impl_->http.listen_after_bind(); });
+  auto ended = std::make_shared<std::atomic<bool>>(false);
+  thread_ = std::thread([this, ended] {
+    impl_->http.listen_after_bind();
+    *ended = true;
+  });
+  // The server only takes a stop once it runs: one asked for sooner would be
+  // lost, and the listening thread would wait for connections for good.
+  while (!impl_->http.is_running() && !*ended)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return port_;
 }
 

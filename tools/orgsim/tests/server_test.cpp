@@ -684,3 +684,31 @@ TEST_F(OrgServerTest, ServesManyClientsAtOnceWhileRecordsChange) {
 
 }  // namespace
 }  // namespace corvane::orgsim
+
+namespace corvane::orgsim {
+namespace {
+
+// A server stopped at once after it started must not be left listening: a
+// test with no request at all stops it before its thread has begun to accept.
+TEST(OrgServerLifetime, StoppingRightAfterStartingReturns) {
+  testing::TempFolder folder;
+  std::atomic<int> stopped{0};
+  std::thread cycles([&] {
+    for (int i = 0; i < 40; ++i) {
+      OrgServer server(folder.path() / "state");
+      server.start();
+      server.stop();
+      ++stopped;
+    }
+  });
+  for (int waited = 0; waited < 600 && stopped < 40; ++waited)
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  if (stopped < 40) {
+    cycles.detach();  // stuck for good in stop()
+    FAIL() << "stop() hung on a server that had just started";
+  }
+  cycles.join();
+}
+
+}  // namespace
+}  // namespace corvane::orgsim
