@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <set>
 
+#include "connections/ascii.hpp"
 #include "platform/volume_info.hpp"
 
 namespace corvane {
@@ -20,13 +21,7 @@ namespace BackupTask {
 
 namespace {
 
-std::string lowered(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return out;
-}
+using Ascii::lowered;
 
 std::string fieldReason(const BackupPlanner::Field& field) {
   const std::string type = lowered(field.type);

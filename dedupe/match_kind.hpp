@@ -16,6 +16,23 @@ enum class MatchKind { text, personName, companyName, email, phone };
 std::string_view rawValue(MatchKind kind);
 // None for a text that names no kind.
 std::optional<MatchKind> matchKindFromRaw(std::string_view raw);
+// How dear comparing two values of this kind is, cheapest 0: fields are
+// compared cheapest first, so a pair that fails early costs little.
+constexpr int comparisonCost(MatchKind kind) {
+  switch (kind) {
+    case MatchKind::phone:
+      return 0;
+    case MatchKind::email:
+      return 1;
+    case MatchKind::text:
+      return 2;
+    case MatchKind::companyName:
+      return 3;
+    case MatchKind::personName:
+      return 4;
+  }
+  return 5;
+}
 
 // Whether values must be equal after normalisation or may differ a little.
 enum class MatchMode { exact, close };

@@ -197,21 +197,7 @@ std::optional<double> pairScore(std::uint32_t a, std::uint32_t b,
     pending[pendingCount++] = static_cast<std::uint8_t>(f);
   }
   if (pendingCount == 0) return 1.0;
-  const auto cost = [&](std::uint8_t f) {
-    switch (fields[f].kind) {
-      case MatchKind::phone:
-        return 0;
-      case MatchKind::email:
-        return 1;
-      case MatchKind::text:
-        return 2;
-      case MatchKind::companyName:
-        return 3;
-      case MatchKind::personName:
-        return 4;
-    }
-    return 5;
-  };
+  const auto cost = [&](std::uint8_t f) { return comparisonCost(fields[f].kind); };
   for (std::size_t i = 1; i < pendingCount; ++i) {
     for (std::size_t j = i; j > 0 && cost(pending[j]) < cost(pending[j - 1]); --j) {
       std::swap(pending[j], pending[j - 1]);

@@ -179,21 +179,7 @@ class Scorer {
     return spent;
   }
 
-  static int cost(MatchKind kind) {
-    switch (kind) {
-      case MatchKind::phone:
-        return 0;
-      case MatchKind::email:
-        return 1;
-      case MatchKind::text:
-        return 2;
-      case MatchKind::companyName:
-        return 3;
-      case MatchKind::personName:
-        return 4;
-    }
-    return 5;
-  }
+  static int cost(MatchKind kind) { return comparisonCost(kind); }
 
   const std::vector<MatchField>& fields_;
   const std::vector<FlatColumn>& columns_;
