@@ -13,6 +13,12 @@ std::string severalKeeps(std::int64_t groupId, std::size_t keeps) {
 
 std::string markedKeep() { return "Marked Keep in the workbook"; }
 
+std::string alreadyThereNotApplied(const std::string& id) {
+  return "\"" + id +
+         "\" is marked Delete because it already exists as a record of another object, and "
+         "apply does not delete such records yet. Delete it in Salesforce, or clear its Action.";
+}
+
 std::string keptByRuleAmongBlanks(const SnapshotRecord& keeper, KeeperRule rule,
                                   std::size_t groupSize) {
   return KeeperRules::why(keeper, rule, groupSize) + "; no record was marked Keep";
@@ -24,6 +30,7 @@ Outcome resolve(const DecisionWorkbook::Decisions& decisions,
                 const ResolutionAction& action) {
   Outcome out;
   out.problems = decisions.problems;
+  for (const std::string& id : decisions.alreadyDeletes) out.problems.push_back(alreadyThereNotApplied(id));
   std::map<std::string, Decision> decisionOf;
   for (const std::string& id : decisions.keeps) decisionOf[id] = Decision::keep;
   for (const std::string& id : decisions.deletes) decisionOf[id] = Decision::remove;

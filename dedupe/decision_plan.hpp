@@ -53,6 +53,9 @@ Outcome resolve(const DecisionWorkbook::Decisions& decisions,
 // The problems and reasons, word for word.
 std::string severalKeeps(std::int64_t groupId, std::size_t keeps);
 std::string markedKeep();
+// A record already there as another object's, marked Delete: not carried out
+// by an apply yet, so the workbook is refused rather than half done.
+std::string alreadyThereNotApplied(const std::string& id);
 std::string keptByRuleAmongBlanks(const SnapshotRecord& keeper, KeeperRule rule,
                                   std::size_t groupSize);
 

@@ -72,6 +72,25 @@ std::string columnLabel(const std::string& label, const std::string& name) {
 
 }  // namespace
 
+namespace {
+
+// "a contact", "an account".
+std::string withArticle(std::string_view noun) {
+  const bool vowel =
+      !noun.empty() && std::string_view("AEIOUaeiou").find(noun.front()) != std::string_view::npos;
+  return std::string(vowel ? "an " : "a ") + std::string(noun);
+}
+
+}  // namespace
+
+std::string alreadyHeader(std::string_view otherLabel) {
+  return "Already " + withArticle(otherLabel);
+}
+
+std::string otherNameHeader(std::string_view otherLabel) {
+  return std::string(otherLabel) + " Name";
+}
+
 std::string sheetName(std::string_view objectLabel) {
   return "Duplicates - " + std::string(objectLabel);
 }
@@ -92,16 +111,36 @@ std::vector<std::string> howToUseLines(std::string_view objectLabel) {
   };
 }
 
+std::vector<std::string> alreadyLines(std::string_view objectLabel, std::string_view otherLabel) {
+  const std::string object = Unicode::lowercase(objectLabel);
+  const std::string other = Unicode::lowercase(otherLabel);
+  return {
+      "Rows with an Id in the '" + alreadyHeader(otherLabel) + "' column are " + object +
+          "s that are already in Salesforce as that " + other + ".",
+      "Salesforce cannot merge " + withArticle(object) + " into " + withArticle(other) +
+          ": type " +
+          std::string(deleteWord) + " on such a row to remove the " + object +
+          ", or leave it blank to keep it.",
+  };
+}
+
 std::string whyTogether(const DuplicateGroup& group) {
   return group.weakestLink >= 1.0 ? "All matching fields are exactly the same."
                                    : "Matching fields are the same or very close.";
 }
 
 void write(const std::filesystem::path& path, const Layout& layout,
-           const std::vector<ExportGroup>& groups) {
+           const std::vector<ExportGroup>& groups, const std::vector<AlreadyThere>& already) {
   using Style = XlsxWriter::Style;
+  std::unordered_map<std::string, const AlreadyThere*> alreadyById;  // the first listed
+  for (const AlreadyThere& entry : already) alreadyById.emplace(entry.record.sfid, &entry);
+  std::unordered_map<std::string, const AlreadyThere*> alreadyOf = alreadyById;  // own rows
   std::size_t recordCount = 0;
-  for (const ExportGroup& group : groups) recordCount += group.records.size();
+  for (const ExportGroup& group : groups) {
+    recordCount += group.records.size();
+    for (const SnapshotRecord& record : group.records) alreadyOf.erase(record.sfid);
+  }
+  recordCount += alreadyOf.size();
   if (recordCount + 1 > XlsxWriter::maximumRows) {
     throw WorkbookWriteError(path, "the groups hold " + std::to_string(recordCount) +
                                        " records, more than the rows a sheet can hold (" +
@@ -115,10 +154,16 @@ void write(const std::filesystem::path& path, const Layout& layout,
   for (const MatchField& field : layout.matchFields)
     headers.push_back(columnLabel(field.label, field.name));
   for (const std::string& extra : layout.extraFields) headers.push_back(columnLabel(extra, extra));
+  const bool showAlready = !layout.otherLabel.empty();
+  if (showAlready) {
+    headers.push_back(alreadyHeader(layout.otherLabel));
+    headers.push_back(otherNameHeader(layout.otherLabel));
+  }
   headers.emplace_back(kindHeader);
   headers.emplace_back(whyHeader);
   const std::size_t valuesStart = 5;
   const std::size_t extrasStart = valuesStart + layout.matchFields.size();
+  const std::size_t alreadyColumn = extrasStart + layout.extraFields.size();
   const std::size_t kindColumn = headers.size() - 2;
   const std::size_t whyColumn = headers.size() - 1;
 
@@ -135,6 +180,25 @@ void write(const std::filesystem::path& path, const Layout& layout,
     writer.writeText(0, column, headers[column], Style::header);
 
   std::size_t row = 0;
+  const auto writeRecord = [&](const SnapshotRecord& record, Style style) {
+    writer.writeText(row, 1, record.sfid, style);
+    writer.writeText(row, 2, "", style);
+    writer.writeText(row, 4, record.name, style);
+    for (std::size_t f = 0; f < layout.matchFields.size(); ++f)
+      writer.writeText(row, valuesStart + f, f < record.values.size() ? record.values[f] : "",
+                       style);
+    for (std::size_t e = 0; e < layout.extraFields.size(); ++e)
+      writer.writeText(row, extrasStart + e, e < record.extras.size() ? record.extras[e] : "",
+                       style);
+    if (showAlready) {
+      const auto found = alreadyById.find(record.sfid);
+      const AlreadyThere* there = found == alreadyById.end() ? nullptr : found->second;
+      writer.writeText(row, alreadyColumn, there ? there->otherId : "", style);
+      writer.writeText(row, alreadyColumn + 1, there ? there->otherName : "", style);
+    }
+    writer.writeText(row, kindColumn, record.object.empty() ? layout.objectName : record.object,
+                     style);
+  };
   for (const ExportGroup& exported : groups) {
     const std::string why = whyTogether(exported.group);
     for (std::size_t i = 0; i < exported.records.size(); ++i) {
@@ -143,20 +207,20 @@ void write(const std::filesystem::path& path, const Layout& layout,
       const Style style = suggested ? Style::suggested : Style::plain;
       ++row;
       writer.writeNumber(row, 0, static_cast<double>(exported.group.id), style);
-      writer.writeText(row, 1, record.sfid, style);
-      writer.writeText(row, 2, "", style);
       writer.writeText(row, 3, suggested ? suggestedMark : "", style);
-      writer.writeText(row, 4, record.name, style);
-      for (std::size_t f = 0; f < layout.matchFields.size(); ++f)
-        writer.writeText(row, valuesStart + f, f < record.values.size() ? record.values[f] : "",
-                         style);
-      for (std::size_t e = 0; e < layout.extraFields.size(); ++e)
-        writer.writeText(row, extrasStart + e, e < record.extras.size() ? record.extras[e] : "",
-                         style);
-      writer.writeText(row, kindColumn, record.object.empty() ? layout.objectName : record.object,
-                       style);
+      writeRecord(record, style);
       writer.writeText(row, whyColumn, why, style);
     }
+  }
+  for (const AlreadyThere& entry : already) {
+    if (!alreadyOf.count(entry.record.sfid)) continue;  // shown in its group
+    alreadyOf.erase(entry.record.sfid);                 // once, however often listed
+    ++row;
+    writer.writeText(row, 0, "", Style::plain);
+    writer.writeText(row, 3, "", Style::plain);
+    writeRecord(entry.record, Style::plain);
+    writer.writeText(row, whyColumn, alreadyHeader(layout.otherLabel) + ": " + entry.why,
+                     Style::plain);
   }
   writer.headerWithFilter(headers.size() - 1, row);
 
@@ -164,6 +228,10 @@ void write(const std::filesystem::path& path, const Layout& layout,
   writer.setColumnWidth(0, 0, 110);
   std::size_t line = 0;
   for (const std::string& text : howToUseLines(layout.objectLabel)) writer.writeText(line++, 0, text);
+  if (showAlready) {
+    for (const std::string& text : alreadyLines(layout.objectLabel, layout.otherLabel))
+      writer.writeText(line++, 0, text);
+  }
   writer.close();
 }
 
@@ -173,7 +241,8 @@ std::string nothingLeftToKeep(std::int64_t groupId) {
          "duplicate. Mark one record Keep, or leave its Action blank.";
 }
 
-Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<DecidedGroup>& groups) {
+Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<DecidedGroup>& groups,
+                 const std::vector<std::string>& already) {
   Decisions decisions;
   const ImportGrid* sheet = nullptr;
   for (const ImportGrid& candidate : sheets) {
@@ -193,6 +262,7 @@ Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<Decide
   for (std::size_t g = 0; g < groups.size(); ++g) {
     for (const std::string& id : groups[g].recordIds) groupOf.emplace(id, g);
   }
+  const std::unordered_set<std::string> alreadyThere(already.begin(), already.end());
   std::unordered_set<std::string> seen;
   std::vector<std::size_t> deletedPerGroup(groups.size(), 0);
   std::vector<std::size_t> setApartPerGroup(groups.size(), 0);  // marked Not a duplicate
@@ -211,6 +281,25 @@ Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<Decide
       continue;
     }
     const auto group = groupOf.find(id);
+    if (group == groupOf.end() && alreadyThere.count(id)) {
+      if (!seen.insert(id).second) {
+        decisions.problems.push_back(
+            inQuotes(id) +
+            " appears more than once. Remove the duplicate row so each record has one decision.");
+        continue;
+      }
+      const std::optional<Action> action = actionOf(word);
+      if (!action) {
+        decisions.problems.push_back(
+            inQuotes(word) +
+            " is not an action. Use Keep, Delete, Not a duplicate, or leave it blank.");
+      } else if (*action == Action::remove) {
+        decisions.alreadyDeletes.push_back(id);
+      } else {
+        ++decisions.untouched;  // kept as it is
+      }
+      continue;
+    }
     if (group == groupOf.end()) {
       decisions.problems.push_back(
           inQuotes(id) +
@@ -258,7 +347,8 @@ Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<Decide
       decisions.problems.push_back(nothingLeftToKeep(groups[g].id));
     }
   }
-  if (decisions.deletes.empty() && decisions.notDuplicates.empty()) {
+  if (decisions.deletes.empty() && decisions.notDuplicates.empty() &&
+      decisions.alreadyDeletes.empty()) {
     decisions.problems.push_back(
         "No record is marked Delete or Not a duplicate, so there is nothing to do. That may be "
         "exactly right \u2014 or the Action column was left unfilled.");
@@ -266,13 +356,14 @@ Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<Decide
   return decisions;
 }
 
-Decisions read(const std::filesystem::path& path, const std::vector<DecidedGroup>& groups) {
+Decisions read(const std::filesystem::path& path, const std::vector<DecidedGroup>& groups,
+               const std::vector<std::string>& already) {
   XlsxReader reader(path);
   for (std::size_t i = 0; i < reader.sheetNames().size(); ++i) {
     std::optional<ImportGrid> sheet = reader.readSheet(i);
-    if (sheet && hasDecisionColumns(*sheet)) return decide({std::move(*sheet)}, groups);
+    if (sheet && hasDecisionColumns(*sheet)) return decide({std::move(*sheet)}, groups, already);
   }
-  return decide({}, groups);
+  return decide({}, groups, already);
 }
 
 }  // namespace DecisionWorkbook

@@ -43,11 +43,29 @@ inline constexpr std::string_view howToUseSheet = "How To Use";
 // What the groups sheet shows besides the fixed columns.
 struct Layout {
   std::string objectName;   // "Kind of Record" for records of a one-object snapshot
-  std::string objectLabel;  // "Contact"
+  std::string objectLabel;  // "Lead"
   std::string nameLabel = "Name";
   std::vector<MatchField> matchFields;
   std::vector<std::string> extraFields;  // API names, shown as they are
+  // The object the records may already exist as ("Contact"); when set, the
+  // sheet has the two columns of alreadyHeader and otherNameHeader.
+  std::string otherLabel;
 };
+
+// A record that already exists as a record of another object (a Lead that is
+// a Contact). Salesforce merges no records across objects: its row offers to
+// delete it instead.
+struct AlreadyThere {
+  SnapshotRecord record;
+  std::string otherId;
+  std::string otherName;
+  std::string why;  // "E-mail the same, name very close."
+};
+
+// "Already a Contact", "Already an Account": the other record's Id.
+std::string alreadyHeader(std::string_view otherLabel);
+// "Contact Name": the other record's name.
+std::string otherNameHeader(std::string_view otherLabel);
 
 // One group as exported: its records in the order shown and the position of
 // the record the keeper rule suggests (none: no suggestion).
@@ -62,15 +80,20 @@ struct ExportGroup {
 std::string sheetName(std::string_view objectLabel);
 // The lines of the "How To Use" sheet.
 std::vector<std::string> howToUseLines(std::string_view objectLabel);
+// The lines the "How To Use" sheet adds when records may already be there
+// as records of another object.
+std::vector<std::string> alreadyLines(std::string_view objectLabel, std::string_view otherLabel);
 // "All matching fields are exactly the same." or "Matching fields are the
 // same or very close.", from the group's weakest link.
 std::string whyTogether(const DuplicateGroup& group);
 
 // Writes the workbook (groups sheet, then "How To Use"), replacing a file at
 // path only once the new one is whole. The suggested keeper's row is filled
-// green. Throws WorkbookWriteError.
+// green. A record already there fills the two columns of its row in a group,
+// or has a row of its own after the groups, without a group number. Throws
+// WorkbookWriteError.
 void write(const std::filesystem::path& path, const Layout& layout,
-           const std::vector<ExportGroup>& groups);
+           const std::vector<ExportGroup>& groups, const std::vector<AlreadyThere>& already = {});
 
 // What a read-back workbook says.
 struct Decisions {
@@ -78,6 +101,8 @@ struct Decisions {
   std::vector<std::string> keeps;
   std::vector<std::string> notDuplicates;
   std::int64_t untouched = 0;  // rows with a blank Action
+  // Records in no group, already there as another object's, marked Delete.
+  std::vector<std::string> alreadyDeletes;
   std::vector<std::string> problems;
   bool operator==(const Decisions&) const = default;
 };
@@ -95,11 +120,15 @@ std::string nothingLeftToKeep(std::int64_t groupId);
 
 // The decisions of the first sheet that has both a "Record Id" and an
 // "Action" column. Row numbers in problems count the header as row 1.
-Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<DecidedGroup>& groups);
+// already: the Ids of the rows of records already there (outside groups):
+// Delete removes such a record; Keep and Not a duplicate leave it alone.
+Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<DecidedGroup>& groups,
+                 const std::vector<std::string>& already = {});
 
 // Reads the workbook at path and decides as above. Throws FileError when the
 // file cannot be opened and ImportError::badFile when it is not a workbook.
-Decisions read(const std::filesystem::path& path, const std::vector<DecidedGroup>& groups);
+Decisions read(const std::filesystem::path& path, const std::vector<DecidedGroup>& groups,
+               const std::vector<std::string>& already = {});
 
 }  // namespace DecisionWorkbook
 

@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "dedupe/cross_match_task.hpp"
 #include "dedupe/match_task.hpp"
 #include "dedupe/record_store.hpp"
 #include "dedupe/snapshot_task.hpp"
@@ -13,8 +14,10 @@ namespace corvane::DecisionWorkbookTask {
 
 namespace {
 
-// The snapshot's memory of the groups its last decision workbook holds.
+// The snapshot's memory of the groups its last decision workbook holds, and
+// of the records it marked as already there as another object's.
 constexpr const char* exportedGroupsKey = "decisionWorkbookGroups";
+constexpr const char* exportedAlreadyKey = "decisionWorkbookAlready";
 
 std::string groupsJSON(const std::vector<DecisionWorkbook::DecidedGroup>& groups) {
   nlohmann::json json = nlohmann::json::array();
@@ -44,7 +47,20 @@ ExportOutcome exportWorkbook(const std::filesystem::path& snapshot,
                              std::stop_token stop, const DedupeProgressHandler& onProgress) {
   auto store = SnapshotTask::open(snapshot);
   const MatchOutcome outcome = MatchTask::groups(*store, request.settings, stop, onProgress);
-  if (outcome.groups.empty()) throw DedupeError::noGroups();
+  ExportOutcome result;
+  if (request.against) {
+    const CrossMatchTask::Outcome cross =
+        CrossMatchTask::run(snapshot, *request.against, request.settings, stop, onProgress);
+    result.otherLabel =
+        cross.against.objectLabel.empty() ? cross.against.objectName : cross.against.objectLabel;
+    for (const CrossMatchTask::Pair& pair : cross.pairs) {
+      // The best match of each record only: the pairs come best first.
+      if (!result.already.empty() && result.already.back().record.sfid == pair.record.sfid)
+        continue;
+      result.already.push_back({pair.record, pair.match.sfid, pair.match.name, pair.why});
+    }
+  }
+  if (outcome.groups.empty() && result.already.empty()) throw DedupeError::noGroups();
 
   std::vector<Rid> grouped;
   for (const DuplicateGroup& group : outcome.groups)
@@ -59,9 +75,9 @@ ExportOutcome exportWorkbook(const std::filesystem::path& snapshot,
   if (!info.nameFieldLabel.empty()) layout.nameLabel = info.nameFieldLabel;
   layout.matchFields = store->matchFields();
   layout.extraFields = store->extraFields();
+  layout.otherLabel = result.otherLabel;
 
   std::vector<DecisionWorkbook::ExportGroup> exported;
-  ExportOutcome result;
   for (const DuplicateGroup& group : outcome.groups) {
     DecisionWorkbook::ExportGroup entry{group, {}, std::nullopt};
     DecisionWorkbook::DecidedGroup ids{group.id, {}};
@@ -79,9 +95,28 @@ ExportOutcome exportWorkbook(const std::filesystem::path& snapshot,
 
   if (stop.stop_requested()) throw DedupeError::stopped();
   if (onProgress) onProgress({DedupeProgress::Phase::writing, 0, 0, 0, workbook.string(), {}});
-  DecisionWorkbook::write(workbook, layout, exported);
+  DecisionWorkbook::write(workbook, layout, exported, result.already);
   store->setMeta(exportedGroupsKey, groupsJSON(result.groups));
+  nlohmann::json already = nlohmann::json::array();
+  for (const DecisionWorkbook::AlreadyThere& entry : result.already) {
+    already.push_back({{"id", entry.record.sfid}, {"other", entry.otherId}});
+  }
+  store->setMeta(exportedAlreadyKey, already.dump());
   return result;
+}
+
+std::vector<std::string> exportedAlready(const std::filesystem::path& snapshot) {
+  auto store = SnapshotTask::open(snapshot);
+  std::vector<std::string> ids;
+  const std::optional<std::string> text = store->meta(exportedAlreadyKey);
+  if (!text) return ids;
+  try {
+    for (const auto& entry : nlohmann::json::parse(*text))
+      ids.push_back(entry.at("id").get<std::string>());
+  } catch (const nlohmann::json::exception&) {
+    return {};  // unreadable: such rows read as foreign, and are reported so
+  }
+  return ids;
 }
 
 std::vector<DecisionWorkbook::DecidedGroup> exportedGroups(const std::filesystem::path& snapshot,
@@ -111,7 +146,8 @@ std::vector<DecisionWorkbook::DecidedGroup> exportedGroups(const std::filesystem
 DecisionWorkbook::Decisions readDecisions(const std::filesystem::path& snapshot,
                                           const std::filesystem::path& workbook,
                                           const MatchSettings& settings, std::stop_token stop) {
-  return DecisionWorkbook::read(workbook, exportedGroups(snapshot, settings, stop));
+  return DecisionWorkbook::read(workbook, exportedGroups(snapshot, settings, stop),
+                                exportedAlready(snapshot));
 }
 
 }  // namespace corvane::DecisionWorkbookTask

@@ -9,6 +9,8 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <optional>
+#include <string>
 #include <stop_token>
 #include <vector>
 
@@ -23,17 +25,25 @@ namespace corvane::DecisionWorkbookTask {
 struct ExportRequest {
   MatchSettings settings;
   KeeperRule keeper = KeeperRule::oldest;  // suggests each group's keeper
+  // A snapshot of another object of the same org (Contacts for a snapshot
+  // of Leads): the records already there are marked (CrossMatchTask).
+  std::optional<std::filesystem::path> against;
 };
 
 struct ExportOutcome {
   std::vector<DecisionWorkbook::DecidedGroup> groups;  // as written
   std::size_t recordCount = 0;                         // records in the groups
+  // With against: the records already there, and the other object's label.
+  std::vector<DecisionWorkbook::AlreadyThere> already;
+  std::string otherLabel;
 };
 
-// Matches the snapshot, writes the workbook with each group's suggested
-// keeper, and remembers the groups in the snapshot. Reports matching, then
-// writing (item: the workbook). Throws noGroups, writing nothing, when no
-// group is found, and stopped, writing nothing, on a stop request.
+// Matches the snapshot (and against the other snapshot when asked), writes
+// the workbook with each group's suggested keeper and the records already
+// there, and remembers both in the snapshot. Reports matching, then writing
+// (item: the workbook). Throws noGroups, writing nothing, when nothing is
+// found, CrossMatchError for snapshots that cannot be matched, and stopped,
+// writing nothing, on a stop request.
 ExportOutcome exportWorkbook(const std::filesystem::path& snapshot,
                              const std::filesystem::path& workbook, const ExportRequest& request,
                              std::stop_token stop, const DedupeProgressHandler& onProgress = {});
@@ -44,8 +54,12 @@ std::vector<DecisionWorkbook::DecidedGroup> exportedGroups(const std::filesystem
                                                            const MatchSettings& settings,
                                                            std::stop_token stop = {});
 
-// Reads a workbook back against the snapshot's exported groups. Go on only
-// when problems is empty.
+// The Ids of the records the last export marked as already there as records
+// of another object; none when it marked none.
+std::vector<std::string> exportedAlready(const std::filesystem::path& snapshot);
+
+// Reads a workbook back against the snapshot's exported groups and records
+// already there. Go on only when problems is empty.
 DecisionWorkbook::Decisions readDecisions(const std::filesystem::path& snapshot,
                                           const std::filesystem::path& workbook,
                                           const MatchSettings& settings,

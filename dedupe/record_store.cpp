@@ -304,6 +304,13 @@ void RecordStore::scanNormalized(
   }
 }
 
+void RecordStore::scanExtra(std::size_t slot,
+                            const std::function<void(Rid, std::string_view)>& visit) {
+  if (slot >= extraFields_.size()) return;
+  Statement scan = db_->prepare("SELECT rid, " + column('x', slot) + " FROM records ORDER BY rid");
+  while (scan.step()) visit(static_cast<Rid>(scan.columnInt(0)), scan.columnView(1));
+}
+
 std::string RecordStore::ridList(const std::vector<Rid>& rids) const {
   std::string list;
   for (Rid rid : rids) {

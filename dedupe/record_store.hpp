@@ -109,6 +109,9 @@ class RecordStore {
 
   // Calls visit(rid, normalised values) for every record in rid order.
   void scanNormalized(const std::function<void(Rid, const std::vector<std::string_view>&)>& visit);
+  // Calls visit(rid, raw value) of the extra field in slot for every record
+  // in rid order.
+  void scanExtra(std::size_t slot, const std::function<void(Rid, std::string_view)>& visit);
 
   std::vector<SnapshotRecord> records(const std::vector<Rid>& rids);
   std::vector<std::pair<Rid, std::string>> sfids(const std::vector<Rid>& rids);

@@ -64,7 +64,8 @@ void checkValueFields(RecordStore& store, const KeepValues& keepValues) {
 DecisionPlan::Outcome decide(RecordStore& store, const std::filesystem::path& snapshot,
                              const Request& request, std::stop_token stop) {
   const auto exported = DecisionWorkbookTask::exportedGroups(snapshot, request.settings, stop);
-  const DecisionWorkbook::Decisions read = DecisionWorkbook::read(*request.decisions, exported);
+  const DecisionWorkbook::Decisions read = DecisionWorkbook::read(
+      *request.decisions, exported, DecisionWorkbookTask::exportedAlready(snapshot));
   std::vector<std::string> ids;
   for (const auto& group : exported)
     ids.insert(ids.end(), group.recordIds.begin(), group.recordIds.end());

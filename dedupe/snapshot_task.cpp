@@ -30,6 +30,9 @@ struct FieldDetail {
   std::string name;
   std::string label;
   std::string type;
+  std::string relationshipName;  // of a lookup: "Account" for AccountId
+  std::string referenceTo;       // the first object a lookup points to
+  std::string object;            // the object the field belongs to
 };
 
 struct ObjectDetail {
@@ -55,7 +58,12 @@ ObjectDetail describe(SalesforceAPI::Client& api, const Org& org, const std::str
     detail.label = json.value("label", detail.name);
     for (const auto& field : json.at("fields")) {
       FieldDetail f{field.at("name").get<std::string>(), field.value("label", ""),
-                    field.value("type", "")};
+                    field.value("type", ""), {}, {}, detail.name};
+      if (field.contains("relationshipName") && field["relationshipName"].is_string())
+        f.relationshipName = field["relationshipName"].get<std::string>();
+      if (field.contains("referenceTo") && field["referenceTo"].is_array() &&
+          !field["referenceTo"].empty() && field["referenceTo"][0].is_string())
+        f.referenceTo = field["referenceTo"][0].get<std::string>();
       if (field.value("nameField", false)) {
         detail.nameField = f.name;
         detail.nameFieldLabel = f.label;
@@ -66,6 +74,31 @@ ObjectDetail describe(SalesforceAPI::Client& api, const Org& org, const std::str
     throw DownloadError::unreadableReply();
   }
   return detail;
+}
+
+// A field of the object, or of a record it looks up ("Account.Name" on a
+// Contact: the name of its account), named as the query names it. One
+// lookup deep; throws unknownField otherwise.
+FieldDetail fieldOrPath(SalesforceAPI::Client& api, const Org& org, const ObjectDetail& detail,
+                        const std::string& wanted) {
+  const std::size_t dot = wanted.find('.');
+  if (dot == std::string::npos) return detail.field(wanted);
+  const std::string relationship = wanted.substr(0, dot);
+  const std::string rest = wanted.substr(dot + 1);
+  for (const FieldDetail& lookup : detail.fields) {
+    if (lookup.relationshipName.empty() || lookup.referenceTo.empty() ||
+        !sameName(lookup.relationshipName, relationship) || rest.find('.') != std::string::npos) {
+      continue;
+    }
+    const ObjectDetail target = describe(api, org, lookup.referenceTo);
+    FieldDetail field = target.field(rest);
+    field.name = lookup.relationshipName + "." + field.name;
+    // "Account Name" already says whose name it is; "Industry" does not.
+    if (field.label.find(target.label) == std::string::npos)
+      field.label = target.label + " " + field.label;
+    return field;
+  }
+  throw DedupeError::unknownField(detail.name, wanted);
 }
 
 std::string orgIdOf(SalesforceAPI::Client& api, const Org& org) {
@@ -184,15 +217,15 @@ DownloadOutcome download(SalesforceAPI::Client& api, const FindLogin& findLogin,
   job.scope = request.scope;
   job.pageSize = request.pageSize;
   for (const MatchChoice& choice : request.match) {
-    const FieldDetail& field = detail.field(choice.field);
-    MatchKind kind = choice.kind.value_or(Normalizer::guessKind(field.name, field.type, detail.name));
+    const FieldDetail field = fieldOrPath(api, org, detail, choice.field);
+    MatchKind kind = choice.kind.value_or(Normalizer::guessKind(field.name, field.type, field.object));
     bool looseByDefault = kind == MatchKind::personName || kind == MatchKind::companyName;
     MatchMode mode = choice.mode.value_or(looseByDefault ? MatchMode::close : MatchMode::exact);
     creation.matchFields.push_back({field.name, field.label, kind, mode});
     job.matchFieldNames.push_back(field.name);
   }
   for (const std::string& name : request.extra) {
-    const FieldDetail& field = detail.field(name);
+    const FieldDetail field = fieldOrPath(api, org, detail, name);
     creation.extraFields.push_back(field.name);
     job.extraFieldNames.push_back(field.name);
   }

@@ -3,6 +3,7 @@
 #include <zip.h>
 
 #include <algorithm>
+#include <map>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -248,6 +249,77 @@ TEST(DecisionWorkbook, DISABLED_WritesTheExportTheLibreOfficeFixtureStartsFrom) 
   const char* target = std::getenv("CORVANE_DECISIONS_EXPORT");
   ASSERT_NE(target, nullptr);
   DecisionWorkbook::write(target, contactLayout(), twoGroups());
+}
+
+}  // namespace
+}  // namespace corvane
+
+namespace corvane {
+namespace {
+
+// Leads matched against Contacts: a lead in a group carries the mark on its
+// group row, any other has a row of its own, and only Delete acts on it.
+TEST(DecisionWorkbookAlreadyThere, MarksRecordsAlreadyThereAndReadsOnlyDeleteAsAnAction) {
+  TemporaryFolder folder;
+  const auto path = folder.path() / "leads.xlsx";
+  DecisionWorkbook::Layout layout = contactLayout();
+  layout.objectName = "Lead";
+  layout.objectLabel = "Lead";
+  layout.otherLabel = "Contact";
+  const std::vector<DecisionWorkbook::AlreadyThere> already{
+      {record(20, "003C", "Ed Stone", "ed@x.org", "1"), "003OTHER", "Edward Stone", "E-mail the same."},
+      {record(30, "00QALONE", "Zoe Park", "zoe@x.org", ""), "003ZOE", "Zoe Park", "Name the same, company the same."},
+      // A second contact for the same lead is not a second row.
+      {record(30, "00QALONE", "Zoe Park", "zoe@x.org", ""), "003ZOE2", "Zoe Parks", "Name very close."}};
+  DecisionWorkbook::write(path, layout, twoGroups(), already);
+
+  XlsxReader reader(path);
+  auto grid = reader.readSheet(0);
+  ASSERT_TRUE(grid);
+  EXPECT_THAT(grid->headers, ::testing::Contains("Already a Contact"));
+  EXPECT_THAT(grid->headers, ::testing::Contains("Contact Name"));
+  const auto column = [&](const std::string& header) {
+    return std::find(grid->headers.begin(), grid->headers.end(), header) - grid->headers.begin();
+  };
+  ASSERT_EQ(grid->rows.size(), 6u);  // five in groups, one of its own
+  std::map<std::string, std::ptrdiff_t> rowOf;
+  for (std::size_t r = 0; r < grid->rows.size(); ++r)
+    rowOf[grid->rows[r][1]] = static_cast<std::ptrdiff_t>(r);
+  EXPECT_EQ(grid->cell(rowOf["003C"], column("Already a Contact")), "003OTHER");
+  EXPECT_EQ(grid->cell(rowOf["003C"], column("Group")), "2");
+  EXPECT_EQ(grid->cell(rowOf["003D"], column("Already a Contact")), "");
+  const auto alone = rowOf["00QALONE"];
+  EXPECT_EQ(grid->cell(alone, column("Group")), "");
+  EXPECT_EQ(grid->cell(alone, column("Already a Contact")), "003ZOE");
+  EXPECT_EQ(grid->cell(alone, column("Contact Name")), "Zoe Park");
+  EXPECT_EQ(grid->cell(alone, column("Kind of Record")), "Lead");
+  EXPECT_EQ(grid->cell(alone, column("Why These Are Together")),
+            "Already a Contact: Name the same, company the same.");
+  auto howTo = reader.readSheet(1);
+  ASSERT_TRUE(howTo);
+  EXPECT_EQ(howTo->headers.size() + howTo->rows.size(), 10u);  // two lines more
+
+  const std::vector<std::string> alreadyIds{"003C", "00QALONE", "00QKEPT"};
+  auto deleted = DecisionWorkbook::decide(
+      {sheet({{"Zoe", "Delete", "", "00QALONE"}, {"Kim", "Keep", "", "00QKEPT"}})},
+      decidedGroups(), alreadyIds);
+  EXPECT_THAT(deleted.alreadyDeletes, ElementsAre("00QALONE"));
+  EXPECT_TRUE(deleted.deletes.empty());
+  EXPECT_EQ(deleted.untouched, 1);
+  EXPECT_TRUE(deleted.problems.empty()) << deleted.problems[0];
+
+  // In a group, the row is the group's: Delete merges it there as usual.
+  auto grouped = DecisionWorkbook::decide({sheet({{"Ed", "Delete", "2", "003C"}})},
+                                          decidedGroups(), alreadyIds);
+  EXPECT_THAT(grouped.deletes, ElementsAre("003C"));
+  EXPECT_TRUE(grouped.alreadyDeletes.empty());
+
+  auto bad = DecisionWorkbook::decide(
+      {sheet({{"Zoe", "Merge", "", "00QALONE"}, {"Zoe", "Delete", "", "00QALONE"}})},
+      decidedGroups(), alreadyIds);
+  EXPECT_THAT(bad.problems,
+              ::testing::IsSupersetOf({HasSubstr("\"Merge\" is not an action."),
+                                       HasSubstr("\"00QALONE\" appears more than once.")}));
 }
 
 }  // namespace
