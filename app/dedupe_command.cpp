@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "app/dedupe_against_command.hpp"
 #include "app/production_guard.hpp"
 #include "connections/download_error.hpp"
 #include "dedupe/match_task.hpp"
@@ -757,6 +758,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
     int window = defaultWindow;
     bool noSplit = false;
     bool json = false;
+    std::string against;
   };
   auto matchArgs = std::make_shared<MatchArguments>();
   CLI::App* matchCommand =
@@ -769,6 +771,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->check(CLI::Range(1, 1000));
   matchCommand->add_flag("--no-split", matchArgs->noSplit, "Keep large groups whole");
   matchCommand->add_flag("--json", matchArgs->json, "Print the groups and statistics as JSON");
+  matchCommand->add_option("--against", matchArgs->against,
+                           "A snapshot of another object of the same org (Leads against "
+                           "Contacts): list the records that already exist there");
   matchCommand->callback([&context, &chosen, matchArgs] {
     chosen = [&context, matchArgs] {
       MatchOptions options;
@@ -777,6 +782,11 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       options.settings.window = matchArgs->window;
       options.settings.split.enabled = !matchArgs->noSplit;
       options.json = matchArgs->json;
+      if (!matchArgs->against.empty()) {
+        DedupeAgainstCommand::match(context, matchArgs->snapshot, matchArgs->against,
+                                    options.settings, options.json);
+        return;
+      }
       match(context, matchArgs->snapshot, options);
     };
   });

@@ -6,6 +6,7 @@
 //   dedupe snapshots LOGIN [--json]
 //   dedupe delete SNAPSHOT
 //   dedupe match SNAPSHOT [--strictness strict|normal|loose] [--window N] [--no-split] [--json]
+//                [--against SNAPSHOT2]   (see app/dedupe_against_command.hpp)
 //   dedupe exclude SNAPSHOT ID...
 //   dedupe plan SNAPSHOT --keeper oldest|newest|mostComplete|recentlyUpdated
 //               --action merge|deleteLosers|fillGaps|tag:FIELD|exportOnly

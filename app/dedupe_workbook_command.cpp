@@ -27,7 +27,15 @@ std::vector<DecisionWorkbook::DecidedGroup> exportWorkbook(CommandContext& conte
       DecisionWorkbookTask::exportWorkbook(snapshot, workbook, options, {}, progress);
   const std::size_t count = outcome.groups.size();
   context.out << fmt::format("Wrote {} group{} holding {} records to {}.\n", count,
-                             count == 1 ? "" : "s", outcome.recordCount, workbook.string())
+                             count == 1 ? "" : "s", outcome.recordCount, workbook.string());
+  if (options.against) {
+    context.out << fmt::format("Marked {} record{} already there as {}s in the \"{}\" column: "
+                               "Delete removes such a record, blank keeps it.\n",
+                               outcome.already.size(), outcome.already.size() == 1 ? "" : "s",
+                               outcome.otherLabel,
+                               DecisionWorkbook::alreadyHeader(outcome.otherLabel));
+  }
+  context.out
               << "Suggested keepers: " << KeeperRules::label(options.keeper) << '\n'
               << "Type Keep, Delete or Not a duplicate in the Action column, save, then check it "
                  "with:\n"
@@ -47,6 +55,7 @@ DecisionWorkbook::Decisions showDecisions(CommandContext& context,
                                   {"deletes", decisions.deletes},
                                   {"notDuplicates", decisions.notDuplicates},
                                   {"untouched", decisions.untouched},
+                                  {"alreadyDeletes", decisions.alreadyDeletes},
                                   {"problems", decisions.problems}}
                        .dump(2)
                 << '\n';
@@ -58,6 +67,9 @@ DecisionWorkbook::Decisions showDecisions(CommandContext& context,
     if (!decisions.deletes.empty()) context.out << "Delete: " << joined(decisions.deletes) << '\n';
     if (!decisions.notDuplicates.empty())
       context.out << "Not a duplicate: " << joined(decisions.notDuplicates) << '\n';
+    if (!decisions.alreadyDeletes.empty())
+      context.out << "Delete (already there as another object's record): "
+                  << joined(decisions.alreadyDeletes) << '\n';
     if (!decisions.problems.empty()) {
       context.out << "Problems:\n";
       for (const std::string& problem : decisions.problems) context.out << "  " << problem << '\n';
@@ -103,6 +115,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
     std::string snapshot;
     std::string output;
     std::string keeper = "oldest";
+    std::string against;
     MatchArguments match;
   };
   auto exportArgs = std::make_shared<ExportArguments>();
@@ -119,11 +132,15 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
                    "recentlyUpdated")
       ->check(CLI::IsMember(rules));
   exportArgs->match.addTo(*exportCommand);
+  exportCommand->add_option("--against", exportArgs->against,
+                            "A snapshot of another object of the same org (Contacts for Leads): "
+                            "mark the records already there");
   exportCommand->callback([&context, &chosen, exportArgs] {
     chosen = [&context, exportArgs] {
       ExportOptions options;
       options.settings = exportArgs->match.settings();
       options.keeper = keeperRuleFromRaw(exportArgs->keeper).value_or(KeeperRule::oldest);
+      if (!exportArgs->against.empty()) options.against = exportArgs->against;
       exportWorkbook(context, exportArgs->snapshot, exportArgs->output, options);
     };
   });

@@ -3,6 +3,7 @@
 // dedupe/decision_workbook_task.hpp.
 //
 //   dedupe export SNAPSHOT -o FILE.xlsx [--keeper RULE] [--strictness S] [--window N] [--no-split]
+//                 [--against SNAPSHOT2]
 //   dedupe decisions SNAPSHOT FILE.xlsx [--json] [--strictness S] [--window N] [--no-split]
 #pragma once
 

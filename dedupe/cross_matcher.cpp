@@ -225,33 +225,33 @@ Outcome find(const Side& first, const Side& second, const MatchSettings& setting
   const auto sound = [](std::string_view value) { return Phonetic::key(value); };
   if (!first.emails.empty() && !second.emails.empty()) {
     const auto emails = [&](const std::string& how, Derive derive) {
-      passes.push_back({"Sorting " + otherLabel + " by e-mail" + how,
+      passes.push_back({"Sorting " + otherLabel + " " + how,
                         columnsOf(first.emails), columnsOf(second.emails), std::move(derive)});
     };
-    emails("", {});
-    if (first.closeEmail) emails(" from the end", reversed);
+    emails("by e-mail", {});
+    if (first.closeEmail) emails("by e-mail read backwards", reversed);
     if (first.taggedEmail || second.taggedEmail) {
-      emails(" without +tags", [](std::string_view value) { return EmailTag::canonical(value); });
+      emails("by e-mail without +tags", [](std::string_view value) { return EmailTag::canonical(value); });
     }
   }
   if (first.hasName && second.hasName) {
     const auto names = [&](const std::string& how, Derive derive) {
-      passes.push_back({"Sorting " + otherLabel + " by name" + how, {&first.name},
+      passes.push_back({"Sorting " + otherLabel + " " + how, {&first.name},
                         {&second.name}, std::move(derive)});
     };
-    names("", {});
+    names("by name", {});
     if (first.closeName) {
-      names(" from the end", reversed);
-      names(" by sound", sound);
+      names("by name read backwards", reversed);
+      names("by the sound of the name", sound);
     }
   }
   if (!first.phones.empty() && !second.phones.empty()) {
     const auto phones = [&](const std::string& how, Derive derive) {
-      passes.push_back({"Sorting " + otherLabel + " by phone" + how,
+      passes.push_back({"Sorting " + otherLabel + " " + how,
                         columnsOf(first.phones), columnsOf(second.phones), std::move(derive)});
     };
-    phones("", {});
-    if (first.closePhone) phones(" from the end", reversed);
+    phones("by phone", {});
+    if (first.closePhone) phones("by phone read backwards", reversed);
   }
 
   Outcome outcome;
