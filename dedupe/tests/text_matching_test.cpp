@@ -187,6 +187,54 @@ double referenceJaro(const std::string& a, const std::string& b) {
   return (m / a.size() + m / b.size() + (m - t / 2) / m) / 3;
 }
 
+double referenceJaroWinkler(const std::string& a, const std::string& b) {
+  const double j = referenceJaro(a, b);
+  if (!(j > 0.0)) return 0.0;
+  std::size_t l = 0;
+  while (l < 4 && l < a.size() && l < b.size() && a[l] == b[l]) ++l;
+  return j + static_cast<double>(l) * 0.1 * (1.0 - j);
+}
+
+// The fast paths give the textbook's value to the last bit, for every pair:
+// a changed score would move a pair across a threshold somewhere.
+TEST(Similarity, JaroWinklerIsBitForBitTheTextbookValue) {
+  std::vector<std::pair<std::string, std::string>> pairs{
+      {"", ""}, {"a", ""}, {"", "a"}, {"a", "a"}, {"a", "b"}, {"ab", "ba"},
+      {"aaaa", "aaaa"}, {"aaaa", "aaa"}, {"martha", "marhta"}, {"dixon", "dicksonx"},
+      {"jonh smith", "john smith"}, {std::string(1, '\0'), std::string(2, '\0')},
+      {"\xff\xfe\x80", "\x80\xfe\xff"}, {"jos\xc3\xa9 m\xc3\xbcller", "jose muller"},
+      {"\xe5\xbc\xa0\xe4\xbc\x9f", "\xe5\xbc\xa0\xe4\xbc\x9f\xe6\x98\x8e"}};
+  // Every length around the sizes the fast paths work in.
+  for (std::size_t n : {15u, 16u, 17u, 31u, 32u, 33u, 47u, 48u, 49u, 63u, 64u, 65u, 130u}) {
+    std::string x(n, 'a'), y(n, 'a');
+    for (std::size_t i = 0; i < n; ++i) {
+      x[i] = static_cast<char>('a' + i % 7);
+      y[i] = static_cast<char>('a' + (i * 3) % 7);
+    }
+    pairs.emplace_back(x, y);
+    pairs.emplace_back(x, x.substr(1));
+    pairs.emplace_back(x, std::string(n, 'a'));
+    pairs.emplace_back(std::string(n, '\0'), std::string(n > 1 ? n - 1 : 1, '\0'));
+  }
+  std::mt19937 random(11);
+  for (int round = 0; round < 30'000; ++round) {
+    const std::size_t lengths[] = {random() % 8, random() % 20, random() % 70, random() % 140};
+    const int alphabet = 1 + static_cast<int>(random() % 6);
+    const bool anyByte = random() % 4 == 0;
+    std::string a(lengths[random() % 4], ' ');
+    std::string b(lengths[random() % 4], ' ');
+    for (char& c : a) c = static_cast<char>(anyByte ? random() % 256 : 'a' + random() % alphabet);
+    for (char& c : b) c = static_cast<char>(anyByte ? random() % 256 : 'a' + random() % alphabet);
+    if (random() % 10 == 0) b = a;
+    if (random() % 10 == 0 && !a.empty()) b = a.substr(0, random() % a.size()) + b;
+    pairs.emplace_back(std::move(a), std::move(b));
+  }
+  for (const auto& [a, b] : pairs) {
+    ASSERT_EQ(Similarity::jaroWinkler(a, b), referenceJaroWinkler(a, b)) << a << " / " << b;
+    ASSERT_EQ(Similarity::jaro(b, a), referenceJaro(b, a)) << b << " / " << a;
+  }
+}
+
 TEST(Similarity, JaroAgreesWithTheTextbookAlgorithmAtEveryLength) {
   std::mt19937 random(7);
   for (int round = 0; round < 3000; ++round) {
