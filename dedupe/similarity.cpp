@@ -2,9 +2,14 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace corvane::Similarity {
 
@@ -41,6 +46,104 @@ std::size_t commonPrefix(std::string_view a, std::string_view b, std::size_t lim
   return l;
 }
 
+#if defined(__SSE2__)
+
+// Up to 16 bytes from p into a register, zero past n; reads no byte past
+// p + n. n is 1 to 16.
+inline __m128i loadUpTo16(const char* p, std::size_t n) {
+  if (n >= 8) {
+    std::uint64_t low, high;
+    std::memcpy(&low, p, 8);
+    std::memcpy(&high, p + n - 8, 8);  // overlaps low when n < 16
+    high = n > 8 ? high >> (8 * (16 - n)) : 0;
+    return _mm_set_epi64x(static_cast<long long>(high), static_cast<long long>(low));
+  }
+  if (n >= 4) {
+    std::uint32_t low, high;
+    std::memcpy(&low, p, 4);
+    std::memcpy(&high, p + n - 4, 4);
+    high = n > 4 ? high >> (8 * (8 - n)) : 0;
+    return _mm_cvtsi64_si128(static_cast<long long>(low | std::uint64_t{high} << 32));
+  }
+  std::uint32_t value = 0;
+  for (std::size_t k = 0; k < n; ++k)
+    value |= std::uint32_t{static_cast<unsigned char>(p[k])} << (8 * k);
+  return _mm_cvtsi32_si128(static_cast<int>(value));
+}
+
+// The positions in b (held in Chunks registers) of the bytes equal to c;
+// positions past b's end may be set.
+template <int Chunks>
+inline std::uint64_t positionsOf(const __m128i* chunks, char c) {
+  const __m128i wanted = _mm_set1_epi8(c);
+  std::uint64_t equal =
+      static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunks[0], wanted)));
+  for (int k = 1; k < Chunks; ++k) {
+    equal |= std::uint64_t{static_cast<std::uint32_t>(
+                 _mm_movemask_epi8(_mm_cmpeq_epi8(chunks[k], wanted)))}
+             << (16 * k);
+  }
+  return equal;
+}
+
+// Jaro for inputs of up to 64 bytes, bit-parallel: b sits in Chunks
+// registers, so the bytes of b equal to a byte of a come from one compare per
+// register; the window and the bytes of b already matched are bit sets, and
+// a byte of a takes the lowest candidate, as the textbook loop would.
+template <int Chunks>
+double jaroShort(std::string_view a, std::string_view b, std::size_t range) {
+  const std::size_t la = a.size();
+  const std::size_t lb = b.size();
+  __m128i chunks[Chunks];
+  for (int k = 0; k < Chunks; ++k) {
+    const std::size_t start = 16 * static_cast<std::size_t>(k);
+    chunks[k] = loadUpTo16(b.data() + start, std::min<std::size_t>(16, lb - start));
+  }
+  const std::uint64_t all = lb == 64 ? ~std::uint64_t{0} : (std::uint64_t{1} << lb) - 1;
+  // Positions past b count as taken already, so that none is ever matched.
+  std::uint64_t taken = ~all;
+  // Both inputs hold at most 64 bytes, so range <= 31: no shift reaches 64.
+  std::uint64_t window = (std::uint64_t{2} << range) - 1;  // [0, range] for a[0]
+  char matchedA[64];  // the matched bytes of a, in order
+  std::size_t matches = 0;
+  const auto match = [&](std::size_t i) {
+    // Branch-free: whether a byte finds a partner is as good as random.
+    const std::uint64_t candidates = positionsOf<Chunks>(chunks, a[i]) & window & ~taken;
+    taken |= candidates & (~candidates + 1);  // the lowest one, or nothing
+    matchedA[matches] = a[i];
+    matches += candidates != 0;
+  };
+  std::size_t i = 0;
+  for (const std::size_t growing = std::min(la, range); i < growing; ++i) {
+    match(i);
+    window = (window << 1) | 1;  // its start stays at 0 while i < range
+  }
+  for (; i < la; ++i) {
+    match(i);
+    window <<= 1;
+  }
+  if (matches == 0) return 0.0;
+
+  // The matched bytes of b, in their order, against those of a in theirs.
+  std::size_t outOfOrder = 0;
+  std::size_t k = 0;
+  for (std::uint64_t rest = taken & all; rest != 0; rest &= rest - 1) {
+    outOfOrder += matchedA[k++] != b[static_cast<std::size_t>(__builtin_ctzll(rest))];
+  }
+  const double m = static_cast<double>(matches);
+  const double t = static_cast<double>(outOfOrder) / 2.0;
+  return (m / static_cast<double>(la) + m / static_cast<double>(lb) + (m - t) / m) / 3.0;
+}
+
+double jaroShort(std::string_view a, std::string_view b, std::size_t range) {
+  if (b.size() <= 16) return jaroShort<1>(a, b, range);
+  if (b.size() <= 32) return jaroShort<2>(a, b, range);
+  if (b.size() <= 48) return jaroShort<3>(a, b, range);
+  return jaroShort<4>(a, b, range);
+}
+
+#else
+
 // Jaro for inputs of up to 64 bytes, with the matched flags as bit sets and
 // the positions of each byte of b looked up in a table of which only the
 // entries for the bytes of a and b are written (and read), so that a call
@@ -57,18 +160,14 @@ double jaroShort(std::string_view a, std::string_view b, std::size_t range) {
   std::uint64_t matchedA = 0;
   std::uint64_t matchedB = 0;
   std::size_t matches = 0;
-  // Branch-free: whether a byte finds a partner is as good as random, and a
-  // mispredicted branch per byte would cost more than the work itself.
   for (std::size_t i = 0; i < la; ++i) {
     std::size_t low = i > range ? i - range : 0;
     std::size_t high = std::min(i + range + 1, lb);  // exclusive
-    // Both inputs hold at most 64 bytes, so range <= 31 and the window is
-    // at most 63 wide: the shift below never reaches 64.
     std::size_t width = high > low ? high - low : 0;
     std::uint64_t window = ((std::uint64_t{1} << width) - 1) << low;
     std::uint64_t candidates = positions[static_cast<unsigned char>(a[i])] & ~matchedB & window;
     std::uint64_t found = candidates != 0;
-    matchedB |= candidates & (~candidates + 1);  // the lowest one, or nothing
+    matchedB |= candidates & (~candidates + 1);
     matchedA |= found << i;
     matches += found;
   }
@@ -89,17 +188,20 @@ double jaroShort(std::string_view a, std::string_view b, std::size_t range) {
   return (m / static_cast<double>(la) + m / static_cast<double>(lb) + (m - t) / m) / 3.0;
 }
 
+#endif
+
 }  // namespace
 
 double jaro(std::string_view a, std::string_view b) {
   if (a.empty() && b.empty()) return 1.0;
   if (a.empty() || b.empty()) return 0.0;
-  if (a == b) return 1.0;
   const std::size_t la = a.size();
   const std::size_t lb = b.size();
   const std::size_t longer = std::max(la, lb);
   const std::size_t range = longer / 2 >= 1 ? longer / 2 - 1 : 0;
+  // Equal inputs come out at exactly 1 here: every byte matches its twin.
   if (la <= 64 && lb <= 64) return jaroShort(a, b, range);
+  if (a == b) return 1.0;
 
   Scratch<bool> matchedA(la + 1, false);
   Scratch<bool> matchedB(lb + 1, false);
