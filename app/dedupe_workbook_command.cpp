@@ -20,8 +20,11 @@ std::vector<DecisionWorkbook::DecidedGroup> exportWorkbook(CommandContext& conte
                                                            const std::filesystem::path& snapshot,
                                                            const std::filesystem::path& workbook,
                                                            const ExportOptions& options) {
-  const auto progress = [&context](const DedupeProgress& step) {
-    if (step.phase == DedupeProgress::Phase::matching) context.out << step.text << '\n';
+  std::string lastText;  // a step reported again with its count is printed once
+  const auto progress = [&context, &lastText](const DedupeProgress& step) {
+    if (step.phase != DedupeProgress::Phase::matching || step.text == lastText) return;
+    lastText = step.text;
+    context.out << step.text << '\n';
   };
   const DecisionWorkbookTask::ExportOutcome outcome =
       DecisionWorkbookTask::exportWorkbook(snapshot, workbook, options, {}, progress);

@@ -1,5 +1,5 @@
 // The matcher's inner loop: jaroWinkler on names of 5 to 20 bytes (target: at
-// least 10 million pairs a second on one core), and normalize for person
+// least 25 million pairs a second on one core), and normalize for person
 // names (target: at least a million values a second).
 #include <benchmark/benchmark.h>
 
