@@ -138,6 +138,14 @@ TEST_F(DedupeAgainstCommandTest, ListsTheLeadsThatAreAlreadyContactsAsTextAndJSO
   EXPECT_EQ(json["stats"]["pairs"], 2);
   EXPECT_GT(json["stats"]["comparisons"], 0);
 
+  // Only a lookup the object has leads to another record's field.
+  try {
+    download("Contact", {"Email", "Nobody.Name"});
+    FAIL() << "a field of an unknown lookup was accepted";
+  } catch (const DedupeError& error) {
+    EXPECT_EQ(error.kind(), DedupeError::Kind::unknownField);
+  }
+
   // A snapshot matched against one of the same object is a duplicate match.
   EXPECT_THROW(DedupeAgainstCommand::match(ctx, leadFile, leadFile, MatchSettings{}, false),
                CrossMatchError);
