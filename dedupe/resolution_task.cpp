@@ -236,9 +236,10 @@ std::string notJournaled(const std::exception& error) {
 // Merges group after group, each step's groups journaled (UndoJournal)
 // before their first merge leaves; their outcomes and the kept records'
 // SystemModstamps after.
+// signedOut: Salesforce ended the session while the records were being read.
 std::vector<MergeRunner::MergeResult> mergeJournaled(
     DedupeTransport& transport, const Resolution& resolution, MergeRunner& runner,
-    const std::function<void(std::size_t, std::size_t)>& progress) {
+    const std::function<void(std::size_t, std::size_t)>& progress, bool& signedOut) {
   using Status = MergeRunner::MergeResult::Status;
   const std::vector<PlannedMerge>& merges = resolution.plan.merges;
   std::vector<MergeRunner::MergeResult> results(merges.size());
@@ -275,11 +276,15 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
     try {
       journal.recordBefore(UndoCapture::capture(transport, pending, IsoTime::formatPlain(std::chrono::system_clock::now())));
     } catch (const std::exception& error) {
-      if (transport.classify(error).signedOut) throw;
+      signedOut = transport.classify(error).signedOut;
       for (std::size_t g = start; g < order.size(); ++g) {
         for (std::size_t i : ofGroup[order[g]]) {
-          results[i].status = Status::failed;
-          results[i].message = notJournaled(error);
+          if (signedOut) {
+            results[i].message = MergeRunner::notAttemptedSignedOut();
+          } else {
+            results[i].status = Status::failed;
+            results[i].message = notJournaled(error);
+          }
         }
       }
       break;
@@ -345,11 +350,17 @@ std::vector<ChangeRunner::ChangeResult> deleteJournaled(
   try {
     journal.recordBefore(UndoCapture::capture(transport, pending, IsoTime::formatPlain(std::chrono::system_clock::now())));
   } catch (const std::exception& error) {
-    if (transport.classify(error).signedOut) throw;
+    const bool signedOut = transport.classify(error).signedOut;
     std::vector<ChangeRunner::ChangeResult> results;
     for (const PlannedChange& change : deletes) {
-      results.push_back({change.sfid, change.groupId, false, notJournaled(error),
-                         ChangeRunner::ChangeResult::Status::failed});
+      if (signedOut) {
+        results.push_back({change.sfid, change.groupId, false,
+                           ChangeRunner::notAttemptedSignedOut(),
+                           ChangeRunner::ChangeResult::Status::notAttempted});
+      } else {
+        results.push_back({change.sfid, change.groupId, false, notJournaled(error),
+                           ChangeRunner::ChangeResult::Status::failed});
+      }
     }
     return results;
   }
@@ -377,7 +388,8 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
   if (plan.action.kind == Kind::merge) {
     MergeRunner runner(transport, resolution.info.objectName,
                        {options.lockAttempts, options.lockPause, {}, shouldCancel});
-    outcome.merges = mergeJournaled(transport, resolution, runner, progress);
+    bool signedOut = false;
+    outcome.merges = mergeJournaled(transport, resolution, runner, progress, signedOut);
     for (const MergeRunner::MergeResult& result : outcome.merges) {
       using Status = MergeRunner::MergeResult::Status;
       switch (result.status) {
@@ -388,7 +400,7 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
         case Status::notAttempted: ++outcome.notDone; break;
       }
     }
-    outcome.signedOut = runner.signedOut();
+    outcome.signedOut = signedOut || runner.signedOut();
     outcome.stopped = runner.cancelled();
   } else {
     ChangeRunner::Options runnerOptions;
@@ -408,7 +420,11 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
         case Status::notAttempted: ++outcome.notDone; break;
       }
     }
-    outcome.signedOut = runner.signedOut();
+    outcome.signedOut =
+        runner.signedOut() ||
+        std::any_of(outcome.changes.begin(), outcome.changes.end(), [](const auto& result) {
+          return result.message == ChangeRunner::notAttemptedSignedOut();
+        });
     outcome.stopped = runner.cancelled();
   }
 }

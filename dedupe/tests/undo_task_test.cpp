@@ -231,6 +231,38 @@ TEST_F(UndoTaskTest, ContactsGetTheirTasksAndCampaignMembersBackOneChosenGroupAt
   EXPECT_EQ(picture(), before);
 }
 
+TEST_F(UndoTaskTest, AMergeWhoseReplyWasLostAndDeletedRecordsAreUndoneToo) {
+  accounts();
+  const auto before = picture();
+  // The reply to the first merge is lost after Salesforce made it: the
+  // journal was written before it left, so it can be undone all the same.
+  admin("faults", {{"path", "/services/Soap/u/*"}, {"fault", "drop"}, {"count", 1}});
+  ResolutionTask::Request request;
+  request.forApply = true;
+  const auto resolution = ResolutionTask::plan(*api_, findLogin_, snapshot_, request, {});
+  const auto checked = ResolutionTask::check(*api_, resolution, {});
+  const auto outcome = ResolutionTask::apply(*api_, resolution, checked, {}, {});
+  ASSERT_EQ(outcome.unknown, 1u);
+  ASSERT_EQ(outcome.done, 3u);
+  later();
+  const auto undone = undo({});
+  EXPECT_EQ(undone.count(Status::undone), 3u) << UndoTask::text(undone);
+  EXPECT_EQ(picture(), before);
+
+  // Deleting instead of merging: the records come back from the bin.
+  const auto snapshot = download("Account", {"Name"}, {}, "Site = 'Undo'");
+  request.action = ResolutionAction::deleteLosers();
+  const auto deleting = ResolutionTask::plan(*api_, findLogin_, snapshot, request, {});
+  const auto deleted = ResolutionTask::apply(
+      *api_, deleting, ResolutionTask::check(*api_, deleting, {}), {}, {});
+  ASSERT_EQ(deleted.done, 4u);
+  ASSERT_EQ(query("SELECT Id FROM Account WHERE Site = 'Undo'")["records"].size(), 3u);
+  snapshot_ = snapshot;
+  const auto back = undo({});
+  EXPECT_EQ(back.count(Status::undone), 3u) << UndoTask::text(back);
+  EXPECT_EQ(picture(), before);
+}
+
 TEST_F(UndoTaskTest, AKeptRecordChangedSinceTheMergeIsRefusedUnlessForced) {
   accounts();
   const auto before = picture();
