@@ -83,6 +83,11 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   command->add_option("--login", args->login,
                       "The login to use (default: the one that made the snapshot)");
   command->add_flag("--json", args->json, "Print the outcome as JSON");
+  command->footer(
+      "Nothing changes while any chosen group is refused: a kept record changed since the merge "
+      "(unless --force) or a record no longer in the Recycle Bin. Stopped part-way, the same "
+      "command finishes the rest and does nothing twice. On a production login it asks first; "
+      "scripts add --yes.");
   command->callback([&context, &chosen, args] {
     chosen = [&context, args] {
       Options options;
