@@ -43,7 +43,11 @@ UndoTask::Outcome undo(CommandContext& context, SalesforceAPI::Client& api,
     outcome = UndoTask::run(api, prepared, options.request, stop, progress);
   } catch (const UndoError& error) {
     if (error.kind() == UndoError::Kind::refused) {
-      for (const std::string& reason : error.details()) context.out << reason << '\n';
+      if (options.json) {
+        context.out << nlohmann::json{{"refused", error.details()}}.dump(2) << '\n';
+      } else {
+        for (const std::string& reason : error.details()) context.out << reason << '\n';
+      }
     }
     throw;
   }

@@ -351,7 +351,12 @@ class GroupUndo {
     if (changed == 0) return true;
     std::size_t sent = 0;
     send("PATCH", {update}, {}, sent, "Could not set back the values of the kept " + group_.object);
-    if (sent == 1) result_.fieldsReset = changed;
+    if (sent == 1) {
+      result_.fieldsReset = changed;
+    } else {
+      // Refused, so unchanged: a later run checks it for changes again.
+      journal_.recordUndoState(group_.groupId, "undoing", "");
+    }
     return true;
   }
 

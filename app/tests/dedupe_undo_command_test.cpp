@@ -121,6 +121,27 @@ TEST_F(DedupeUndoCommandTest, PutsBackOneNamedGroupThenTheRestInWordsAndAsJSON) 
   }
 }
 
+TEST_F(DedupeUndoCommandTest, AKeptRecordEditedSinceIsListedAsJSONAndNothingChanges) {
+  const auto prepared = UndoTask::prepare([](const std::string&) { return Org(); }, snapshot_, {});
+  admin("clock", {{"advanceSeconds", 60}});
+  admin("records/update", {{"id", prepared.groups[1].keeper}, {"fields", {{"Title", "Boss"}}}});
+  auto ctx = context();
+  DedupeUndoCommand::Options options;
+  options.json = true;
+  EXPECT_THROW(DedupeUndoCommand::undo(ctx, *api_, snapshot_, options), UndoError);
+  const auto json = nlohmann::json::parse(out_.str());
+  ASSERT_EQ(json["refused"].size(), 1u);
+  EXPECT_THAT(json["refused"][0].get<std::string>(), HasSubstr(prepared.groups[1].keeper));
+  EXPECT_EQ(live("SELECT Id FROM Contact WHERE Department = 'Undo'"), 2u);
+
+  out_.str("");
+  options.json = false;
+  options.request.force = true;
+  DedupeUndoCommand::undo(ctx, *api_, snapshot_, options);
+  EXPECT_THAT(out_.str(), HasSubstr("it had been changed since the merge"));
+  EXPECT_EQ(live("SELECT Id FROM Contact WHERE Department = 'Undo'"), 4u);
+}
+
 TEST_F(DedupeUndoCommandTest, AProductionLoginIsRefusedWithoutYes) {
   login(R"("isSandbox":false,)");
   if (ProductionGuard::Answers::standard().inputIsTerminal()) GTEST_SKIP() << "run from a terminal";
