@@ -3,8 +3,8 @@
 #include <iostream>
 #include <optional>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include "app/interrupt_stop.hpp"

@@ -19,9 +19,9 @@ bool safeName(std::string_view name) {
 }
 
 bool safeId(std::string_view id) {
-  return (id.size() == 15 || id.size() == 18) &&
-         std::all_of(id.begin(), id.end(),
-                     [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; });
+  return (id.size() == 15 || id.size() == 18) && std::all_of(id.begin(), id.end(), [](char c) {
+           return std::isalnum(static_cast<unsigned char>(c)) != 0;
+         });
 }
 
 // An object this org does not offer (or does not let this login see).
@@ -41,17 +41,19 @@ std::string joined(const std::vector<std::string>& names) {
 
 const std::vector<ChildRelation>& childRelations(std::string_view object) {
   static const std::vector<ChildRelation> none;
-  static const ChildRelation note{"Note", "ParentId", {"Title", "Body", "IsPrivate", "OwnerId"},
-                                  {"Title", "Body"}};
+  static const ChildRelation note{
+      "Note", "ParentId", {"Title", "Body", "IsPrivate", "OwnerId"}, {"Title", "Body"}};
   static const ChildRelation link{"ContentDocumentLink",
                                   "LinkedEntityId",
                                   {"ContentDocumentId", "ShareType", "Visibility"},
                                   {"ContentDocumentId"}};
-  static const std::vector<ChildRelation> account = {
-      {"Contact", "AccountId", {}, {}}, {"Opportunity", "AccountId", {}, {}},
-      {"Case", "AccountId", {}, {}},    {"Task", "WhatId", {}, {}},
-      {"Event", "WhatId", {}, {}},      note,
-      link};
+  static const std::vector<ChildRelation> account = {{"Contact", "AccountId", {}, {}},
+                                                     {"Opportunity", "AccountId", {}, {}},
+                                                     {"Case", "AccountId", {}, {}},
+                                                     {"Task", "WhatId", {}, {}},
+                                                     {"Event", "WhatId", {}, {}},
+                                                     note,
+                                                     link};
   static const std::vector<ChildRelation> contact = {
       {"Task", "WhoId", {}, {}},
       {"Event", "WhoId", {}, {}},
@@ -124,7 +126,8 @@ std::vector<nlohmann::json> recordsWhere(DedupeTransport& transport, const std::
       soql += (i == start ? "'" : ", '") + usable[i] + "'";
     }
     soql += ")";
-    for (auto& record : queryRecords(transport, soql, withDeleted)) out.push_back(std::move(record));
+    for (auto& record : queryRecords(transport, soql, withDeleted))
+      out.push_back(std::move(record));
   }
   return out;
 }
@@ -169,8 +172,8 @@ std::vector<UndoGroup> capture(DedupeTransport& transport, const std::vector<Pen
       }
     }
     std::map<std::string, nlohmann::json> rows;  // by idKey
-    for (auto& row : recordsWhere(transport, object, fieldsOf(transport, object, false), "Id",
-                                  losers)) {
+    for (auto& row :
+         recordsWhere(transport, object, fieldsOf(transport, object, false), "Id", losers)) {
       const std::string key = idKey(row["Id"].get<std::string>());
       rows[key] = std::move(row);
     }

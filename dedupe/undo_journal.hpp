@@ -50,8 +50,8 @@ struct UndoRecord {
 struct UndoGroup {
   std::int64_t groupId = 0;
   std::string object;
-  std::string action;      // "merge" or "delete"
-  std::string keeper;      // the kept record's Id
+  std::string action;        // "merge" or "delete"
+  std::string keeper;        // the kept record's Id
   std::string keeperFields;  // merge: its writable fields before the merge, a JSON object
   std::string keeperStamp;   // its SystemModstamp after the group's merges
   std::vector<UndoRecord> losers;

@@ -169,9 +169,9 @@ class GroupUndo {
     }
     for (std::size_t start = 0; start < binned.size(); start += 200) {
       if (start > 0 && !going()) return false;
-      std::vector<std::string> ids(binned.begin() + static_cast<std::ptrdiff_t>(start),
-                                   binned.begin() + static_cast<std::ptrdiff_t>(
-                                                        std::min(binned.size(), start + 200)));
+      std::vector<std::string> ids(
+          binned.begin() + static_cast<std::ptrdiff_t>(start),
+          binned.begin() + static_cast<std::ptrdiff_t>(std::min(binned.size(), start + 200)));
       std::string reply;
       try {
         reply = transport_.postSOAP("undelete", undeleteBody(ids));
@@ -213,7 +213,7 @@ class GroupUndo {
       }
       const auto results = collection(transport_, method, slice, sliceIds);
       for (std::size_t i = 0; i < results.size(); ++i) {
-        const std::string id = method == "DELETE"     ? sliceIds[i]
+        const std::string id = method == "DELETE"        ? sliceIds[i]
                                : slice[i].contains("Id") ? valueText(slice[i]["Id"])
                                                          : std::string();
         // A record already gone counts as deleted.
@@ -221,9 +221,9 @@ class GroupUndo {
             (method == "DELETE" && results[i].statusCode == "ENTITY_IS_DELETED")) {
           ++counter;
         } else {
-          result_.failures.push_back(what + (id.empty() ? "" : " " + id) + ": " +
-                                     (results[i].message.empty() ? MergeRunner::noDetails()
-                                                                 : results[i].message));
+          result_.failures.push_back(
+              what + (id.empty() ? "" : " " + id) + ": " +
+              (results[i].message.empty() ? MergeRunner::noDetails() : results[i].message));
         }
       }
     }
@@ -259,8 +259,8 @@ class GroupUndo {
         result_.notes.push_back(fmt::format(
             "{} {} record{} moved by the merge {} no longer in Salesforce, so {} stayed where {} "
             "{}.",
-            gone, object, gone == 1 ? "" : "s", gone == 1 ? "is" : "are",
-            gone == 1 ? "it" : "they", gone == 1 ? "it" : "they", gone == 1 ? "was" : "were"));
+            gone, object, gone == 1 ? "" : "s", gone == 1 ? "is" : "are", gone == 1 ? "it" : "they",
+            gone == 1 ? "it" : "they", gone == 1 ? "was" : "were"));
       }
       if (!send("PATCH", updates, {}, result_.moved, "Could not move back " + object)) return false;
     }
@@ -344,7 +344,8 @@ class GroupUndo {
     for (const auto& [name, value] : before.items()) {
       const Json now = rows.front().value(name, Json());
       if (valueText(now) == valueText(value) && now.is_null() == value.is_null()) continue;
-      if (now.is_number() && value.is_number() && now.get<double>() == value.get<double>()) continue;
+      if (now.is_number() && value.is_number() && now.get<double>() == value.get<double>())
+        continue;
       update[name] = value;
       ++changed;
     }
@@ -367,8 +368,8 @@ class GroupUndo {
   GroupResult& result_;
 };
 
-void report(const DedupeProgressHandler& onProgress, DedupeProgress::Phase phase,
-            std::size_t done, std::size_t total, std::string item) {
+void report(const DedupeProgressHandler& onProgress, DedupeProgress::Phase phase, std::size_t done,
+            std::size_t total, std::string item) {
   if (!onProgress) return;
   DedupeProgress progress;
   progress.phase = phase;
@@ -398,7 +399,8 @@ std::vector<std::string> refusals(DedupeTransport& transport, const std::vector<
       present.insert(idKey(row["Id"].get<std::string>()));
     }
     std::map<std::string, std::string> stamps;
-    for (const Json& row : recordsWhere(transport, object, {"Id", "SystemModstamp"}, "Id", keepers)) {
+    for (const Json& row :
+         recordsWhere(transport, object, {"Id", "SystemModstamp"}, "Id", keepers)) {
       stamps[idKey(row["Id"].get<std::string>())] = valueText(row.value("SystemModstamp", Json()));
     }
     for (const UndoGroup* group : ofObject) {
@@ -413,14 +415,13 @@ std::vector<std::string> refusals(DedupeTransport& transport, const std::vector<
       if (now == stamps.end()) continue;  // reported when its values are set back
       const auto journaled = IsoTime::parseFractional(group->keeperStamp);
       const auto current = IsoTime::parseFractional(now->second);
-      const bool same = group->keeperStamp == now->second ||
-                        (journaled && current && *journaled == *current);
+      const bool same =
+          group->keeperStamp == now->second || (journaled && current && *journaled == *current);
       if (same) continue;
       if (force) {
         forced.insert(group->groupId);
       } else {
-        out.push_back(UndoError::keeperChanged(group->groupId, object, group->keeper,
-                                               now->second));
+        out.push_back(UndoError::keeperChanged(group->groupId, object, group->keeper, now->second));
       }
     }
   }
@@ -429,10 +430,14 @@ std::vector<std::string> refusals(DedupeTransport& transport, const std::vector<
 
 std::string statusText(Status status) {
   switch (status) {
-    case Status::undone: return "undone";
-    case Status::alreadyUndone: return "alreadyUndone";
-    case Status::failed: return "failed";
-    case Status::notAttempted: return "notAttempted";
+    case Status::undone:
+      return "undone";
+    case Status::alreadyUndone:
+      return "alreadyUndone";
+    case Status::failed:
+      return "failed";
+    case Status::notAttempted:
+      return "notAttempted";
   }
   return "";
 }
@@ -547,9 +552,15 @@ std::string text(const Outcome& outcome) {
         if (group.forced) line += " (it had been changed since the merge)";
         line += ".";
         break;
-      case Status::alreadyUndone: line += "already undone by an earlier run."; break;
-      case Status::failed: line += "not fully undone."; break;
-      case Status::notAttempted: line += "not attempted."; break;
+      case Status::alreadyUndone:
+        line += "already undone by an earlier run.";
+        break;
+      case Status::failed:
+        line += "not fully undone.";
+        break;
+      case Status::notAttempted:
+        line += "not attempted.";
+        break;
     }
     out += line + "\n";
     for (const std::string& note : group.notes) out += "  " + note + "\n";

@@ -58,11 +58,11 @@ struct GroupResult {
   std::string action;  // "merge" or "delete"
   std::string keeper;
   Status status = Status::notAttempted;
-  std::size_t restored = 0;   // records brought back from the Recycle Bin
-  std::size_t moved = 0;      // children set back to their record
-  std::size_t relinked = 0;   // children made again on their record (links, members, notes)
-  std::size_t fieldsReset = 0;  // the kept record's fields set back
-  bool forced = false;          // the kept record had changed since the merge
+  std::size_t restored = 0;           // records brought back from the Recycle Bin
+  std::size_t moved = 0;              // children set back to their record
+  std::size_t relinked = 0;           // children made again on their record (links, members, notes)
+  std::size_t fieldsReset = 0;        // the kept record's fields set back
+  bool forced = false;                // the kept record had changed since the merge
   std::vector<std::string> notes;     // what could not be put back, and why not a failure
   std::vector<std::string> failures;  // Salesforce's refusals
   bool operator==(const GroupResult&) const = default;

@@ -26,8 +26,8 @@ class DedupeUndoCommandTest : public orgsim::testing::ServerFixture {
     ::setenv("CORVANE_HOME", home_.path().c_str(), 1);
     login("");
     api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
+      return SalesforceAPI::Session{
+          orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
     });
     // Two pairs of Contacts, each second one with a Task and a campaign membership.
     const std::string campaign = create("Campaign", {{"Name", "Autumn"}});
@@ -36,8 +36,8 @@ class DedupeUndoCommandTest : public orgsim::testing::ServerFixture {
     }
     admin("clock", {{"advanceSeconds", 60}});
     for (const char* first : {"Ada", "Grace"}) {
-      const std::string loser = create(
-          "Contact", {{"FirstName", first}, {"LastName", "Twin"}, {"Department", "Undo"}});
+      const std::string loser =
+          create("Contact", {{"FirstName", first}, {"LastName", "Twin"}, {"Department", "Undo"}});
       create("Task", {{"Subject", "Call"}, {"WhoId", loser}});
       create("CampaignMember", {{"CampaignId", campaign}, {"ContactId", loser}});
     }
@@ -85,7 +85,8 @@ TEST_F(DedupeUndoCommandTest, PutsBackOneNamedGroupThenTheRestInWordsAndAsJSON) 
   auto ctx = context();
   DedupeUndoCommand::Options options;
   options.json = true;
-  const auto prepared = UndoTask::prepare([this](const std::string&) { return Org(); }, snapshot_, {});
+  const auto prepared =
+      UndoTask::prepare([this](const std::string&) { return Org(); }, snapshot_, {});
   ASSERT_EQ(prepared.groups.size(), 2u);
   options.request.groups = {prepared.groups[0].groupId};
   DedupeUndoCommand::undo(ctx, *api_, snapshot_, options);

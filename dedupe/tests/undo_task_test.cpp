@@ -26,8 +26,8 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
     ServerFixture::SetUp();
     ::setenv("CORVANE_HOME", home_.path().c_str(), 1);
     api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
+      return SalesforceAPI::Session{
+          orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
     });
     findLogin_ = [this](const std::string&) {
       Org org;
@@ -58,15 +58,19 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
     later();
     for (const auto& [name, size] : groups) {
       for (int copy = 1; copy < size; ++copy) {
-        const std::string loser = create(
-            "Account", {{"Name", name}, {"Site", "Undo"}, {"Phone", "555-010" + std::to_string(copy)}});
+        const std::string loser =
+            create("Account",
+                   {{"Name", name}, {"Site", "Undo"}, {"Phone", "555-010" + std::to_string(copy)}});
         const std::string contact =
             create("Contact", {{"LastName", name + " person"}, {"AccountId", loser}});
         create("Case", {{"Subject", "Broken"}, {"AccountId", loser}, {"ContactId", contact}});
         create("Task", {{"Subject", "Call"}, {"WhatId", loser}});
-        create("Note", {{"Title", "Met " + std::to_string(copy)}, {"Body", "Nice"}, {"ParentId", loser}});
-        create("ContentVersion", {{"Title", "Plan"}, {"PathOnClient", "plan.txt"},
-                                  {"VersionData", "aGVsbG8="}, {"FirstPublishLocationId", loser}});
+        create("Note",
+               {{"Title", "Met " + std::to_string(copy)}, {"Body", "Nice"}, {"ParentId", loser}});
+        create("ContentVersion", {{"Title", "Plan"},
+                                  {"PathOnClient", "plan.txt"},
+                                  {"VersionData", "aGVsbG8="},
+                                  {"FirstPublishLocationId", loser}});
       }
     }
     later();
@@ -93,7 +97,8 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
     const auto checked = ResolutionTask::check(*api_, resolution, {});
     auto outcome = ResolutionTask::apply(*api_, resolution, checked, {}, {});
     for (const auto& merge : outcome.merges) {
-      EXPECT_EQ(merge.status, MergeRunner::MergeResult::Status::merged) << merge.message.value_or("");
+      EXPECT_EQ(merge.status, MergeRunner::MergeResult::Status::merged)
+          << merge.message.value_or("");
     }
     outcome.throwIfIncomplete();
     later();
@@ -128,7 +133,8 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
     if (!list.empty()) {
       rows("ContentDocumentLink",
            "SELECT ContentDocumentId, LinkedEntityId FROM ContentDocumentLink WHERE "
-           "LinkedEntityId IN (" + list + ")");
+           "LinkedEntityId IN (" +
+               list + ")");
     }
     return out;
   }
@@ -140,8 +146,7 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
   }
 
   std::string phoneOf(const std::string& id) {
-    return query("SELECT Phone FROM Account WHERE Id = '" + id + "'")["records"][0]["Phone"]
-        .dump();
+    return query("SELECT Phone FROM Account WHERE Id = '" + id + "'")["records"][0]["Phone"].dump();
   }
 
   TemporaryFolder home_;
@@ -190,14 +195,18 @@ TEST_F(UndoTaskTest, ContactsGetTheirTasksAndCampaignMembersBackOneChosenGroupAt
   const std::string campaign = create("Campaign", {{"Name", "Spring"}});
   std::vector<std::string> people = {"Ada", "Grace"};
   for (const std::string& first : people) {
-    create("Contact", {{"FirstName", first}, {"LastName", "Twin"}, {"Email", first + "@x.org"},
+    create("Contact", {{"FirstName", first},
+                       {"LastName", "Twin"},
+                       {"Email", first + "@x.org"},
                        {"Department", "Undo"}});
   }
   later();
   for (const std::string& first : people) {
-    const std::string loser =
-        create("Contact", {{"FirstName", first}, {"LastName", "Twin"}, {"Email", first + "@x.org"},
-                           {"Department", "Undo"}, {"Title", "Lead " + first}});
+    const std::string loser = create("Contact", {{"FirstName", first},
+                                                 {"LastName", "Twin"},
+                                                 {"Email", first + "@x.org"},
+                                                 {"Department", "Undo"},
+                                                 {"Title", "Lead " + first}});
     create("Task", {{"Subject", "Call"}, {"WhoId", loser}});
     create("CampaignMember", {{"CampaignId", campaign}, {"ContactId", loser}, {"Status", "Sent"}});
   }
@@ -253,8 +262,8 @@ TEST_F(UndoTaskTest, AMergeWhoseReplyWasLostAndDeletedRecordsAreUndoneToo) {
   const auto snapshot = download("Account", {"Name"}, {}, "Site = 'Undo'");
   request.action = ResolutionAction::deleteLosers();
   const auto deleting = ResolutionTask::plan(*api_, findLogin_, snapshot, request, {});
-  const auto deleted = ResolutionTask::apply(
-      *api_, deleting, ResolutionTask::check(*api_, deleting, {}), {}, {});
+  const auto deleted =
+      ResolutionTask::apply(*api_, deleting, ResolutionTask::check(*api_, deleting, {}), {}, {});
   ASSERT_EQ(deleted.done, 4u);
   ASSERT_EQ(query("SELECT Id FROM Account WHERE Site = 'Undo'")["records"].size(), 3u);
   snapshot_ = snapshot;

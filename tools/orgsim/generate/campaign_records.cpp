@@ -18,8 +18,7 @@ void campaigns(GenerationContext& context) {
     Stamps stamps = plan.stamps("Campaign", k);
     row.put("Id", plan.id("Campaign", k));
     row.put("Name", std::string(kSeasons[r.below(std::size(kSeasons))]) + " " +
-                        std::string(kKinds[r.below(std::size(kKinds))]) + " " +
-                        std::to_string(k));
+                        std::string(kKinds[r.below(std::size(kKinds))]) + " " + std::to_string(k));
     std::string_view status = kStatuses[r.below(std::size(kStatuses))];
     row.put("Status", status);
     row.put("IsActive", status == "Planned" || status == "In Progress");
