@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app/dedupe_against_command.hpp"
+#include "app/dedupe_undo_command.hpp"
 #include "app/production_guard.hpp"
 #include "connections/download_error.hpp"
 #include "dedupe/match_task.hpp"
@@ -903,6 +904,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   deleteCommand->callback([&context, &chosen, deleted] {
     chosen = [&context, deleted] { remove(context, *deleted); };
   });
+
+  DedupeUndoCommand::add(app, context, chosen);
 }
 
 }  // namespace corvane::DedupeCommand

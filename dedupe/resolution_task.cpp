@@ -11,6 +11,9 @@
 #include "dedupe/decision_workbook_task.hpp"
 #include "dedupe/match_task.hpp"
 #include "dedupe/snapshot_task.hpp"
+#include "dedupe/undo_capture.hpp"
+#include "dedupe/undo_journal.hpp"
+#include "platform/iso_time.hpp"
 
 namespace corvane::ResolutionTask {
 
@@ -198,6 +201,182 @@ ApplyOutcome apply(SalesforceAPI::Client& api, const Resolution& resolution,
 
 namespace {
 
+// Groups journaled and merged together: their children are read just before
+// their merges, so that few can be added in between.
+constexpr std::size_t groupsPerJournalStep = 50;
+
+std::string journalState(MergeRunner::MergeResult::Status status) {
+  using Status = MergeRunner::MergeResult::Status;
+  switch (status) {
+    case Status::merged: return "done";
+    case Status::failed: return "failed";
+    case Status::unknown: return "unknown";
+    case Status::skipped:
+    case Status::notAttempted: return "notAttempted";
+  }
+  return "notAttempted";
+}
+
+std::string keeperOf(const Resolution& resolution, std::int64_t groupId) {
+  for (const ResolvedGroup& group : resolution.groups) {
+    if (group.group.id != groupId) continue;
+    for (const SnapshotRecord& record : group.records) {
+      if (record.rid == group.keeperRid) return record.sfid;
+    }
+  }
+  return "";
+}
+
+std::string notJournaled(const std::exception& error) {
+  std::string reason = error.what();
+  while (!reason.empty() && (reason.back() == '.' || reason.back() == ' ')) reason.pop_back();
+  return "Not attempted: what these records hold now could not be read and kept for undo first ("
+         + reason + ").";
+}
+
+// Merges group after group, each step's groups journaled (UndoJournal)
+// before their first merge leaves; their outcomes and the kept records'
+// SystemModstamps after.
+// signedOut: Salesforce ended the session while the records were being read.
+std::vector<MergeRunner::MergeResult> mergeJournaled(
+    DedupeTransport& transport, const Resolution& resolution, MergeRunner& runner,
+    const std::function<void(std::size_t, std::size_t)>& progress, bool& signedOut) {
+  using Status = MergeRunner::MergeResult::Status;
+  const std::vector<PlannedMerge>& merges = resolution.plan.merges;
+  std::vector<MergeRunner::MergeResult> results(merges.size());
+  for (std::size_t i = 0; i < merges.size(); ++i) {
+    results[i] = {i, merges[i].primary, merges[i].loser, false,
+                  MergeRunner::notAttemptedCancelled(), Status::notAttempted};
+  }
+  // The merges of each group, groups in the order of their first merge.
+  std::vector<std::int64_t> order;
+  std::map<std::int64_t, std::vector<std::size_t>> ofGroup;
+  for (std::size_t i = 0; i < merges.size(); ++i) {
+    if (!ofGroup.count(merges[i].groupId)) order.push_back(merges[i].groupId);
+    ofGroup[merges[i].groupId].push_back(i);
+  }
+  UndoJournal journal(resolution.snapshot);
+  std::size_t done = 0;
+  for (std::size_t start = 0; start < order.size(); start += groupsPerJournalStep) {
+    const std::size_t end = std::min(order.size(), start + groupsPerJournalStep);
+    std::vector<UndoCapture::Pending> pending;
+    std::vector<std::size_t> indices;
+    std::map<std::string, std::vector<std::string>> keepers;  // by object
+    for (std::size_t g = start; g < end; ++g) {
+      const std::vector<std::size_t>& ofThis = ofGroup[order[g]];
+      const PlannedMerge& first = merges[ofThis.front()];
+      const std::string object = first.object.empty() ? resolution.info.objectName : first.object;
+      UndoCapture::Pending group{order[g], object, "merge", first.primary, {}};
+      for (std::size_t i : ofThis) {
+        group.losers.push_back(merges[i].loser);
+        indices.push_back(i);
+      }
+      keepers[object].push_back(first.primary);
+      pending.push_back(std::move(group));
+    }
+    try {
+      journal.recordBefore(UndoCapture::capture(transport, pending, IsoTime::formatPlain(std::chrono::system_clock::now())));
+    } catch (const std::exception& error) {
+      signedOut = transport.classify(error).signedOut;
+      for (std::size_t g = start; g < order.size(); ++g) {
+        for (std::size_t i : ofGroup[order[g]]) {
+          if (signedOut) {
+            results[i].message = MergeRunner::notAttemptedSignedOut();
+          } else {
+            results[i].status = Status::failed;
+            results[i].message = notJournaled(error);
+          }
+        }
+      }
+      break;
+    }
+    std::vector<PlannedMerge> step;
+    for (std::size_t i : indices) step.push_back(merges[i]);
+    const std::size_t before = done;
+    std::vector<MergeRunner::MergeResult> stepResults =
+        runner.run(step, [&](std::size_t stepDone, std::size_t) {
+          if (progress) progress(before + stepDone, merges.size());
+        });
+    done += step.size();
+    for (std::size_t k = 0; k < stepResults.size() && k < indices.size(); ++k) {
+      MergeRunner::MergeResult result = std::move(stepResults[k]);
+      result.index = indices[k];
+      journal.recordOutcome(merges[indices[k]].groupId, merges[indices[k]].loser,
+                            journalState(result.status), result.message.value_or(""));
+      results[indices[k]] = std::move(result);
+    }
+    for (const auto& [object, ids] : keepers) {
+      try {
+        const auto now = UndoCapture::stamps(transport, object, ids);
+        for (const UndoCapture::Pending& group : pending) {
+          auto stamp = now.find(UndoCapture::idKey(group.keeper));
+          if (group.object == object && stamp != now.end())
+            journal.recordKeeperStamp(group.groupId, stamp->second);
+        }
+      } catch (const std::exception&) {
+        // Without the stamp, an undo asks for --force before touching the kept record.
+      }
+    }
+    if (runner.signedOut() || runner.cancelled()) {
+      const std::string message = runner.signedOut() ? MergeRunner::notAttemptedSignedOut()
+                                                     : MergeRunner::notAttemptedCancelled();
+      for (std::size_t g = end; g < order.size(); ++g) {
+        for (std::size_t i : ofGroup[order[g]]) results[i].message = message;
+      }
+      break;
+    }
+  }
+  return results;
+}
+
+// Deletes the losers, every one journaled (UndoJournal) before the first call.
+std::vector<ChangeRunner::ChangeResult> deleteJournaled(
+    DedupeTransport& transport, const Resolution& resolution, ChangeRunner& runner,
+    const std::function<void(std::size_t, std::size_t)>& progress) {
+  const std::vector<PlannedChange>& deletes = resolution.plan.deletes;
+  std::vector<UndoCapture::Pending> pending;
+  std::map<std::int64_t, std::size_t> at;
+  for (const PlannedChange& change : deletes) {
+    auto found = at.find(change.groupId);
+    if (found == at.end()) {
+      const std::string object =
+          change.object.empty() ? resolution.info.objectName : change.object;
+      found = at.emplace(change.groupId, pending.size()).first;
+      pending.push_back({change.groupId, object, "delete",
+                         keeperOf(resolution, change.groupId), {}});
+    }
+    pending[found->second].losers.push_back(change.sfid);
+  }
+  UndoJournal journal(resolution.snapshot);
+  try {
+    journal.recordBefore(UndoCapture::capture(transport, pending, IsoTime::formatPlain(std::chrono::system_clock::now())));
+  } catch (const std::exception& error) {
+    const bool signedOut = transport.classify(error).signedOut;
+    std::vector<ChangeRunner::ChangeResult> results;
+    for (const PlannedChange& change : deletes) {
+      if (signedOut) {
+        results.push_back({change.sfid, change.groupId, false,
+                           ChangeRunner::notAttemptedSignedOut(),
+                           ChangeRunner::ChangeResult::Status::notAttempted});
+      } else {
+        results.push_back({change.sfid, change.groupId, false, notJournaled(error),
+                           ChangeRunner::ChangeResult::Status::failed});
+      }
+    }
+    return results;
+  }
+  std::vector<ChangeRunner::ChangeResult> results = runner.deleteRecords(deletes, progress);
+  for (const ChangeRunner::ChangeResult& result : results) {
+    using Status = ChangeRunner::ChangeResult::Status;
+    const char* state = result.status == Status::done      ? "done"
+                        : result.status == Status::failed  ? "failed"
+                        : result.status == Status::unknown ? "unknown"
+                                                           : "notAttempted";
+    journal.recordOutcome(result.groupId, result.sfid, state, result.message.value_or(""));
+  }
+  return results;
+}
+
 void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOptions& options,
          std::stop_token stop, const DedupeProgressHandler& onProgress, ApplyOutcome& outcome) {
   const ResolutionPlan& plan = resolution.plan;
@@ -210,7 +389,8 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
   if (plan.action.kind == Kind::merge) {
     MergeRunner runner(transport, resolution.info.objectName,
                        {options.lockAttempts, options.lockPause, {}, shouldCancel});
-    outcome.merges = runner.run(plan.merges, progress);
+    bool signedOut = false;
+    outcome.merges = mergeJournaled(transport, resolution, runner, progress, signedOut);
     for (const MergeRunner::MergeResult& result : outcome.merges) {
       using Status = MergeRunner::MergeResult::Status;
       switch (result.status) {
@@ -221,7 +401,7 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
         case Status::notAttempted: ++outcome.notDone; break;
       }
     }
-    outcome.signedOut = runner.signedOut();
+    outcome.signedOut = signedOut || runner.signedOut();
     outcome.stopped = runner.cancelled();
   } else {
     ChangeRunner::Options runnerOptions;
@@ -230,7 +410,7 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
     runnerOptions.shouldCancel = shouldCancel;
     ChangeRunner runner(transport, runnerOptions);
     outcome.changes = plan.action.kind == Kind::deleteLosers
-                          ? runner.deleteRecords(plan.deletes, progress)
+                          ? deleteJournaled(transport, resolution, runner, progress)
                           : runner.updateRecords(plan.updates, progress);
     for (const ChangeRunner::ChangeResult& result : outcome.changes) {
       using Status = ChangeRunner::ChangeResult::Status;
@@ -241,7 +421,11 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
         case Status::notAttempted: ++outcome.notDone; break;
       }
     }
-    outcome.signedOut = runner.signedOut();
+    outcome.signedOut =
+        runner.signedOut() ||
+        std::any_of(outcome.changes.begin(), outcome.changes.end(), [](const auto& result) {
+          return result.message == ChangeRunner::notAttemptedSignedOut();
+        });
     outcome.stopped = runner.cancelled();
   }
 }

@@ -105,7 +105,10 @@ struct ApplyOutcome {
 
 // Saves the decision workbook's "Not a duplicate" records in the snapshot,
 // then makes the merges, deletes or updates of a checked plan (none for
-// exportOnly or an empty plan), reporting changing (done, total: calls). A
+// exportOnly or an empty plan). Before a group's merges or deletes leave,
+// what they will change is read from the org and journaled in the snapshot
+// (UndoJournal), so that UndoTask can put them back; a group whose records
+// cannot be read is not attempted. Reports changing (done, total: calls). A
 // stop request is honoured before each call; what was not attempted is
 // reported as such. Then writes the results workbook (results), unless the
 // run did nothing. Throws PreflightError::recordsChanged, changing nothing,

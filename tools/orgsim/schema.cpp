@@ -476,6 +476,46 @@ std::vector<ObjectDef> buildCatalog() {
   }
   {
     std::vector<FieldDef> f;
+    f.push_back(F("Name", "Name", T::String).len(80).required().name());
+    f.push_back(F("Status", "Status", T::Picklist)
+                    .len(40)
+                    .pick({"Planned", "In Progress", "Completed", "Aborted"}, "Planned"));
+    f.push_back(F("IsActive", "Active", T::Boolean));
+    auto object =
+        makeObject("Campaign", "Campaign", "Campaigns", "701", {.owner = true}, std::move(f));
+    all.push_back(std::move(object));
+  }
+  {
+    // Who a campaign reached. The person and the campaign are set when the
+    // member is created and never change afterwards.
+    std::vector<FieldDef> f;
+    f.push_back(F("CampaignId", "Campaign ID", T::Reference)
+                    .required()
+                    .createOnly()
+                    .ref({"Campaign"}, "Campaign"));
+    f.push_back(F("ContactId", "Contact ID", T::Reference).createOnly().ref({"Contact"}, "Contact"));
+    f.push_back(F("LeadId", "Lead ID", T::Reference).createOnly().ref({"Lead"}, "Lead"));
+    f.push_back(F("Status", "Status", T::Picklist).len(40).pick({"Sent", "Responded"}, "Sent"));
+    auto object = makeObject("CampaignMember", "Campaign Member", "Campaign Members", "00v", {},
+                             std::move(f));
+    object.undeletable = false;
+    all.push_back(std::move(object));
+  }
+  {
+    std::vector<FieldDef> f;
+    f.push_back(F("ParentId", "Parent ID", T::Reference)
+                    .required()
+                    .createOnly()
+                    .ref(parentTargets, "Parent"));
+    f.push_back(F("Title", "Title", T::String).len(80).required().name());
+    f.push_back(F("Body", "Body", T::TextArea).len(32000));
+    f.push_back(F("IsPrivate", "Private", T::Boolean));
+    auto object = makeObject("Note", "Note", "Notes", "002", {.owner = true}, std::move(f));
+    object.layoutable = false;
+    all.push_back(std::move(object));
+  }
+  {
+    std::vector<FieldDef> f;
     f.push_back(F("Username", "Username", T::String).len(80).required().unique());
     f.push_back(F("LastName", "Last Name", T::String).len(80).required());
     f.push_back(F("FirstName", "First Name", T::String).len(40));

@@ -42,6 +42,9 @@ constexpr ScaleRow kScales[] = {
     {"AccountFeed", {20, 2000, 200000}},
     {"SetupAuditTrail", {20, 500, 5000}},
     {"RecentlyViewed", {10, 200, 1000}},
+    {"Campaign", {3, 40, 400}},
+    {"CampaignMember", {12, 1500, 150000}},
+    {"Note", {10, 500, 5000}},
 };
 
 constexpr std::int64_t kMostRows = 1'000'000'000;
@@ -145,6 +148,9 @@ std::map<std::string, std::int64_t> plannedSizes(const GenerateOptions& options)
   bool anyParent = std::any_of(std::begin(kFileParents), std::end(kFileParents),
                                [&](std::string_view o) { return sizes[std::string(o)] > 0; });
   needs("Attachment", anyParent, "attachments need records to be attached to");
+  needs("Note", sizes["Account"] > 0, "notes need Accounts to be written on");
+  needs("CampaignMember", sizes["Campaign"] > 0 && sizes["Contact"] + sizes["Lead"] > 0,
+        "campaign members need Campaigns and Contacts or Leads");
 
   // Each record is listed once, and only records never in the Recycle Bin.
   std::int64_t viewable = 0;
@@ -223,6 +229,9 @@ void generateOrg(const GenerateOptions& options) {
           RecordSets::accountFeed,
           RecordSets::setupAuditTrail,
           RecordSets::recentlyViewed,
+          RecordSets::campaigns,
+          RecordSets::campaignMembers,
+          RecordSets::notes,
       };
       for (Writer write : kWriters) {
         if (options.shouldStop && options.shouldStop()) {

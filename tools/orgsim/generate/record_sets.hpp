@@ -54,6 +54,9 @@ void accountHistory(GenerationContext& context);
 void accountFeed(GenerationContext& context);
 void setupAuditTrail(GenerationContext& context);
 void recentlyViewed(GenerationContext& context);
+void campaigns(GenerationContext& context);
+void campaignMembers(GenerationContext& context);
+void notes(GenerationContext& context);
 
 // Shared by writers that point at Opportunities and Cases.
 RecordLinks opportunityLinks(const OrgPlan& plan, std::uint64_t serial);

@@ -1,0 +1,77 @@
+// Reads from the org what a merge is about to change, for the undo journal:
+// the kept record's writable fields, the other records' whole rows, and the
+// child records that Salesforce moves to the kept record when it merges.
+//
+// Also the few queries the undo itself needs (records by Id, with or without
+// the Recycle Bin). Every call blocks; transport failures pass through.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "connections/dedupe_transport.hpp"
+#include "dedupe/undo_journal.hpp"
+
+namespace corvane::UndoCapture {
+
+// One kind of child record a merge moves: the child object and its reference
+// to the merged object. recreate names the fields a child is created again
+// with when the reference cannot be changed once set (empty: it is updated);
+// sameWhen, the fields that tell that such a copy already exists.
+struct ChildRelation {
+  std::string object;
+  std::string field;
+  std::vector<std::string> recreate;
+  std::vector<std::string> sameWhen;
+};
+
+// The children of a merged Account, Contact or Lead; none for other objects.
+const std::vector<ChildRelation>& childRelations(std::string_view object);
+
+// The first 15 characters of an Id: the same record whatever its case-safe suffix.
+std::string idKey(std::string_view id);
+
+// Every record of a SOQL query, every page ("queryAll" with the Recycle Bin).
+// Throws PreflightError::unreadableReply for a reply that is not a page of records.
+std::vector<nlohmann::json> queryRecords(DedupeTransport& transport, const std::string& soql,
+                                         bool withDeleted = false);
+
+// Queries "SELECT <fields> FROM object WHERE <field> IN (ids)" in slices of ids.
+std::vector<nlohmann::json> recordsWhere(DedupeTransport& transport, const std::string& object,
+                                         const std::vector<std::string>& fields,
+                                         const std::string& field,
+                                         const std::vector<std::string>& ids,
+                                         bool withDeleted = false);
+
+// The object's fields the describe lists: writable ones, or every one a query
+// can select.
+std::vector<std::string> fieldsOf(DedupeTransport& transport, const std::string& object,
+                                  bool writableOnly);
+
+// A JSON value as text; "" for null.
+std::string valueText(const nlohmann::json& value);
+
+// One group about to be merged or deleted.
+struct Pending {
+  std::int64_t groupId = 0;
+  std::string object;
+  std::string action;  // "merge" or "delete"
+  std::string keeper;
+  std::vector<std::string> losers;
+};
+
+// What the org holds now for each group (one query per object and kind of
+// child for all the groups together), ready for UndoJournal::recordBefore.
+std::vector<UndoGroup> capture(DedupeTransport& transport, const std::vector<Pending>& pending,
+                               const std::string& now);
+
+// The SystemModstamp of each record, by idKey.
+std::map<std::string, std::string> stamps(DedupeTransport& transport, const std::string& object,
+                                          const std::vector<std::string>& ids);
+
+}  // namespace corvane::UndoCapture

@@ -1,0 +1,93 @@
+// What a merge or delete changed, kept so that it can be undone.
+//
+// Before the apply sends a group's merges (or deletes) it writes here, in the
+// snapshot file the plan came from, everything needed to put the group back:
+// the kept record's writable fields as they were, every other record's whole
+// row, and the child records the merge will move to the kept record (which
+// reference they sat under, and on which record). The write is committed
+// with a full sync before the first call for the group leaves. After the
+// calls, each record's outcome and the kept record's SystemModstamp are added,
+// so that a later change to the kept record in Salesforce can be noticed.
+//
+// The undo keeps its own progress per group here too ("undoing", "undone"),
+// so that a stopped undo run again finds what it had already finished.
+// One connection per journal; one thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace corvane {
+
+class SQLiteDB;
+
+struct UndoChild {
+  std::string object;  // "Contact"
+  std::string id;
+  std::string field;   // the reference the merge moves: "AccountId"
+  std::string parent;  // the record it belonged to before the merge
+  // For a reference that cannot be changed once set (a document's link, a
+  // campaign member, a note): the fields to create it again with, as a JSON
+  // object. Empty when the reference is simply updated back.
+  std::string recreate;
+  bool operator==(const UndoChild&) const = default;
+};
+
+struct UndoRecord {
+  std::string sfid;
+  std::string fields;  // the whole row before the merge, as a JSON object
+  // "sending" (journaled, no answer yet), "done", "failed", "unknown",
+  // "notAttempted".
+  std::string state = "sending";
+  std::string message;
+  bool operator==(const UndoRecord&) const = default;
+};
+
+struct UndoGroup {
+  std::int64_t groupId = 0;
+  std::string object;
+  std::string action;        // "merge" or "delete"
+  std::string keeper;        // the kept record's Id
+  std::string keeperFields;  // merge: its writable fields before the merge, a JSON object
+  std::string keeperStamp;   // its SystemModstamp after the group's merges
+  std::vector<UndoRecord> losers;
+  std::vector<UndoChild> children;
+  std::string journaledAt;  // ISO 8601, UTC
+  std::string undoState;    // "", "undoing" or "undone"
+  std::string undoneAt;
+  bool operator==(const UndoGroup&) const = default;
+
+  // Some call for the group went through, or may have.
+  bool applied() const;
+};
+
+class UndoJournal {
+ public:
+  // Opens the journal inside the snapshot file, adding its tables when missing.
+  explicit UndoJournal(const std::filesystem::path& snapshot);
+  UndoJournal(const UndoJournal&) = delete;
+  UndoJournal& operator=(const UndoJournal&) = delete;
+  ~UndoJournal();
+
+  // Writes the groups as they are before any call (every loser "sending"),
+  // in one transaction. A group already in the journal is replaced.
+  void recordBefore(const std::vector<UndoGroup>& groups);
+  // The outcome of the call for one record.
+  void recordOutcome(std::int64_t groupId, const std::string& sfid, const std::string& state,
+                     const std::string& message);
+  void recordKeeperStamp(std::int64_t groupId, const std::string& stamp);
+  // "undoing" before the undo of a group sends anything, "undone" after.
+  void recordUndoState(std::int64_t groupId, const std::string& state, const std::string& at);
+
+  // Every journaled group, in group order.
+  std::vector<UndoGroup> groups() const;
+
+ private:
+  std::shared_ptr<SQLiteDB> db_;
+};
+
+}  // namespace corvane
