@@ -77,6 +77,14 @@ std::string UndoError::keeperChanged(std::int64_t group, const std::string& obje
          "anyway.";
 }
 
+std::string UndoError::keeperUnchecked(std::int64_t group, const std::string& object,
+                                       const std::string& keeper) {
+  return "Group " + std::to_string(group) + ": the apply stopped before it noted when the kept " +
+         object + " " + keeper +
+         " was last changed, so changes made to it since cannot be told apart. Check it in "
+         "Salesforce, then use --force to set its old values back.";
+}
+
 std::string UndoError::loserPurged(std::int64_t group, const std::string& object,
                                    const std::string& loser) {
   return "Group " + std::to_string(group) + ": the merged " + object + " " + loser +

@@ -36,6 +36,9 @@ class UndoError : public UserFacingError {
   // The reasons a group is refused, one record each.
   static std::string keeperChanged(std::int64_t group, const std::string& object,
                                    const std::string& keeper, const std::string& stamp);
+  // The apply stopped before it noted the kept record's SystemModstamp.
+  static std::string keeperUnchecked(std::int64_t group, const std::string& object,
+                                     const std::string& keeper);
   static std::string loserPurged(std::int64_t group, const std::string& object,
                                  const std::string& loser);
 

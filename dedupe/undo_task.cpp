@@ -420,6 +420,8 @@ std::vector<std::string> refusals(DedupeTransport& transport, const std::vector<
       if (same) continue;
       if (force) {
         forced.insert(group->groupId);
+      } else if (group->keeperStamp.empty()) {
+        out.push_back(UndoError::keeperUnchecked(group->groupId, object, group->keeper));
       } else {
         out.push_back(UndoError::keeperChanged(group->groupId, object, group->keeper, now->second));
       }

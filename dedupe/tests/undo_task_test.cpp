@@ -12,6 +12,7 @@
 #include "dedupe/resolution_task.hpp"
 #include "dedupe/snapshot_task.hpp"
 #include "dedupe/undo_task.hpp"
+#include "platform/sqlite_db.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
 
@@ -295,6 +296,23 @@ TEST_F(UndoTaskTest, AKeptRecordChangedSinceTheMergeIsRefusedUnlessForced) {
   EXPECT_EQ(picture(), before);
   EXPECT_EQ(query("SELECT Fax FROM Account WHERE Id = '" + keepers_[1] + "'")["records"][0]["Fax"],
             nullptr);
+}
+
+TEST_F(UndoTaskTest, AKeptRecordWhoseStampWasNeverNotedAsksForForce) {
+  accounts();
+  const auto before = picture();
+  apply(snapshot_);
+  // As if the apply had been killed between a merge and noting the stamp.
+  SQLiteDB::open(snapshot_)->exec("UPDATE undo_groups SET keeper_stamp = ''");
+  try {
+    undo({});
+    FAIL() << "a kept record that could not be checked was overwritten";
+  } catch (const UndoError& error) {
+    ASSERT_EQ(error.details().size(), 3u);
+    EXPECT_NE(error.details()[0].find("cannot be told apart"), std::string::npos);
+  }
+  EXPECT_EQ(undo({{}, true, ""}).count(Status::undone), 3u);
+  EXPECT_EQ(picture(), before);
 }
 
 TEST_F(UndoTaskTest, ARecordNoLongerInTheRecycleBinIsRefusedWithASentenceNamingIt) {
