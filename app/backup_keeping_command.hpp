@@ -7,13 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "backup/backup_volumes.hpp"
 #include "connections/salesforce_api.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane::BackupKeepingCommand {
 
