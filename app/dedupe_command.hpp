@@ -26,16 +26,12 @@
 #include <string>
 #include <vector>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "connections/salesforce_api.hpp"
 #include "dedupe/dedupe_error.hpp"
 #include "dedupe/match_settings.hpp"
 #include "dedupe/resolution_task.hpp"
 #include "dedupe/snapshot_task.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane {
 
@@ -58,6 +54,16 @@ std::filesystem::path resume(CommandContext& context, SalesforceAPI::Client& api
 void listSnapshots(CommandContext& context, SalesforceAPI::Client& api, const std::string& login,
                    bool json = false);
 void remove(CommandContext& context, const std::filesystem::path& snapshot);
+
+// --strictness, --window and --no-split, as every command that matches takes them.
+struct MatchArguments {
+  std::string strictness = "normal";
+  int window = defaultWindow;
+  bool noSplit = false;
+
+  void addTo(CLI::App& command);
+  MatchSettings settings() const;
+};
 
 struct MatchOptions {
   MatchSettings settings;
