@@ -1,17 +1,16 @@
 #include "app/backup_command.hpp"
 
-#include <fmt/format.h>
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <mutex>
 
 #include "app/interrupt_stop.hpp"
-#include "backup/progress_line.hpp"
 #include "backup/backup_report.hpp"
+#include "backup/progress_line.hpp"
 #include "connections/api_transport.hpp"
 
 namespace corvane::BackupCommand {
