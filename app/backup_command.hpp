@@ -1,8 +1,8 @@
 // `corvane backup plan LOGIN [--json]`: what a backup of the login's org would
 // take, without copying anything. `corvane backup run LOGIN`: takes the backup
 // (Ctrl-C stops it cleanly; the next run carries on). `corvane backup status
-// LOGIN [--json]`: the last run and the recent ones. The work is BackupTask's;
-// this file turns arguments into its calls, and BackupReport its results into text.
+// LOGIN [--json]`: the last run and the recent ones. The work is BackupTask's,
+// the wording BackupReport's; this file turns arguments into their calls.
 #pragma once
 
 #include <functional>

@@ -1,6 +1,6 @@
 // `corvane backup deleted [--json]`, `backup recycle-bin` and `backup eject`:
 // what a backup found deleted, the Recycle Bin, and the disk that holds the
-// backups. The work is BackupKeepingTask's; this file only words it.
+// backups. The work is BackupKeepingTask's, the wording BackupReport's.
 #pragma once
 
 #include <functional>

@@ -12,8 +12,8 @@
 //               [--decisions FILE.xlsx] [--keep-values RULE|FIELD=RULE,...] [--json]
 //   dedupe apply SNAPSHOT ...the same options... [--results FILE.xlsx] [--dry-run]
 //
-// The work is done by the engine's tasks (dedupe/*_task.hpp); these turn the
-// arguments into their requests and their results into text or JSON. A
+// The work is done by the engine's tasks (dedupe/*_task.hpp) and worded by its
+// reports (dedupe/*_report.hpp); these turn the arguments into requests. A
 // download shows a progress line; Ctrl-C pauses it, and `resume` continues
 // from the first page not stored.
 #pragma once

@@ -1,7 +1,7 @@
 // `corvane backup sets [--json]` (list, add, remove), `corvane schedule status
 // [--json]`, `schedule power-wait` and the headless backup tick started by
-// `corvane --backup-tick`. The work is ScheduleTask's; this file turns the
-// words of the command line into its calls and its results into text.
+// `corvane --backup-tick`. The work is ScheduleTask's, the wording
+// ScheduleReport's; this file turns the command line into their calls.
 #pragma once
 
 #include <functional>
