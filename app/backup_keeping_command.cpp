@@ -3,52 +3,25 @@
 #include <memory>
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include "app/production_guard.hpp"
 #include "backup/backup_keeping_task.hpp"
+#include "backup/backup_report.hpp"
 #include "backup/folder_access.hpp"
 #include "connections/api_transport.hpp"
 
 namespace corvane::BackupKeepingCommand {
 
-namespace {
-
-BackupLocation locationOf(const Org& org, const std::string& root) {
-  return {root.empty() ? BackupLocation::defaultRoot() : std::filesystem::path(root),
-          org.orgId.value_or("unknown-org"), org.username};
-}
-
-}  // namespace
-
 void listDeleted(CommandContext& context, const Arguments& arguments) {
-  const auto location = locationOf(context.login(arguments.login), arguments.root);
+  const auto location = BackupLocation::of(context.login(arguments.login), arguments.root);
   const auto found = BackupKeepingTask::deleted(location, arguments.object, arguments.since);
-  if (arguments.json) {
-    nlohmann::ordered_json deletions = nlohmann::ordered_json::array();
-    for (const auto& deletion : found) {
-      deletions.push_back({{"deletedAt", deletion.deletedAt},
-                           {"object", deletion.object},
-                           {"id", deletion.id},
-                           {"how", deletion.how}});
-    }
-    context.out << nlohmann::ordered_json{{"username", location.username},
-                                          {"deletions", std::move(deletions)}}
-                       .dump(2)
-                << '\n';
-  } else {
-    for (const auto& deletion : found) {
-      context.out << deletion.deletedAt << '\t' << deletion.object << '\t' << deletion.id << '\t'
-                  << deletion.how << '\n';
-    }
-    if (found.empty()) context.out << "No deleted records found.\n";
-  }
-  context.out.flush();
+  context.print(arguments.json ? BackupReport::deletedJSON(location.username, found)
+                               : BackupReport::deletedText(found));
 }
 
 void recycleBin(CommandContext& context, SalesforceAPI::Client& api, const Arguments& arguments) {
   const Org org = context.login(arguments.login);
-  const auto location = locationOf(org, arguments.root);
+  const auto location = BackupLocation::of(org, arguments.root);
   if (arguments.putBack) {
     // Asked before anything is written, with the number of records at stake.
     const std::size_t count = arguments.ids.empty()
@@ -64,34 +37,17 @@ void recycleBin(CommandContext& context, SalesforceAPI::Client& api, const Argum
       transport, location,
       {arguments.object, arguments.ids, arguments.putBack}, {});
   if (result.asked == 0) {
-    context.out << "The backups of " << org.username << " found no " << arguments.object
-                << " records deleted, so there is nothing to look for in the Recycle Bin.\n";
-    context.out.flush();
+    context.print("The backups of " + org.username + " found no " + arguments.object +
+                  " records deleted, so there is nothing to look for in the Recycle Bin.\n");
     return;
   }
-  std::size_t inBin = 0;
-  for (const auto& outcome : result.outcomes) {
-    using Kind = RecycleBin::Outcome::Kind;
-    inBin += outcome.kind == Kind::putBack;
-    // Before a put-back, "putBack" means only that it could be.
-    const std::string text = !arguments.putBack && outcome.kind == Kind::putBack
-                                 ? std::string("inTheBin")
-                                 : RecycleBin::toText(outcome);
-    context.out << outcome.id << '\t' << text << '\n';
-  }
-  if (arguments.putBack)
-    context.out << inBin << " of " << result.outcomes.size() << " put back.\n";
-  else
-    context.out << inBin << " of " << result.outcomes.size()
-                << " are still in the Recycle Bin. Add --put-back to put them back.\n";
-  context.out.flush();
+  context.print(BackupReport::recycleBinText(result, arguments.putBack));
 }
 
 void eject(CommandContext& context, const Arguments& arguments, const BackupVolumes& volumes,
            const CommandRunner& run) {
-  const auto location = locationOf(context.login(arguments.login), arguments.root);
-  context.out << BackupEjectText::ejected(BackupKeepingTask::eject(location, volumes, run)) << '\n';
-  context.out.flush();
+  const auto location = BackupLocation::of(context.login(arguments.login), arguments.root);
+  context.print(BackupEjectText::ejected(BackupKeepingTask::eject(location, volumes, run)) + '\n');
 }
 
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) {
@@ -108,21 +64,16 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
                       "Only deletions on or after this date (YYYY-MM-DD)");
   deleted->add_option("--root", deletedArguments->root, rootHelp);
   deleted->add_flag("--json", deletedArguments->json, "Print the deletions as one JSON object");
-  deleted->callback([&context, &chosen, deletedArguments] {
-    chosen = [&context, deletedArguments] { listDeleted(context, *deletedArguments); };
-  });
+  whenChosen(deleted, chosen, [&context, deletedArguments] { listDeleted(context, *deletedArguments); });
 
   CLI::App* ejectCommand =
       backup->add_subcommand("eject", "Eject the disk that holds a login's backups");
   auto ejectArguments = std::make_shared<Arguments>();
   ejectCommand->add_option("LOGIN", ejectArguments->login, "A username or alias")->required();
   ejectCommand->add_option("--root", ejectArguments->root, rootHelp);
-  ejectCommand->callback([&context, &chosen, ejectArguments] {
-    chosen = [&context, ejectArguments] {
-      eject(context, *ejectArguments,
-            BackupVolumes::fromEnvironment(ChildProcess::currentEnvironment()),
-            ChildProcess::run);
-    };
+  whenChosen(ejectCommand, chosen, [&context, ejectArguments] {
+    eject(context, *ejectArguments,
+          BackupVolumes::fromEnvironment(ChildProcess::currentEnvironment()), ChildProcess::run);
   });
 
   CLI::App* bin = backup->add_subcommand(
@@ -135,12 +86,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->required();
   bin->add_flag("--put-back", binArguments->putBack, "Put the records back from the Recycle Bin");
   bin->add_option("--root", binArguments->root, rootHelp);
-  bin->callback([&context, &chosen, binArguments] {
-    chosen = [&context, binArguments] {
-      SalesforceAPI::Client api(
-          [&context](const std::string& username) { return context.cli.session(username); });
-      recycleBin(context, api, *binArguments);
-    };
+  whenChosen(bin, chosen, [&context, binArguments] {
+    auto api = context.api();
+    recycleBin(context, api, *binArguments);
   });
 }
 

@@ -1,19 +1,15 @@
 // `corvane backup deleted [--json]`, `backup recycle-bin` and `backup eject`:
 // what a backup found deleted, the Recycle Bin, and the disk that holds the
-// backups. The work is BackupKeepingTask's; this file only words it.
+// backups. The work is BackupKeepingTask's, the wording BackupReport's.
 #pragma once
 
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "backup/backup_volumes.hpp"
 #include "connections/salesforce_api.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane::BackupKeepingCommand {
 

@@ -12,15 +12,11 @@
 #include <optional>
 #include <string>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "connections/salesforce_api.hpp"
 #include "query/completion_task.hpp"
 #include "query/describe_cache.hpp"
 #include "query/soql_completion.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane {
 
@@ -42,10 +38,6 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
 // describe cache (normally "Describe Cache" in the application-support folder).
 void run(CommandContext& context, SalesforceAPI::Client& api, const Options& options,
          const std::filesystem::path& cacheFolder);
-
-// The screen texts.
-std::string table(const std::vector<Completion>& completions);
-std::string json(const SoqlCompletion::Suggestions& suggestions);
 
 }  // namespace CompleteCommand
 

@@ -10,7 +10,7 @@
 
 #include <filesystem>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "dedupe/cross_match_task.hpp"
 #include "dedupe/match_settings.hpp"
 

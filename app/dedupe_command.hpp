@@ -13,8 +13,8 @@
 //               [--decisions FILE.xlsx] [--keep-values RULE|FIELD=RULE,...] [--json]
 //   dedupe apply SNAPSHOT ...the same options... [--results FILE.xlsx] [--dry-run]
 //
-// The work is done by the engine's tasks (dedupe/*_task.hpp); these turn the
-// arguments into their requests and their results into text or JSON. A
+// The work is done by the engine's tasks (dedupe/*_task.hpp) and worded by its
+// reports (dedupe/*_report.hpp); these turn the arguments into requests. A
 // download shows a progress line; Ctrl-C pauses it, and `resume` continues
 // from the first page not stored.
 #pragma once
@@ -27,16 +27,12 @@
 #include <string>
 #include <vector>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "connections/salesforce_api.hpp"
 #include "dedupe/dedupe_error.hpp"
 #include "dedupe/match_settings.hpp"
 #include "dedupe/resolution_task.hpp"
 #include "dedupe/snapshot_task.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane {
 
@@ -59,6 +55,16 @@ std::filesystem::path resume(CommandContext& context, SalesforceAPI::Client& api
 void listSnapshots(CommandContext& context, SalesforceAPI::Client& api, const std::string& login,
                    bool json = false);
 void remove(CommandContext& context, const std::filesystem::path& snapshot);
+
+// --strictness, --window and --no-split, as every command that matches takes them.
+struct MatchArguments {
+  std::string strictness = "normal";
+  int window = defaultWindow;
+  bool noSplit = false;
+
+  void addTo(CLI::App& command);
+  MatchSettings settings() const;
+};
 
 struct MatchOptions {
   MatchSettings settings;

@@ -15,11 +15,8 @@ namespace corvane::DedupeUndoCommand {
 UndoTask::Outcome undo(CommandContext& context, SalesforceAPI::Client& api,
                        const std::filesystem::path& snapshot, const Options& options,
                        std::stop_token stop) {
-  const FindLogin findLogin = [&context](const std::string& login) {
-    auto orgs = context.cli.listOrgs(true, context.listTimeout);
-    return OrgsCommand::findLogin(orgs, login);
-  };
-  const UndoTask::Prepared prepared = UndoTask::prepare(findLogin, snapshot, options.request);
+  const UndoTask::Prepared prepared =
+      UndoTask::prepare(context.logins(), snapshot, options.request);
   std::size_t records = 0;
   for (const UndoGroup& group : prepared.groups) records += group.losers.size() + 1;
   ProductionGuard::confirm(
@@ -92,17 +89,14 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       "(unless --force) or a record no longer in the Recycle Bin. Stopped part-way, the same "
       "command finishes the rest and does nothing twice. On a production login it asks first; "
       "scripts add --yes.");
-  command->callback([&context, &chosen, args] {
-    chosen = [&context, args] {
-      Options options;
-      options.request.groups = args->groups;
-      options.request.force = args->force;
-      options.request.login = args->login;
-      options.json = args->json;
-      SalesforceAPI::Client api(
-          [&context](const std::string& username) { return context.cli.session(username); });
-      undo(context, api, args->snapshot, options);
-    };
+  whenChosen(command, chosen, [&context, args] {
+    Options options;
+    options.request.groups = args->groups;
+    options.request.force = args->force;
+    options.request.login = args->login;
+    options.json = args->json;
+    SalesforceAPI::Client api = context.api();
+    undo(context, api, args->snapshot, options);
   });
 }
 

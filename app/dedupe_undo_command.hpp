@@ -8,7 +8,7 @@
 #include <functional>
 #include <stop_token>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "dedupe/undo_task.hpp"
 
 namespace CLI {

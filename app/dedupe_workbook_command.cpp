@@ -2,19 +2,10 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
+
+#include "dedupe/plan_report.hpp"
 
 namespace corvane::DedupeWorkbookCommand {
-
-namespace {
-
-std::string joined(const std::vector<std::string>& ids) {
-  std::string out;
-  for (const std::string& id : ids) out += (out.empty() ? "" : ", ") + id;
-  return out;
-}
-
-}  // namespace
 
 std::vector<DecisionWorkbook::DecidedGroup> exportWorkbook(CommandContext& context,
                                                            const std::filesystem::path& snapshot,
@@ -53,63 +44,12 @@ DecisionWorkbook::Decisions showDecisions(CommandContext& context,
                                           const MatchSettings& settings, bool json) {
   DecisionWorkbook::Decisions decisions =
       DecisionWorkbookTask::readDecisions(snapshot, workbook, settings);
-  if (json) {
-    context.out << nlohmann::json{{"keeps", decisions.keeps},
-                                  {"deletes", decisions.deletes},
-                                  {"notDuplicates", decisions.notDuplicates},
-                                  {"untouched", decisions.untouched},
-                                  {"alreadyDeletes", decisions.alreadyDeletes},
-                                  {"problems", decisions.problems}}
-                       .dump(2)
-                << '\n';
-  } else {
-    context.out << fmt::format("Keep: {}   Delete: {}   Not a duplicate: {}   Left blank: {}\n",
-                               decisions.keeps.size(), decisions.deletes.size(),
-                               decisions.notDuplicates.size(), decisions.untouched);
-    if (!decisions.keeps.empty()) context.out << "Keep: " << joined(decisions.keeps) << '\n';
-    if (!decisions.deletes.empty()) context.out << "Delete: " << joined(decisions.deletes) << '\n';
-    if (!decisions.notDuplicates.empty())
-      context.out << "Not a duplicate: " << joined(decisions.notDuplicates) << '\n';
-    if (!decisions.alreadyDeletes.empty())
-      context.out << "Delete (already there as another object's record): "
-                  << joined(decisions.alreadyDeletes) << '\n';
-    if (!decisions.problems.empty()) {
-      context.out << "Problems:\n";
-      for (const std::string& problem : decisions.problems) context.out << "  " << problem << '\n';
-    }
-  }
+  context.out << (json ? PlanReport::decisionsJSON(decisions)
+                       : PlanReport::decisionsText(decisions));
   if (!decisions.problems.empty())
     throw DedupeError::problems(decisions.problems.size(), workbook);
   return decisions;
 }
-
-namespace {
-
-struct MatchArguments {
-  std::string strictness = "normal";
-  int window = defaultWindow;
-  bool noSplit = false;
-
-  void addTo(CLI::App& command) {
-    command.add_option("--strictness", strictness, "strict, normal, loose or auto")
-        ->check(CLI::IsMember({"strict", "normal", "loose", "auto"}));
-    command
-        .add_option("--window", window,
-                    "Neighbours each record is compared with in every sorted pass")
-        ->check(CLI::Range(1, 1000));
-    command.add_flag("--no-split", noSplit, "Keep large groups whole");
-  }
-
-  MatchSettings settings() const {
-    MatchSettings settings;
-    settings.strictness = strictnessFromRaw(strictness).value_or(Strictness::normal);
-    settings.window = window;
-    settings.split.enabled = !noSplit;
-    return settings;
-  }
-};
-
-}  // namespace
 
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) {
   CLI::App* dedupe = app.get_subcommand("dedupe");
@@ -119,7 +59,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
     std::string output;
     std::string keeper = "oldest";
     std::string against;
-    MatchArguments match;
+    DedupeCommand::MatchArguments match;
   };
   auto exportArgs = std::make_shared<ExportArguments>();
   CLI::App* exportCommand = dedupe->add_subcommand(
@@ -138,21 +78,19 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   exportCommand->add_option("--against", exportArgs->against,
                             "A snapshot of another object of the same org (Contacts for Leads): "
                             "mark the records already there");
-  exportCommand->callback([&context, &chosen, exportArgs] {
-    chosen = [&context, exportArgs] {
-      ExportOptions options;
-      options.settings = exportArgs->match.settings();
-      options.keeper = keeperRuleFromRaw(exportArgs->keeper).value_or(KeeperRule::oldest);
-      if (!exportArgs->against.empty()) options.against = exportArgs->against;
-      exportWorkbook(context, exportArgs->snapshot, exportArgs->output, options);
-    };
+  whenChosen(exportCommand, chosen, [&context, exportArgs] {
+    ExportOptions options;
+    options.settings = exportArgs->match.settings();
+    options.keeper = keeperRuleFromRaw(exportArgs->keeper).value_or(KeeperRule::oldest);
+    if (!exportArgs->against.empty()) options.against = exportArgs->against;
+    exportWorkbook(context, exportArgs->snapshot, exportArgs->output, options);
   });
 
   struct DecisionsArguments {
     std::string snapshot;
     std::string workbook;
     bool json = false;
-    MatchArguments match;
+    DedupeCommand::MatchArguments match;
   };
   auto decisionsArgs = std::make_shared<DecisionsArguments>();
   CLI::App* decisionsCommand = dedupe->add_subcommand(
@@ -163,11 +101,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->required();
   decisionsCommand->add_flag("--json", decisionsArgs->json, "Print the decisions as JSON");
   decisionsArgs->match.addTo(*decisionsCommand);
-  decisionsCommand->callback([&context, &chosen, decisionsArgs] {
-    chosen = [&context, decisionsArgs] {
-      showDecisions(context, decisionsArgs->snapshot, decisionsArgs->workbook,
-                    decisionsArgs->match.settings(), decisionsArgs->json);
-    };
+  whenChosen(decisionsCommand, chosen, [&context, decisionsArgs] {
+    showDecisions(context, decisionsArgs->snapshot, decisionsArgs->workbook,
+                  decisionsArgs->match.settings(), decisionsArgs->json);
   });
 }
 

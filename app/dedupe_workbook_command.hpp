@@ -11,12 +11,9 @@
 #include <functional>
 #include <vector>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
+#include "app/dedupe_command.hpp"
 #include "dedupe/decision_workbook_task.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane {
 

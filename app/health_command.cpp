@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "health/health_task.hpp"
-#include "health/text_table.hpp"
+#include "health/metadata_report.hpp"
 #include "platform/durable_file.hpp"
 
 namespace corvane::HealthCommand {
@@ -24,11 +24,10 @@ bool wantsCSV(const Output& output) {
 void emit(CommandContext& context, const Output& output, const std::string& text) {
   if (output.file) {
     Durable::replace(*output.file, text, 0600);
-    context.out << "Wrote " << output.file->string() << ".\n";
+    context.print("Wrote " + output.file->string() + ".\n");
   } else {
-    context.out << text;
+    context.print(text);
   }
-  context.out.flush();
 }
 
 // JSON, CSV (where the list has a CSV form) or the table, as asked.
@@ -38,32 +37,6 @@ void emitAs(CommandContext& context, const Output& output, const std::function<j
   if (output.format == Format::json) return emit(context, output, asJSON().dump(2) + "\n");
   if (asCSV && wantsCSV(output)) return emit(context, output, asCSV());
   emit(context, output, asTable());
-}
-
-std::string metadataCSV(const std::vector<json>& items) {
-  std::string out = TextTable::csvRow({"type", "fullName", "fileName", "lastModifiedByName",
-                                       "lastModifiedDate", "manageableState"});
-  for (const auto& item : items) {
-    auto field = [&](const char* key) { return item.value(key, std::string()); };
-    out += TextTable::csvRow({field("type"), field("fullName"), field("fileName"),
-                              field("lastModifiedByName"), field("lastModifiedDate"),
-                              field("manageableState")});
-  }
-  return out;
-}
-
-std::string metadataTable(const std::vector<json>& items, const std::string& type) {
-  if (items.empty()) {
-    return "The org has no " + type + " components, or the Salesforce CLI could not list them.\n";
-  }
-  std::vector<std::vector<std::string>> rows;
-  for (const auto& item : items) {
-    rows.push_back({item.value("fullName", ""), item.value("lastModifiedByName", ""),
-                    item.value("lastModifiedDate", ""), item.value("fileName", "")});
-  }
-  return TextTable::render({"Name", "Last modified by", "Last modified", "File"}, rows) +
-         std::to_string(items.size()) + " " + type +
-         (items.size() == 1 ? " component.\n" : " components.\n");
 }
 
 }  // namespace
@@ -86,52 +59,18 @@ void audit(CommandContext& context, const std::string& login, const AuditFilter&
 void metadata(CommandContext& context, const std::string& login,
               const std::optional<std::string>& type, const Output& output) {
   const auto listing = HealthTask::metadata(sourceOf(context), login, type, {});
-  if (!type) {
-    const auto& names = listing.typeNames;
-    emitAs(
-        context, output, [&] { return json(names); },
-        [&] {
-          std::string out;
-          for (const auto& name : names) out += name + "\n";
-          return out + std::to_string(names.size()) + " metadata types.\n";
-        },
-        [&] {
-          std::string out = TextTable::csvRow({"xmlName"});
-          for (const auto& name : names) out += TextTable::csvRow({name});
-          return out;
-        });
-    return;
-  }
-  const auto& items = listing.components;
   emitAs(
-      context, output, [&] { return json(items); }, [&] { return metadataTable(items, *type); },
-      [&] { return metadataCSV(items); });
+      context, output, [&] { return type ? json(listing.components) : json(listing.typeNames); },
+      [&] { return MetadataReport::table(listing); }, [&] { return MetadataReport::csv(listing); });
 }
 
 void retrieve(CommandContext& context, const std::string& login,
               const std::vector<std::string>& components, const std::filesystem::path& to,
               const Output& output) {
   const auto retrieval = HealthTask::retrieve(sourceOf(context), login, components, to, {});
-  const json& result = retrieval.result;
-  const json files =
-      result.contains("files") && result["files"].is_array() ? result["files"] : json::array();
   emitAs(
-      context, output, [&] { return result; },
-      [&] {
-        std::vector<std::vector<std::string>> rows;
-        for (const auto& file : files) {
-          rows.push_back({file.value("type", ""), file.value("fullName", ""),
-                          file.value("state", ""), file.value("filePath", "")});
-        }
-        std::string out = TextTable::render({"Type", "Name", "State", "File"}, rows);
-        if (result.contains("messages") && result["messages"].is_array()) {
-          for (const auto& message : result["messages"]) {
-            out += "Not retrieved: " + message.value("problem", "") + "\n";
-          }
-        }
-        return out + std::to_string(files.size()) + " files retrieved into " +
-               (retrieval.projectRoot / "force-app").string() + ".\n";
-      });
+      context, output, [&] { return retrieval.result; },
+      [&] { return MetadataReport::table(retrieval); });
 }
 
 void instance(CommandContext& context, const std::string& login,
@@ -211,7 +150,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       sub->add_option("-o,--output", shared->file,
                           "Write to this file instead (CSV when it ends in .csv)");
     }
-    sub->callback([&chosen, shared, work] { chosen = [shared, work] { work(*shared); }; });
+    whenChosen(sub, chosen, [shared, work] { work(*shared); });
     return sub;
   };
 
@@ -266,8 +205,7 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->check(CLI::Range(0.1, 60.0));
   command("release-updates", "The org's release updates and their due dates", login | json,
           [&context](Options& o) {
-            SalesforceAPI::Client api(
-                [&context](const std::string& username) { return context.cli.session(username); });
+            auto api = context.api();
             releaseUpdates(context, api, o.login, o.output());
           });
 }

@@ -21,15 +21,11 @@
 #include <string>
 #include <vector>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "connections/salesforce_api.hpp"
 #include "health/audit_trail.hpp"
 #include "health/instance_status.hpp"
 #include "health/txt_resolver.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane::HealthCommand {
 

@@ -9,9 +9,9 @@
 // problem by row and column; without --dry-run the rows are then written, and
 // a stopped run of the same file resumes where it stopped.
 //
-// The work is ImportTask's; this file turns arguments into its calls and its
-// results into text. Failures are typed (ImportError, FileError); the command
-// runner prints them.
+// The work is ImportTask's, the wording ImportReport's; this file turns
+// arguments into calls and prints what they return. Failures are typed
+// (ImportError, FileError); the command runner prints them.
 #pragma once
 
 #include <filesystem>
@@ -21,25 +21,19 @@
 #include <string>
 #include <vector>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "connections/salesforce_api.hpp"
 #include "import/import_mapping.hpp"
 #include "import/import_plan.hpp"
 #include "workbook/import_grid.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane::ImportCommand {
 
 // Adds the command to app; when chosen, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
 
-// Writes a grid: as one JSON object {"sheetName", "headers", "rows"}, or as
-// lines of tab-separated cells (tabs, line breaks and backslashes in cells
-// escaped as \t, \n, \r and \\) after a "Sheet: NAME" line for workbooks and
-// before a count of the rows.
+// Writes a grid as ImportReport words it: one JSON object, or lines of
+// tab-separated cells.
 void print(const ImportGrid& grid, bool json, std::ostream& out);
 
 struct RunOptions {
@@ -67,9 +61,5 @@ struct RunOptions {
 // transport's errors.
 ImportPlan run(CommandContext& context, SalesforceAPI::Client& api, const RunOptions& options,
                std::istream& pasted);
-
-// The mapping and the plan's problems as the user reads them.
-void printReport(const ImportMapping& mapping, const ImportPlan& plan, const std::string& object,
-                 std::ostream& out);
 
 }  // namespace corvane::ImportCommand

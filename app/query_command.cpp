@@ -16,18 +16,6 @@ std::string withThousands(std::int64_t number) {
   return digits;
 }
 
-ResultWriter::Format writerFormat(Format format) {
-  switch (format) {
-    case Format::csv:
-      return ResultWriter::Format::csv;
-    case Format::tsv:
-      return ResultWriter::Format::tsv;
-    case Format::json:
-      break;
-  }
-  return ResultWriter::Format::json;
-}
-
 }  // namespace
 
 JSONLiteral withoutAttributes(JSONLiteral record) {
@@ -37,14 +25,13 @@ JSONLiteral withoutAttributes(JSONLiteral record) {
 std::int64_t run(CommandContext& context, SalesforceAPI::Client& api, const std::string& login,
                  const std::string& soql, Format format,
                  const std::optional<std::filesystem::path>& output) {
-  auto orgs = context.cli.listOrgs(true, context.listTimeout);
-  const Org& org = OrgsCommand::findLogin(orgs, login);
-  const auto shape = ResultWriter::shapeFor(writerFormat(format));
+  const Org org = context.login(login);
+  const auto shape = ResultWriter::shapeFor(format);
   std::optional<ResultWriter> writer;
   if (output) {
-    writer.emplace(*output, writerFormat(format));
+    writer.emplace(*output, format);
   } else {
-    writer.emplace(context.out, writerFormat(format));
+    writer.emplace(context.out, format);
   }
   auto outcome = QueryTask::run(api, org, {soql, shape}, {},
                                 [&](QueryRows&& rows) { return writer->write(rows); });
@@ -79,12 +66,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->transform(CLI::CheckedTransformer(formats, CLI::ignore_case));
   query->add_option("-o,--output", options->output,
                     "Write the rows to this file (replaced only when the query has finished)");
-  query->callback([&context, &chosen, options] {
-    chosen = [&context, options] {
-      SalesforceAPI::Client api(
-          [&context](const std::string& username) { return context.cli.session(username); });
-      run(context, api, options->login, options->soql, options->format, options->output);
-    };
+  whenChosen(query, chosen, [&context, options] {
+    auto api = context.api();
+    run(context, api, options->login, options->soql, options->format, options->output);
   });
 }
 

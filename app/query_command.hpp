@@ -14,17 +14,14 @@
 #include <optional>
 #include <string>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "connections/json_literal.hpp"
 #include "connections/salesforce_api.hpp"
-
-namespace CLI {
-class App;
-}
+#include "query/result_writer.hpp"
 
 namespace corvane::QueryCommand {
 
-enum class Format { json, csv, tsv };
+using Format = ResultWriter::Format;  // json, csv or tsv
 
 // Adds "query" to app; when chosen, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);

@@ -1,17 +1,13 @@
 // `corvane backup restore`: deleted records and old values brought back from
-// the backups. The work is RestoreTask's; this file only words it.
+// the backups. The work is RestoreTask's, the wording RestoreReport's.
 #pragma once
 
 #include <functional>
 #include <string>
 #include <vector>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "connections/salesforce_api.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane::RestoreCommand {
 

@@ -1,50 +1,26 @@
 // `corvane backup sets [--json]` (list, add, remove), `corvane schedule status
 // [--json]`, `schedule power-wait` and the headless backup tick started by
-// `corvane --backup-tick`. The work is ScheduleTask's; this file turns the
-// words of the command line into its calls and its results into text.
+// `corvane --backup-tick`. The work is ScheduleTask's, the wording
+// ScheduleReport's; this file turns the command line into their calls.
 #pragma once
 
 #include <functional>
 #include <iosfwd>
-#include <optional>
 #include <string>
-#include <vector>
 
-#include "app/orgs_command.hpp"
+#include "app/command_context.hpp"
 #include "scheduling/schedule_task.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace corvane::ScheduleCommand {
 
 using Setup = ScheduleTask::Setup;
 using SetArgumentError = BackupSetError;
+using SetArguments = ScheduleTask::SetRequest;
+using ScheduleTask::parseSchedule;
 
 // Adds the commands to app (under "backup" where they belong there); when one
 // is chosen, `chosen` is set to the work to run.
 void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen);
-
-// "manual", "hourly", "daily HH:MM", "weekly DAY HH:MM" (DAY: Sun..Sat, the
-// full English name, or 1-7 with 1 = Sunday). Throws BackupSetError.
-BackupSchedule parseSchedule(const std::vector<std::string>& words);
-
-struct SetArguments {
-  std::string login;
-  std::string root;
-  std::vector<std::string> schedule;
-  std::string fullEvery;
-  std::optional<int> keep;
-  bool keepEverything = false;
-  bool files = false;
-  bool allVersions = false;
-  bool historyAndFeed = false;
-  bool formulaFields = false;
-  std::vector<std::string> extra;
-  std::vector<std::string> exclude;
-  std::vector<std::string> only;
-};
 
 void listSets(CommandContext& context, const Setup& setup, bool json = false);
 void addSet(CommandContext& context, const Setup& setup, const SetArguments& arguments);

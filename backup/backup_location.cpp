@@ -1,5 +1,6 @@
 #include "backup/backup_location.hpp"
 
+#include "connections/org.hpp"
 #include "platform/app_support.hpp"
 
 namespace corvane {
@@ -18,5 +19,9 @@ std::filesystem::path BackupLocation::folder() const {
 }
 
 std::filesystem::path BackupLocation::defaultRoot() { return AppSupport::folder() / "Backups"; }
+
+BackupLocation BackupLocation::of(const Org& org, const std::filesystem::path& root) {
+  return {root.empty() ? defaultRoot() : root, org.orgId.value_or("unknown-org"), org.username};
+}
 
 }  // namespace corvane

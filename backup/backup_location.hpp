@@ -12,6 +12,8 @@
 
 namespace corvane {
 
+struct Org;
+
 struct BackupLocation {
   std::filesystem::path root;
   std::string orgKey;
@@ -29,6 +31,10 @@ struct BackupLocation {
 
   // The application-support folder's "Backups" (not created here).
   static std::filesystem::path defaultRoot();
+
+  // Where the backup of org's login lives under root; an empty root means
+  // defaultRoot(), an org without an Id "unknown-org".
+  static BackupLocation of(const Org& org, const std::filesystem::path& root);
 
   // One part of a path made from org text: "/" and ":" replaced by "_"; NUL
   // bytes too; "", "." and ".." become "_", "_." and "_..".

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 
 #include "backup/backup_location.hpp"
@@ -106,6 +107,76 @@ Setup Setup::standard() {
   setup.defaults = BackupScheduleSetup::Defaults::settings();
   setup.executable = BackupScheduleSetup::currentExecutablePath();
   return setup;
+}
+
+namespace {
+
+// "HH:MM" into hour and minute.
+std::pair<int, int> clockTime(const std::string& text) {
+  int hour = -1, minute = -1;
+  char colon = 0;
+  char rest = 0;
+  if (std::sscanf(text.c_str(), "%d%c%d%c", &hour, &colon, &minute, &rest) != 3 || colon != ':' ||
+      hour < 0 || hour > 23 || minute < 0 || minute > 59)
+    throw BackupSetError::badTime(text);
+  return {hour, minute};
+}
+
+int weekday(const std::string& text) {
+  static const char* names[] = {"sunday",   "monday", "tuesday", "wednesday",
+                                "thursday", "friday", "saturday"};
+  const auto word = Ascii::lowered(text);
+  for (int i = 0; i < 7; ++i) {
+    const std::string name = names[i];
+    if (word == name || word == name.substr(0, 3) || word == std::to_string(i + 1)) return i + 1;
+  }
+  throw BackupSetError::badDay(text);
+}
+
+}  // namespace
+
+BackupSchedule parseSchedule(const std::vector<std::string>& words) {
+  const auto kind = words.empty() ? std::string() : Ascii::lowered(words[0]);
+  if (kind == "manual" && words.size() == 1) return BackupSchedule::manual();
+  if (kind == "hourly" && words.size() == 1) return BackupSchedule::hourly();
+  if (kind == "daily" && words.size() == 2) {
+    const auto [hour, minute] = clockTime(words[1]);
+    return BackupSchedule::daily(hour, minute);
+  }
+  if (kind == "weekly" && words.size() == 3) {
+    const int day = weekday(words[1]);
+    const auto [hour, minute] = clockTime(words[2]);
+    return BackupSchedule::weekly(day, hour, minute);
+  }
+  throw BackupSetError::badSchedule();
+}
+
+BackupSet newSet(const SetRequest& request,
+                 const std::function<Org(const std::string& login)>& findLogin) {
+  if (request.keep && request.keepEverything) throw BackupSetError::keepBoth();
+  if (request.keep && *request.keep < 1) throw BackupSetError::keepTooFew();
+  BackupSet set;
+  if (!request.schedule.empty()) set.schedule = parseSchedule(request.schedule);
+  if (!request.fullEvery.empty()) {
+    set.fullEvery = fullEveryFromText(request.fullEvery);
+    if (!set.fullEvery) throw BackupSetError::badFullEvery();
+  }
+  const Org org = findLogin(request.login);
+  set.username = org.username;
+  set.orgKey = org.orgId.value_or(org.username);
+  set.orgName = org.name;
+  if (!request.root.empty())
+    set.rootPath = std::filesystem::absolute(request.root).lexically_normal().string();
+  if (request.files) set.includeFiles = true;
+  if (request.allVersions) set.allFileVersions = true;
+  if (request.historyAndFeed) set.includeHistoryAndFeed = true;
+  if (request.formulaFields) set.includeFormulaFields = true;
+  if (!request.extra.empty()) set.extraObjects = request.extra;
+  if (!request.exclude.empty()) set.excludedObjects = request.exclude;
+  if (!request.only.empty()) set.onlyObjects = request.only;
+  if (request.keep) set.retention = Retention::Policy{*request.keep};
+  if (request.keepEverything) set.retention = Retention::Policy::keepEverything();
+  return set;
 }
 
 std::vector<BackupSet> sets(const Setup& setup) {

@@ -75,6 +75,32 @@ struct Setup {
 // The sets, in the registry's order. Throws BackupSetError::setsUnreadable.
 std::vector<BackupSet> sets(const Setup& setup);
 
+// "manual", "hourly", "daily HH:MM", "weekly DAY HH:MM" (DAY: Sun..Sat, the
+// full English name, or 1-7 with 1 = Sunday), as words. Throws BackupSetError.
+BackupSchedule parseSchedule(const std::vector<std::string>& words);
+
+// A set as the user words it: the login, the schedule's words and the options.
+struct SetRequest {
+  std::string login;
+  std::string root;                   // empty: the default backup root
+  std::vector<std::string> schedule;  // see parseSchedule; empty: manual
+  std::string fullEvery;              // weekly, every4Weeks or never; empty: the standard
+  std::optional<int> keep;            // the last N full copies
+  bool keepEverything = false;
+  bool files = false;
+  bool allVersions = false;
+  bool historyAndFeed = false;
+  bool formulaFields = false;
+  std::vector<std::string> extra;
+  std::vector<std::string> exclude;
+  std::vector<std::string> only;
+};
+
+// The set a request asks for. Its words are checked first (BackupSetError),
+// then the login is looked up with findLogin, which throws when it is unknown.
+BackupSet newSet(const SetRequest& request,
+                 const std::function<Org(const std::string& login)>& findLogin);
+
 struct Saved {
   BackupSet set;      // as stored
   std::string notice;  // what changed in the wake-up, for the user; may be empty

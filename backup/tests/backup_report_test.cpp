@@ -1,4 +1,4 @@
-#include "app/backup_command.hpp"
+#include "backup/backup_report.hpp"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -10,7 +10,7 @@
 namespace corvane {
 namespace {
 
-class BackupCommandTest : public orgsim::testing::ServerFixture {
+class BackupReportTest : public orgsim::testing::ServerFixture {
  protected:
   void SetUp() override {
     ServerFixture::SetUp();
@@ -25,6 +25,14 @@ class BackupCommandTest : public orgsim::testing::ServerFixture {
     config_.freeSpaceFloor = 1000;
   }
 
+  std::string statusText() {
+    return BackupReport::statusText(config_.location, BackupTask::status(config_.location));
+  }
+  nlohmann::json statusJSON() {
+    return nlohmann::json::parse(
+        BackupReport::statusJSON(config_.location, BackupTask::status(config_.location)));
+  }
+
   BackupTask::Survey plan(std::int64_t free) {
     return BackupTask::plan(*transport_, config_, [free](const auto&) { return free; }, {});
   }
@@ -36,37 +44,37 @@ class BackupCommandTest : public orgsim::testing::ServerFixture {
   BackupConfig config_;
 };
 
-TEST_F(BackupCommandTest, ThePlanReadsAsTextAndAsJSON) {
+TEST_F(BackupReportTest, ThePlanReadsAsTextAndAsJSON) {
   orgsim::testing::addAccounts(store(), 150);
   auto survey = plan(1'000'000'000'000);
-  const auto text = BackupCommand::text(survey);
+  const auto text = BackupReport::text(survey);
   EXPECT_NE(text.find("1 objects, 150 records."), std::string::npos) << text;
   EXPECT_NE(text.find("It fits."), std::string::npos) << text;
-  const auto json = nlohmann::json::parse(BackupCommand::json(survey));
+  const auto json = nlohmann::json::parse(BackupReport::json(survey));
   EXPECT_EQ(json["objects"][0]["records"], 150);
   EXPECT_EQ(json["space"]["verdict"], "fits");
 
-  EXPECT_NE(BackupCommand::text(plan(1500)).find("Free up space or choose another folder"),
+  EXPECT_NE(BackupReport::text(plan(1500)).find("Free up space or choose another folder"),
             std::string::npos);
 }
 
-TEST_F(BackupCommandTest, StatusShowsTheRunsAsTextAndAsJSON) {
-  const auto before = nlohmann::json::parse(BackupCommand::statusJSON(config_.location));
+TEST_F(BackupReportTest, StatusShowsTheRunsAsTextAndAsJSON) {
+  const auto before = statusJSON();
   EXPECT_TRUE(before.at("lastRun").is_null());
   EXPECT_TRUE(before.at("runs").empty());
-  EXPECT_NE(BackupCommand::statusText(config_.location).find("No backup of"), std::string::npos);
+  EXPECT_NE(statusText().find("No backup of"), std::string::npos);
 
   orgsim::testing::addAccounts(store(), 30);
   const auto summary = BackupTask::run(*transport_, config_, RunKind::full, {});
   ASSERT_TRUE(summary.succeeded()) << summary.message;
-  const auto status = BackupCommand::statusText(config_.location);
+  const auto status = statusText();
   EXPECT_NE(status.find("Last backup of " + org_.username + ": full (complete)"),
             std::string::npos)
       << status;
   EXPECT_NE(status.find("30 records"), std::string::npos) << status;
   EXPECT_NE(status.find(summary.folder.filename().string()), std::string::npos) << status;
 
-  const auto json = nlohmann::json::parse(BackupCommand::statusJSON(config_.location));
+  const auto json = statusJSON();
   EXPECT_EQ(json.at("username"), org_.username);
   EXPECT_EQ(json.at("folder"), config_.location.folder().string());
   EXPECT_EQ(json.at("lastRun").at("result"), "complete");

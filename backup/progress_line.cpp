@@ -1,4 +1,4 @@
-#include "app/progress_line.hpp"
+#include "backup/progress_line.hpp"
 
 #include <fmt/format.h>
 

@@ -1,5 +1,5 @@
-// The one line `corvane backup run` shows while a backup works: objects done
-// of all, rows copied, documents fetched, the current rate and the time left.
+// The one line a backup shows on a console while it works: objects done of
+// all, rows copied, documents fetched, the current rate and the time left.
 //
 // On a terminal the line is redrawn in place as values arrive (at most a few
 // times a second, as the runner already coalesces them). Written anywhere else
