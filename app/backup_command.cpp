@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <mutex>
 
-#include "app/interrupt_stop.hpp"
+#include "platform/interrupt_stop.hpp"
 #include "backup/backup_report.hpp"
 #include "backup/progress_line.hpp"
 #include "connections/api_transport.hpp"

@@ -4,18 +4,17 @@
 
 #include <iostream>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
-#include "app/dedupe_against_command.hpp"
 #include "app/dedupe_undo_command.hpp"
-#include "app/interrupt_stop.hpp"
 #include "app/production_guard.hpp"
 #include "connections/download_error.hpp"
 #include "dedupe/match_report.hpp"
 #include "dedupe/match_task.hpp"
 #include "dedupe/plan_report.hpp"
 #include "dedupe/snapshot_report.hpp"
+#include "platform/interrupt_stop.hpp"
 
 namespace corvane::DedupeCommand {
 
@@ -143,12 +142,32 @@ MatchOutcome match(CommandContext& context, const std::filesystem::path& snapsho
   return outcome.match;
 }
 
+CrossMatchTask::Outcome crossMatch(CommandContext& context, const std::filesystem::path& snapshot,
+                                   const std::filesystem::path& against,
+                                   const MatchSettings& settings, bool json) {
+  DedupeProgressHandler progress;
+  std::string lastText;
+  if (!json) {
+    progress = [&context, &lastText](const DedupeProgress& step) {
+      if (step.text == lastText) return;
+      lastText = step.text;
+      context.out << step.text << '\n';
+    };
+  }
+  const CrossMatchTask::Outcome outcome =
+      CrossMatchTask::run(snapshot, against, settings, {}, progress);
+  context.out << (json ? MatchReport::crossJSON(outcome)
+                       : MatchReport::crossText(outcome, snapshot.string(), against.string()));
+  return outcome;
+}
+
 void exclude(CommandContext& context, const std::filesystem::path& snapshot,
              const std::vector<std::string>& ids) {
   const std::size_t marked = MatchTask::exclude(snapshot, ids);
-  context.out << fmt::format("Marked {} record{} \"not a duplicate\": {} will be left out of every "
-                             "later match.\n",
-                             marked, marked == 1 ? "" : "s", marked == 1 ? "it" : "they");
+  context.out << fmt::format(
+      "Marked {} record{} \"not a duplicate\": {} will be left out of every "
+      "later match.\n",
+      marked, marked == 1 ? "" : "s", marked == 1 ? "it" : "they");
 }
 
 ResolutionPlan plan(CommandContext& context, SalesforceAPI::Client& api,
@@ -191,11 +210,11 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     context.out << "Dry run: nothing was changed.\n";
     return;
   }
-  ProductionGuard::confirm(*planned.org,
-                           fmt::format("make {} merges, {} deletes and {} updates of {} records",
-                                       plan.merges.size(), plan.deletes.size(),
-                                       plan.updates.size(), planned.info.objectName),
-                           context.out);
+  ProductionGuard::confirm(
+      *planned.org,
+      fmt::format("make {} merges, {} deletes and {} updates of {} records", plan.merges.size(),
+                  plan.deletes.size(), plan.updates.size(), planned.info.objectName),
+      context.out);
 
   const auto progress = [&options](const DedupeProgress& step) {
     if (options.progress) {
@@ -232,7 +251,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
                    "companyName, email, phone; mode: exact, close)")
       ->required();
   downloadCommand->add_option("--extra", args->extra, "Further fields to keep: FIELD,...");
-  downloadCommand->add_option("--scope", args->scope, "A SOQL condition, such as \"IsDeleted = false\"");
+  downloadCommand->add_option("--scope", args->scope,
+                              "A SOQL condition, such as \"IsDeleted = false\"");
   downloadCommand->add_option("--page-size", args->pageSize, "Records per result page")
       ->check(CLI::Range(1, 1'000'000));
   whenChosen(downloadCommand, chosen, [&context, args] {
@@ -254,7 +274,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   CLI::App* resumeCommand =
       dedupe->add_subcommand("resume", "Continue a paused download where it stopped");
   resumeCommand->add_option("SNAPSHOT", *snapshot, "The snapshot file")->required();
-  resumeCommand->add_option("--login", *resumeLogin, "The login to continue with (default: the one that started it)");
+  resumeCommand->add_option("--login", *resumeLogin,
+                            "The login to continue with (default: the one that started it)");
   whenChosen(resumeCommand, chosen, [&context, snapshot, resumeLogin] {
     InterruptStop pause;
     auto api = context.api();
@@ -289,8 +310,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
                            "Contacts): list the records that already exist there");
   whenChosen(matchCommand, chosen, [&context, matchArgs] {
     if (!matchArgs->against.empty()) {
-      DedupeAgainstCommand::match(context, matchArgs->snapshot, matchArgs->against,
-                                  matchArgs->match.settings(), matchArgs->json);
+      crossMatch(context, matchArgs->snapshot, matchArgs->against, matchArgs->match.settings(),
+                 matchArgs->json);
       return;
     }
     match(context, matchArgs->snapshot, {matchArgs->match.settings(), matchArgs->json});

@@ -6,7 +6,7 @@
 //   dedupe snapshots LOGIN [--json]
 //   dedupe delete SNAPSHOT
 //   dedupe match SNAPSHOT [--strictness strict|normal|loose] [--window N] [--no-split] [--json]
-//                [--against SNAPSHOT2]   (see app/dedupe_against_command.hpp)
+//                [--against SNAPSHOT2]
 //   dedupe exclude SNAPSHOT ID...
 //   dedupe plan SNAPSHOT --keeper oldest|newest|mostComplete|recentlyUpdated
 //               --action merge|deleteLosers|fillGaps|tag:FIELD|exportOnly
@@ -29,6 +29,7 @@
 
 #include "app/command_context.hpp"
 #include "connections/salesforce_api.hpp"
+#include "dedupe/cross_match_task.hpp"
 #include "dedupe/dedupe_error.hpp"
 #include "dedupe/match_settings.hpp"
 #include "dedupe/resolution_task.hpp"
@@ -73,6 +74,12 @@ struct MatchOptions {
 // Prints the groups with the statistics (the matching steps first, unless json).
 MatchOutcome match(CommandContext& context, const std::filesystem::path& snapshot,
                    const MatchOptions& options);
+// Prints the records of snapshot that already exist in against, another
+// object's snapshot of the same org (Leads that are already Contacts): the
+// matching steps first (unless json), then a line per pair and a summary.
+CrossMatchTask::Outcome crossMatch(CommandContext& context, const std::filesystem::path& snapshot,
+                                   const std::filesystem::path& against,
+                                   const MatchSettings& settings, bool json);
 void exclude(CommandContext& context, const std::filesystem::path& snapshot,
              const std::vector<std::string>& ids);
 

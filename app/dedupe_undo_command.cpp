@@ -3,11 +3,9 @@
 #include <iostream>
 #include <optional>
 
-#include <fmt/format.h>
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
-#include "app/interrupt_stop.hpp"
+#include "platform/interrupt_stop.hpp"
 #include "app/production_guard.hpp"
 
 namespace corvane::DedupeUndoCommand {
@@ -17,15 +15,8 @@ UndoTask::Outcome undo(CommandContext& context, SalesforceAPI::Client& api,
                        std::stop_token stop) {
   const UndoTask::Prepared prepared =
       UndoTask::prepare(context.logins(), snapshot, options.request);
-  std::size_t records = 0;
-  for (const UndoGroup& group : prepared.groups) records += group.losers.size() + 1;
-  ProductionGuard::confirm(
-      prepared.org,
-      fmt::format("undo {} group{} of {} records: bring back up to {} records from the Recycle "
-                  "Bin, move their child records back and set the kept records' values back",
-                  prepared.groups.size(), prepared.groups.size() == 1 ? "" : "s",
-                  prepared.objectLabel, records - prepared.groups.size()),
-      options.json ? std::cerr : context.out);
+  ProductionGuard::confirm(prepared.org, UndoTask::whatItWrites(prepared),
+                           options.json ? std::cerr : context.out);
   // Ctrl-C stops between groups and batches, unless the caller stops it.
   std::optional<InterruptStop> interrupt;
   if (!stop.stop_possible()) stop = interrupt.emplace(true).token();
@@ -40,19 +31,11 @@ UndoTask::Outcome undo(CommandContext& context, SalesforceAPI::Client& api,
     outcome = UndoTask::run(api, prepared, options.request, stop, progress);
   } catch (const UndoError& error) {
     if (error.kind() == UndoError::Kind::refused) {
-      if (options.json) {
-        context.out << nlohmann::json{{"refused", error.details()}}.dump(2) << '\n';
-      } else {
-        for (const std::string& reason : error.details()) context.out << reason << '\n';
-      }
+      context.out << UndoTask::refusalsText(error.details(), options.json);
     }
     throw;
   }
-  if (options.json) {
-    context.out << UndoTask::json(outcome).dump(2) << '\n';
-  } else {
-    context.out << UndoTask::text(outcome);
-  }
+  context.out << (options.json ? UndoTask::json(outcome).dump(2) + '\n' : UndoTask::text(outcome));
   outcome.throwIfIncomplete();
   return outcome;
 }

@@ -6,7 +6,7 @@
 #include <iostream>
 #include <iterator>
 
-#include "app/interrupt_stop.hpp"
+#include "platform/interrupt_stop.hpp"
 #include "app/production_guard.hpp"
 #include "import/import_report.hpp"
 #include "import/import_task.hpp"

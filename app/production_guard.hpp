@@ -18,25 +18,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include "connections/org.hpp"
-#include "platform/user_facing_error.hpp"
+#include "connections/production_write.hpp"
 
 namespace corvane {
-
-class ProductionWriteRefused : public UserFacingError {
- public:
-  enum class Kind { noTerminal, nameDidNotMatch };
-
-  static ProductionWriteRefused noTerminal(const Org& org, std::string_view whatItWrites);
-  static ProductionWriteRefused nameDidNotMatch(const Org& org);
-
-  Kind kind() const { return kind_; }
-
- private:
-  ProductionWriteRefused(Kind kind, const std::string& sentence)
-      : UserFacingError(sentence), kind_(kind) {}
-  Kind kind_;
-};
 
 namespace ProductionGuard {
 
@@ -54,10 +38,6 @@ struct Answers {
 // Adds "--yes" to app, accepted after any of its subcommands too (they pass
 // options they do not know up to it). Call before adding the subcommands.
 void addYesFlag(CLI::App& app, Answers& answers = Answers::standard());
-
-// The name the user types to confirm: the org's name when known, else the
-// login's display name.
-std::string nameToType(const Org& org);
 
 // Returns when the write may go ahead; throws ProductionWriteRefused. Writes
 // the question to out.

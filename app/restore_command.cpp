@@ -6,7 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "app/interrupt_stop.hpp"
+#include "platform/interrupt_stop.hpp"
 #include "app/production_guard.hpp"
 #include "backup/restore_report.hpp"
 #include "backup/restore_results.hpp"

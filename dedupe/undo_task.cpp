@@ -539,6 +539,23 @@ void Outcome::throwIfIncomplete() const {
   if (failures > 0) throw UndoError::notUndone(failures);
 }
 
+std::string whatItWrites(const Prepared& prepared) {
+  std::size_t losers = 0;
+  for (const UndoGroup& group : prepared.groups) losers += group.losers.size();
+  return fmt::format(
+      "undo {} group{} of {} records: bring back up to {} records from the Recycle Bin, move "
+      "their child records back and set the kept records' values back",
+      prepared.groups.size(), prepared.groups.size() == 1 ? "" : "s", prepared.objectLabel,
+      losers);
+}
+
+std::string refusalsText(const std::vector<std::string>& refusals, bool json) {
+  if (json) return nlohmann::json{{"refused", refusals}}.dump(2) + '\n';
+  std::string out;
+  for (const std::string& reason : refusals) out += reason + '\n';
+  return out;
+}
+
 std::string text(const Outcome& outcome) {
   std::string out;
   for (const GroupResult& group : outcome.groups) {

@@ -85,6 +85,11 @@ struct Outcome {
 Outcome run(SalesforceAPI::Client& api, const Prepared& prepared, const Request& request,
             std::stop_token stop, const DedupeProgressHandler& onProgress = {});
 
+// What undoing the prepared groups writes, in the words of the question asked
+// before writing to a production org ("undo 2 groups of Accounts: ...").
+std::string whatItWrites(const Prepared& prepared);
+// The sentences of UndoError::refused, one a line, or as {"refused": [...]}.
+std::string refusalsText(const std::vector<std::string>& refusals, bool json);
 // The outcome in words, a line per group and a last line of totals.
 std::string text(const Outcome& outcome);
 // The outcome as JSON: {"groups": [{"group", "object", "keeper", "status", ...}], "undone", ...}.

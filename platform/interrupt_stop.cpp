@@ -1,4 +1,4 @@
-#include "app/interrupt_stop.hpp"
+#include "platform/interrupt_stop.hpp"
 
 #include <atomic>
 #include <chrono>

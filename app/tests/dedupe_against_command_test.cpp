@@ -2,7 +2,7 @@
 // Leads and Contacts downloaded into snapshots (the Contacts with their
 // account's name), the pairs printed as text and JSON, and the decision
 // workbook that marks the Leads already there.
-#include "app/dedupe_against_command.hpp"
+#include "app/dedupe_command.hpp"
 
 #include <cstdlib>
 #include <sstream>
@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "app/dedupe_command.hpp"
 #include "app/dedupe_workbook_command.hpp"
 #include "connections/tests/fake_cli.hpp"
 #include "dedupe/decision_workbook.hpp"
@@ -101,7 +100,7 @@ TEST_F(DedupeAgainstCommandTest, ListsTheLeadsThatAreAlreadyContactsAsTextAndJSO
   auto ctx = context();
   out_.str("");
   const auto outcome =
-      DedupeAgainstCommand::match(ctx, leadFile, contactFile, MatchSettings{}, false);
+      DedupeCommand::crossMatch(ctx, leadFile, contactFile, MatchSettings{}, false);
   ASSERT_EQ(outcome.pairs.size(), 2u) << out_.str();
   const std::string text = out_.str();
   EXPECT_THAT(text, HasSubstr("Lead " + byEmail_ + " \"Robert Fox\" is already Contact " + bob_ +
@@ -114,7 +113,7 @@ TEST_F(DedupeAgainstCommandTest, ListsTheLeadsThatAreAlreadyContactsAsTextAndJSO
   EXPECT_EQ(text.find(namesake_), std::string::npos) << "a namesake at another company matched";
 
   out_.str("");
-  DedupeAgainstCommand::match(ctx, leadFile, contactFile, MatchSettings{}, true);
+  DedupeCommand::crossMatch(ctx, leadFile, contactFile, MatchSettings{}, true);
   const auto json = nlohmann::json::parse(out_.str());
   EXPECT_EQ(json["object"], "Lead");
   EXPECT_EQ(json["against"], "Contact");
@@ -147,7 +146,7 @@ TEST_F(DedupeAgainstCommandTest, ListsTheLeadsThatAreAlreadyContactsAsTextAndJSO
   }
 
   // A snapshot matched against one of the same object is a duplicate match.
-  EXPECT_THROW(DedupeAgainstCommand::match(ctx, leadFile, leadFile, MatchSettings{}, false),
+  EXPECT_THROW(DedupeCommand::crossMatch(ctx, leadFile, leadFile, MatchSettings{}, false),
                CrossMatchError);
 }
 

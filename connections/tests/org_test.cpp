@@ -1,4 +1,5 @@
 #include "connections/org.hpp"
+#include "connections/production_write.hpp"
 
 #include <unordered_set>
 
@@ -180,6 +181,19 @@ TEST(Org, EqualityAndHashingCoverEveryField) {
   EXPECT_NE(unchecked, org);
   std::unordered_set<Org> set{org, org, unchecked};
   EXPECT_EQ(set.size(), 2u);
+}
+
+TEST(Org, AWriteToProductionIsConfirmedByTheOrgsNameOrElseTheLoginsName) {
+  Org org = fullRecord();
+  org.name = "  Acme Corp ";
+  EXPECT_EQ(ProductionWrite::nameToType(org), "Acme Corp");
+  EXPECT_TRUE(ProductionWrite::confirms(org, "Acme Corp\r"));
+  EXPECT_FALSE(ProductionWrite::confirms(org, "acme corp"));
+  org.name = " ";
+  EXPECT_EQ(ProductionWrite::nameToType(org), "sample");
+  EXPECT_FALSE(ProductionWrite::confirms(org, ""));
+  const std::string refusal = ProductionWriteRefused::nameDidNotMatch(org).what();
+  EXPECT_NE(refusal.find("\"sample\""), std::string::npos) << refusal;
 }
 
 TEST(Org, ScreenTexts) {
