@@ -1,5 +1,6 @@
 #include "app/restore_command.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -81,6 +82,13 @@ std::string countsText(const RestoreTask::Plan& plan) {
   return text.empty() ? "nothing" : text;
 }
 
+std::string retryText(std::size_t refused) {
+  const bool one = refused == 1;
+  return fmt::format("{} {} Salesforce refused in an earlier run {} left alone; --retry-failed "
+                     "sends {} again.\n",
+                     refused, one ? "record" : "records", one ? "was" : "were", one ? "it" : "them");
+}
+
 // Records done of all and the rate, on standard error, at most once a batch.
 class ProgressReport {
  public:
@@ -114,6 +122,7 @@ void restore(CommandContext& context, SalesforceAPI::Client& api, const Argument
   request.ids = arguments.ids;
   request.fields = arguments.fields;
   request.withChildren = arguments.withChildren;
+  request.retryFailed = arguments.retryFailed;
   request.from = arguments.from;
   request.asOf = arguments.asOf;
   APITransport transport(api, org);
@@ -159,6 +168,9 @@ void restore(CommandContext& context, SalesforceAPI::Client& api, const Argument
         out << "Nothing is left to restore: every " << arguments.object
             << " record asked for is live, restored earlier, or cannot be restored ("
             << countsText(plan) << ").\n";
+        const auto refused = std::count_if(plan.records.begin(), plan.records.end(),
+                                           [](const Record& r) { return r.result == "failedEarlier"; });
+        if (refused > 0) out << retryText(static_cast<std::size_t>(refused));
       }
       out.flush();
       return;
@@ -189,6 +201,7 @@ void restore(CommandContext& context, SalesforceAPI::Client& api, const Argument
                {"dryRun", false},
                {"restored", result.restored},
                {"failed", result.failed},
+               {"failedEarlier", result.failedEarlier},
                {"stopped", result.stopped},
                {"failures", failures ? nlohmann::ordered_json(failures->string())
                                      : nlohmann::ordered_json()},
@@ -205,6 +218,7 @@ void restore(CommandContext& context, SalesforceAPI::Client& api, const Argument
     out << fmt::format("{} restored, {} failed", result.restored, result.failed);
     if (result.earlier > 0) out << fmt::format(", {} restored earlier", result.earlier);
     out << ".\n";
+    if (result.failedEarlier > 0) out << retryText(result.failedEarlier);
     if (result.stopped)
       out << "Stopped before the end, as asked. Run the same command again to go on; nothing "
              "is restored twice.\n";
@@ -238,6 +252,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->delimiter(',');
   command->add_flag("--with-children", arguments->withChildren,
                     "Also the deleted records that pointed at them, and their documents");
+  command->add_flag("--retry-failed", arguments->retryFailed,
+                    "Send again the records Salesforce refused in an earlier run");
   command->add_flag("--dry-run", arguments->dryRun, "Print the plan; write nothing");
   command->add_flag("--json", arguments->json, "Print the outcome as one JSON object");
   command->add_option("--results", arguments->results,
