@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Undoes a mass delete with purge of the sample org (500 Accounts, 1,500
-# Contacts, 50 documents) with `corvane backup restore --deleted
+# Undoes a mass delete with purge of the sample org (about 500 Accounts, 1,500
+# Contacts and 50 documents on them; the generator links its documents to other
+# records too) with `corvane backup restore --deleted
 # --with-children`, killing the program with SIGKILL at random moments and
 # starting it again until a run ends by itself. Then checks, through the
 # restore journal's old id -> new id mapping: every record back once, every
@@ -37,7 +38,7 @@ trap cleanup EXIT
 export HOME="$work/home" XDG_DATA_HOME="$work/data" CORVANE_SF_PATH="$sf"
 mkdir -p "$HOME"
 "$orgsim" generate --out "$work/org" --scale tiny --size Account=500 --size Contact=1500 \
-  --size ContentDocument=50 >/dev/null 2>&1
+  --size ContentDocument=110 >/dev/null 2>&1
 "$orgsim" serve --state "$work/org" --port 0 >"$work/serve.out" 2>"$work/serve.err" &
 server=$!
 for _ in $(seq 100); do grep -q listening "$work/serve.out" && break; sleep 0.1; done
@@ -84,10 +85,15 @@ json.dump({"accounts": accounts, "contacts": contacts, "versions": versions, "li
 ids = accounts + list(contacts)
 for at in range(0, len(ids), 500):
     call("POST", "/_admin/records/delete", {"ids": ids[at:at + 500]})
-call("POST", "/_admin/clock", {"advanceSeconds": 120})
+# A day later, when the backups look for deletions again.
+call("POST", "/_admin/clock", {"advanceSeconds": 25 * 3600})
 print(f"deleting {len(accounts)} Accounts and {len(contacts)} Contacts; "
       f"{len(links)} documents on them")
 PY
+# The clock's jump ended the session: log in again.
+token="$("$orgsim" token --state "$work/org")"
+SF_ACCESS_TOKEN="$token" \
+  "$sf" org login access-token --instance-url "$url" --alias sample --no-prompt --json >/dev/null
 # The backups see the delete; then the Recycle Bin is emptied.
 "$corvane" backup run sample --root "$work/backups" --kind changes --only "$only" --json >/dev/null
 curl -sf -X POST -H 'Content-Type: application/json' -d '{"object": "Account"}' \
@@ -102,6 +108,7 @@ restore() {
 
 killed=0
 i=0
+ended=""
 start=$(date +%s.%N)
 while [[ $i -lt $tries ]]; do
   i=$((i + 1))
@@ -109,7 +116,9 @@ while [[ $i -lt $tries ]]; do
   "$corvane" backup restore sample --object Account --deleted --with-children \
     --root "$work/backups" --yes --json >"$work/last.json" 2>"$work/last.err" &
   pid=$!
-  pause=$(python3 -c "import random; print(round(random.uniform(0.2, 2.5), 2))")
+  # Each try may run a little longer than the one before, so that the
+  # kills fall in every phase and a run ends in the end however slow the build.
+  pause=$(python3 -c "import random; print(round(random.uniform(0.2, 1.5 + $i * 0.4), 2))")
   sleep "$pause"
   if kill -9 "$pid" 2>/dev/null; then
     wait "$pid" 2>/dev/null || true
@@ -119,12 +128,12 @@ while [[ $i -lt $tries ]]; do
     code=0
     wait "$pid" || code=$?
     echo "try $i: ended by itself (exit $code) within ${pause}s"
-    [[ $code -eq 0 ]] && break
+    if [[ $code -eq 0 ]]; then ended=yes; break; fi
   fi
 done
 took=$(echo "$(date +%s.%N) - $start" | bc)
 status=0
-if [[ ! -s "$work/last.json" ]] || ! grep -q '"restored"' "$work/last.json"; then
+if [[ -z "$ended" ]]; then
   echo "the restore never ended by itself"; cat "$work/last.err"; status=1
 fi
 restore >"$work/again.json" 2>/dev/null || status=1

@@ -14,6 +14,7 @@
 #include "backup/restore_journal.hpp"
 #include "backup/restore_task.hpp"
 #include "connections/api_transport.hpp"
+#include "platform/sqlite_db.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/org_records.hpp"
 #include "tools/orgsim/schema.hpp"
@@ -651,6 +652,33 @@ TEST_F(RestoreTaskTest, JournalIsPrivateToItsOwner) {
   EXPECT_EQ(perms & std::filesystem::perms::all,
             std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   EXPECT_EQ(journal.find("org", "001000000000001")->state, "sent");
+}
+
+TEST_F(RestoreTaskTest, AJournalWrittenBeforeReferencesWereKeptStillServes) {
+  const auto path = journal_.path() / "old.sqlite";
+  {
+    auto db = SQLiteDB::open(path);
+    db->exec(
+        "CREATE TABLE restored(org TEXT NOT NULL, key TEXT NOT NULL, object TEXT NOT NULL, "
+        "old_id TEXT NOT NULL, action TEXT NOT NULL, state TEXT NOT NULL, new_id TEXT NOT NULL "
+        "DEFAULT '', message TEXT NOT NULL DEFAULT '', batch INTEGER NOT NULL DEFAULT 0, sent_at "
+        "TEXT NOT NULL DEFAULT '', sent_body TEXT NOT NULL DEFAULT '', job_id TEXT NOT NULL "
+        "DEFAULT '', PRIMARY KEY(org, key)) WITHOUT ROWID;"
+        "INSERT INTO restored(org, key, object, old_id, action, state, new_id) VALUES('org', "
+        "'001000000000001', 'Account', '001000000000001AAA', 'create', 'done', '001000000000009AAA');");
+  }
+  RestoreJournal journal(path);
+  EXPECT_EQ(journal.find("org", "001000000000001AAA")->newId, "001000000000009AAA");
+  // A record's own entry and a patch of it live side by side.
+  journal.recordSending("org", {{"Account", "001000000000001AAA", "patch", "sent", "", "", 2,
+                                 "2026-01-01T00:00:00.000Z", "", "", "{}"}});
+  RestoreJournal::Entry patched{"Account", "001000000000001AAA", "patch", "done",
+                                "001000000000009AAA", "", 2, "", "", "", ""};
+  journal.recordOutcomes("org", {patched});
+  const auto entries = journal.entries("org");
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries.at("001000000000001").state, "done");
+  EXPECT_EQ(entries.at("patch:001000000000001").state, "done");
 }
 
 }  // namespace
