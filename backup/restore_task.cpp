@@ -831,6 +831,9 @@ struct Planner {
         record.result = "restoredEarlier";
       } else if (!version->second.downloaded) {
         record.reason = "Its body was never downloaded into the backup.";
+      } else if (std::error_code missing; !std::filesystem::is_regular_file(
+                     request.location.filesFolder() / SafeFileName::clean(record.file), missing)) {
+        record.reason = "Its body is missing from the Files folder.";
       } else if (!request.retryFailed && done != earlier.end() && done->second.state == "refused") {
         failedBefore(record, done->second);
       } else {

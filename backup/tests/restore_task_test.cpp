@@ -573,6 +573,31 @@ TEST_F(RestoreTaskTest, ADocumentOnSeveralRecordsIsUploadedOnceAndLinkedToEach) 
   EXPECT_TRUE(RestoreTask::run(*transport_, request).nothingLeft());
 }
 
+TEST_F(RestoreTaskTest, ADocumentWhoseBodyIsGoneFromTheBackupIsSkippedAndNamed) {
+  makeOrg(2);
+  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
+  removeAll(accounts_);
+  ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 2);
+  store().advanceClock(2min);
+  ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+  for (const auto& body : std::filesystem::directory_iterator(config().location.filesFolder()))
+    if (body.is_regular_file()) std::filesystem::remove(body.path());
+
+  auto request = this->request();
+  request.withChildren = true;
+  const auto result = RestoreTask::run(*transport_, request);
+  EXPECT_EQ(result.restored, 2u);
+  bool named = false;
+  for (const auto& record : result.plan.records)
+    if (record.object == "ContentVersion") {
+      EXPECT_EQ(record.action, Action::skip);
+      EXPECT_EQ(record.reason, "Its body is missing from the Files folder.");
+      named = true;
+    }
+  EXPECT_TRUE(named);
+  EXPECT_TRUE(RestoreTask::run(*transport_, request).nothingLeft());
+}
+
 TEST_F(RestoreTaskTest, ARecordSalesforceRefusesFailsWithItsWordsAndTheRestGoOn) {
   makeOrg(4);
   ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
