@@ -285,6 +285,17 @@ bool goesWithAnother(std::string_view object) {
          endsWith("Feed");
 }
 
+// Whether Salesforce's error code means that the record itself is refused,
+// so that sending it again as it is would fail again. A row lock or an
+// error of Salesforce's own passes.
+bool refusedForGood(std::string_view code) {
+  if (code.empty()) return false;
+  for (std::string_view passing : {"UNABLE_TO_LOCK_ROW", "UNKNOWN_EXCEPTION", "SERVER_UNAVAILABLE",
+                                   "REQUEST_RUNNING_TOO_LONG", "REQUEST_LIMIT_EXCEEDED"})
+    if (code.substr(0, passing.size()) == passing) return false;
+  return true;
+}
+
 // A further link of a document: ContentDocumentLink with the record it links.
 bool isLink(const Record& record) {
   return record.object == "ContentDocumentLink" && !record.parentId.empty();
@@ -1244,10 +1255,12 @@ class Writer {
                 entry.newId = row.fields.empty() ? std::string() : row.fields[0];
                 entry.message.clear();
               } else {
-                entry.state = "refused";
                 entry.message = row.fields.size() > 1 && !row.fields[1].empty()
                                     ? row.fields[1]
                                     : std::string("Salesforce gave no reason.");
+                // sf__Error reads "CODE:message".
+                if (refusedForGood(entry.message.substr(0, entry.message.find(':'))))
+                  entry.state = "refused";
               }
               return true;
             });
@@ -1345,7 +1358,7 @@ class Writer {
         record.result = "failed";
         record.message = results[i].message;
         // Salesforce's own refusal stands for later runs; a missing result does not.
-        if (!results[i].statusCode.empty()) refused_.insert(&record);
+        if (refusedForGood(results[i].statusCode)) refused_.insert(&record);
         if (!isLink(record)) failed_.insert(id15(record.id));
       }
     }
@@ -1367,7 +1380,8 @@ class Writer {
       } else {
         record.result = "failed";
         record.message = i < results.size() ? results[i].reason : "Salesforce sent no result.";
-        if (i < results.size()) refused_.insert(&record);
+        if (i < results.size() && refusedForGood(record.message.substr(0, record.message.find(':'))))
+          refused_.insert(&record);
         refused.push_back(record.id);
       }
     }
