@@ -1,5 +1,6 @@
 #include "app/restore_command.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -24,6 +25,7 @@ void restore(CommandContext& context, SalesforceAPI::Client& api, const Argument
   request.ids = arguments.ids;
   request.fields = arguments.fields;
   request.withChildren = arguments.withChildren;
+  request.retryFailed = arguments.retryFailed;
   request.from = arguments.from;
   request.asOf = arguments.asOf;
   APITransport transport(api, org);
@@ -39,12 +41,8 @@ void restore(CommandContext& context, SalesforceAPI::Client& api, const Argument
   {
     const auto plan = RestoreTask::plan(transport, request);
     if (plan.toWrite() == 0) {
-      context.print(arguments.json
-                        ? RestoreReport::nothingLeftJSON(org.username, plan)
-                        : "Nothing is left to restore: every " + arguments.object +
-                              " record asked for is live, restored earlier, or cannot be "
-                              "restored (" +
-                              RestoreReport::countsText(plan) + ").\n");
+      context.print(arguments.json ? RestoreReport::nothingLeftJSON(org.username, plan)
+                                   : RestoreReport::nothingLeftText(arguments.object, plan));
       return;
     }
     ProductionGuard::confirm(org,
@@ -97,6 +95,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->delimiter(',');
   command->add_flag("--with-children", arguments->withChildren,
                     "Also the deleted records that pointed at them, and their documents");
+  command->add_flag("--retry-failed", arguments->retryFailed,
+                    "Send again the records Salesforce refused in an earlier run");
   command->add_flag("--dry-run", arguments->dryRun, "Print the plan; write nothing");
   command->add_flag("--json", arguments->json, "Print the outcome as one JSON object");
   command->add_option("--results", arguments->results,

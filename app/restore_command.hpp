@@ -21,6 +21,7 @@ struct Arguments {
   std::vector<std::string> ids;
   std::vector<std::string> fields;
   bool withChildren = false;
+  bool retryFailed = false;
   bool dryRun = false;
   bool json = false;
   std::string results;  // an .xlsx of every record; empty: a CSV of failures beside the journal

@@ -1452,12 +1452,15 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
     // Each document's record, by id, object and name, so that every document
     // of a record can be found.
     std::string links = BackupCSV::line(std::vector<std::string>{
-        "ContentDocumentId", "LinkedEntityId", "LinkedObject", "LinkedRecordName"});
+        "ContentDocumentId", "LinkedEntityId", "LinkedObject", "LinkedRecordName", "ShareType",
+        "Visibility"});
     if (auto data = Durable::readWhole(context.folder / csvName("ContentDocumentLink"))) {
       int documentAt = -1;
       int entityAt = -1;
       int typeAt = -1;
       int nameAt = -1;
+      int shareAt = -1;
+      int visibilityAt = -1;
       BackupCSV::scan(
           *data,
           [&](const BackupCSV::Record& header) {
@@ -1465,6 +1468,8 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
             entityAt = columnOf(header.fields, "LinkedEntityId");
             typeAt = columnOf(header.fields, "LinkedEntity.Type");
             nameAt = columnOf(header.fields, "LinkedEntity.Name");
+            shareAt = columnOf(header.fields, "ShareType");
+            visibilityAt = columnOf(header.fields, "Visibility");
           },
           [&](const BackupCSV::Record& record) {
             if (documentAt < 0 || entityAt < 0) return false;
@@ -1472,7 +1477,8 @@ RunSummary BackupRunner::finish(Context& context, const std::string& stopMessage
             auto field = [&](int at) { return at >= 0 && at < size ? record.fields[at] : ""; };
             if (std::max(documentAt, entityAt) < size)
               BackupCSV::appendLine(links, {record.fields[documentAt], record.fields[entityAt],
-                                            field(typeAt), field(nameAt)});
+                                            field(typeAt), field(nameAt), field(shareAt),
+                                            field(visibilityAt)});
             return true;
           });
     }

@@ -12,12 +12,12 @@ std::string key(const std::string& id) { return id.substr(0, 15); }
 RestoreJournal::Entry entryOf(Statement& row) {
   return {row.columnText(0), row.columnText(1), row.columnText(2), row.columnText(3),
           row.columnText(4), row.columnText(5), row.columnInt(6),  row.columnText(7),
-          row.columnText(8), row.columnText(9)};
+          row.columnText(8), row.columnText(9), row.columnText(10)};
 }
 
 constexpr const char* selectEntry =
-    "SELECT object, old_id, action, state, new_id, message, batch, sent_at, sent_body, job_id "
-    "FROM restored WHERE org = ?";
+    "SELECT object, old_id, action, state, new_id, message, batch, sent_at, sent_body, job_id, "
+    "emptied FROM restored WHERE org = ?";
 
 }  // namespace
 
@@ -34,6 +34,16 @@ RestoreJournal::RestoreJournal(const std::filesystem::path& path) {
       "batch INTEGER NOT NULL DEFAULT 0, sent_at TEXT NOT NULL DEFAULT '', "
       "sent_body TEXT NOT NULL DEFAULT '', job_id TEXT NOT NULL DEFAULT '', "
       "PRIMARY KEY(org, key)) WITHOUT ROWID;");
+  // Journals written before references were kept gain the column.
+  auto columns = db_->prepare("SELECT 1 FROM pragma_table_info('restored') WHERE name = 'emptied'");
+  if (!columns.step())
+    db_->exec("ALTER TABLE restored ADD COLUMN emptied TEXT NOT NULL DEFAULT ''");
+}
+
+std::string RestoreJournal::keyOf(const std::string& action, const std::string& oldId) {
+  if (action == "link") return "link:" + oldId;
+  if (action == "patch") return "patch:" + key(oldId);
+  return key(oldId);
 }
 
 RestoreJournal::~RestoreJournal() = default;
@@ -56,7 +66,7 @@ std::map<std::string, RestoreJournal::Entry> RestoreJournal::entries(const std::
   std::map<std::string, Entry> found;
   while (row.step()) {
     auto entry = entryOf(row);
-    found.emplace(key(entry.oldId), std::move(entry));
+    found.emplace(keyOf(entry.action, entry.oldId), std::move(entry));
   }
   return found;
 }
@@ -71,15 +81,16 @@ void RestoreJournal::recordSending(const std::string& org, const std::vector<Ent
   Transaction transaction(*db_);
   auto insert = db_->prepare(
       "INSERT INTO restored(org, key, object, old_id, action, state, new_id, message, batch, "
-      "sent_at, sent_body, job_id) VALUES(?, ?, ?, ?, ?, 'sent', '', '', ?, ?, ?, ?) "
+      "sent_at, sent_body, job_id, emptied) VALUES(?, ?, ?, ?, ?, 'sent', '', '', ?, ?, ?, ?, ?) "
       "ON CONFLICT(org, key) DO UPDATE SET action = excluded.action, state = 'sent', "
       "new_id = '', message = '', batch = excluded.batch, sent_at = excluded.sent_at, "
-      "sent_body = excluded.sent_body, job_id = excluded.job_id");
+      "sent_body = excluded.sent_body, job_id = excluded.job_id, emptied = excluded.emptied");
   for (const auto& entry : entries) {
     insert.reset();
-    insert.bindText(1, org).bindText(2, key(entry.oldId)).bindText(3, entry.object);
+    insert.bindText(1, org).bindText(2, keyOf(entry.action, entry.oldId)).bindText(3, entry.object);
     insert.bindText(4, entry.oldId).bindText(5, entry.action).bindInt(6, entry.batch);
-    insert.bindText(7, entry.sentAt).bindText(8, entry.sentBody).bindText(9, entry.jobId).run();
+    insert.bindText(7, entry.sentAt).bindText(8, entry.sentBody).bindText(9, entry.jobId);
+    insert.bindText(10, entry.emptied).run();
   }
   transaction.commit();
 }
@@ -88,10 +99,15 @@ void RestoreJournal::recordOutcomes(const std::string& org, const std::vector<En
   Transaction transaction(*db_);
   auto update = db_->prepare(
       "UPDATE restored SET state = ?, new_id = ?, message = ? WHERE org = ? AND key = ?");
+  auto filled = db_->prepare("UPDATE restored SET emptied = ? WHERE org = ? AND key = ?");
   for (const auto& entry : entries) {
     update.reset();
     update.bindText(1, entry.state).bindText(2, entry.newId).bindText(3, entry.message);
-    update.bindText(4, org).bindText(5, key(entry.oldId)).run();
+    update.bindText(4, org).bindText(5, keyOf(entry.action, entry.oldId)).run();
+    if (entry.action == "patch" && entry.state == "done") {
+      filled.reset();
+      filled.bindText(1, entry.emptied).bindText(2, org).bindText(3, key(entry.oldId)).run();
+    }
   }
   transaction.commit();
 }

@@ -1,5 +1,7 @@
 #include "backup/restore_report.hpp"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
@@ -64,6 +66,13 @@ Ordered recordsJSON(const RestoreTask::Plan& plan, bool ran) {
   return records;
 }
 
+std::string retryText(std::size_t refused) {
+  const bool one = refused == 1;
+  return fmt::format(
+      "{} {} Salesforce refused in an earlier run {} left alone; --retry-failed sends {} again.\n",
+      refused, one ? "record" : "records", one ? "was" : "were", one ? "it" : "them");
+}
+
 }  // namespace
 
 std::string countsText(const RestoreTask::Plan& plan) {
@@ -108,6 +117,7 @@ std::string resultText(const RestoreTask::Result& result,
   out += fmt::format("{} restored, {} failed", result.restored, result.failed);
   if (result.earlier > 0) out += fmt::format(", {} restored earlier", result.earlier);
   out += ".\n";
+  if (result.failedEarlier > 0) out += retryText(result.failedEarlier);
   if (result.stopped)
     out +=
         "Stopped before the end, as asked. Run the same command again to go on; nothing "
@@ -127,6 +137,16 @@ std::string nothingLeftJSON(const std::string& username, const RestoreTask::Plan
          '\n';
 }
 
+std::string nothingLeftText(const std::string& object, const RestoreTask::Plan& plan) {
+  std::string out = "Nothing is left to restore: every " + object +
+                    " record asked for is live, restored earlier, or cannot be restored (" +
+                    countsText(plan) + ").\n";
+  const auto refused = std::count_if(plan.records.begin(), plan.records.end(),
+                                     [](const Record& r) { return r.result == "failedEarlier"; });
+  if (refused > 0) out += retryText(static_cast<std::size_t>(refused));
+  return out;
+}
+
 std::string resultJSON(const std::string& username, const RestoreTask::Result& result,
                        const std::optional<std::filesystem::path>& failures) {
   return Ordered{{"username", username},
@@ -134,6 +154,7 @@ std::string resultJSON(const std::string& username, const RestoreTask::Result& r
                  {"dryRun", false},
                  {"restored", result.restored},
                  {"failed", result.failed},
+                 {"failedEarlier", result.failedEarlier},
                  {"stopped", result.stopped},
                  {"failures", failures ? Ordered(failures->string()) : Ordered()},
                  {"records", recordsJSON(result.plan, true)}}

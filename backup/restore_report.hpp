@@ -22,6 +22,9 @@ std::string planText(const RestoreTask::Plan& plan);
 // plan of a run that found nothing left to write, marked "nothingLeft".
 std::string planJSON(const std::string& username, const RestoreTask::Plan& plan);
 std::string nothingLeftJSON(const std::string& username, const RestoreTask::Plan& plan);
+// "Nothing is left to restore: every Account record asked for is live, ...",
+// and how to send again the records Salesforce refused in an earlier run.
+std::string nothingLeftText(const std::string& object, const RestoreTask::Plan& plan);
 
 // One line per record written (outcome, object, old and new Id, detail), then
 // the counts, whether a stop ended it, and where the failures and the

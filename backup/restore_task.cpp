@@ -5,11 +5,12 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <condition_variable>
 #include <deque>
 #include <map>
 #include <functional>
+#include <mutex>
 #include <set>
-#include <thread>
 #include <tuple>
 
 #include <fmt/format.h>
@@ -284,6 +285,46 @@ bool goesWithAnother(std::string_view object) {
          endsWith("Feed");
 }
 
+// Whether Salesforce's error code means that the record itself is refused,
+// so that sending it again as it is would fail again. A row lock or an
+// error of Salesforce's own passes.
+bool refusedForGood(std::string_view code) {
+  if (code.empty()) return false;
+  for (std::string_view passing : {"UNABLE_TO_LOCK_ROW", "UNKNOWN_EXCEPTION", "SERVER_UNAVAILABLE",
+                                   "REQUEST_RUNNING_TOO_LONG", "REQUEST_LIMIT_EXCEEDED"})
+    if (code.substr(0, passing.size()) == passing) return false;
+  return true;
+}
+
+// A further link of a document: ContentDocumentLink with the record it links.
+bool isLink(const Record& record) {
+  return record.object == "ContentDocumentLink" && !record.parentId.empty();
+}
+
+// A link's old id in the journal: the document's and the record's 15-character ids.
+std::string linkKey(const Record& link) { return id15(link.documentId) + id15(link.parentId); }
+
+// The id a record has in the journal.
+std::string journalId(const Record& record) {
+  return isLink(record) ? linkKey(record) : record.id;
+}
+
+// The action a record's batch has in the journal.
+std::string journalAction(const Record& record) {
+  if (isLink(record)) return "link";
+  if (record.patch) return "patch";
+  if (record.object == "ContentVersion" && !record.parentId.empty()) return "upload";
+  return actionText(record.action);
+}
+
+// References left empty, as the journal keeps them: {"Field": "old id"}.
+std::string emptiedText(const Record& record) {
+  if (record.emptied.empty()) return {};
+  Json fields = Json::object();
+  for (const auto& value : record.emptied) fields[value.field] = value.text;
+  return fields.dump();
+}
+
 std::string orgKeyOf(const BackupLocation& location) {
   return location.orgKey + "/" + location.username;
 }
@@ -411,9 +452,59 @@ struct Planner {
     classify(main, ids, rows, 0, chosen);
     if (request.withChildren) addChildren(chosen);
     resolveReferences();
+    planPatches();
     order();
     if (request.withChildren) addDocuments();
     return std::move(plan);
+  }
+
+  // Records an earlier run created with references left empty get those
+  // references pointed at the records they name, once those are restored
+  // (by this plan, or by a run since).
+  void planPatches() {
+    std::set<std::string> restoredNow;
+    for (const auto& record : plan.records)
+      if (record.action == Action::undelete || record.action == Action::create)
+        restoredNow.insert(id15(record.id));
+    for (const auto& [key, entry] : earlier) {
+      if (entry.action != "create" || entry.state != "done" || entry.emptied.empty()) continue;
+      const Json emptied = Json::parse(entry.emptied, nullptr, false);
+      if (!emptied.is_object()) continue;
+      Record record;
+      record.object = entry.object;
+      record.id = entry.oldId;
+      record.newId = entry.newId;
+      record.patch = true;
+      std::string fields;
+      for (const auto& [field, target] : emptied.items()) {
+        if (!target.is_string()) continue;
+        const std::string text = target.get<std::string>();
+        auto done = earlier.find(id15(text));
+        const bool restored =
+            restoredNow.count(id15(text)) ||
+            (done != earlier.end() && done->second.state == "done" &&
+             (done->second.action == "create" || done->second.action == "undelete"));
+        FieldValue value{field, text, FieldValue::Literal::reference};
+        if (!restored) {
+          record.emptied.push_back(std::move(value));
+          continue;
+        }
+        fields += (fields.empty() ? "" : ", ") + field;
+        record.changes.push_back({field, "", text});
+        record.values.push_back(std::move(value));
+      }
+      if (record.values.empty()) continue;
+      auto patched = earlier.find(RestoreJournal::keyOf("patch", entry.oldId));
+      if (!request.retryFailed && patched != earlier.end() && patched->second.state == "refused") {
+        failedBefore(record, patched->second);
+        record.changes.clear();
+      } else {
+        record.action = Action::update;
+        record.reason = "It was restored as " + entry.newId + " with " + fields +
+                        " left empty; the record that names is back now.";
+      }
+      plan.records.push_back(std::move(record));
+    }
   }
 
   // One object's records: skip, undelete or create, by where each stands.
@@ -429,6 +520,10 @@ struct Planner {
       record.level = level;
       auto done = earlier.find(id15(id));
       const Standing standingNow = where[id15(id)];
+      auto refusedBefore = [&](const char* action) {
+        return !request.retryFailed && done != earlier.end() && done->second.state == "refused" &&
+               done->second.action == action;
+      };
       if (done != earlier.end() && done->second.state == "done" && done->second.action == "create") {
         record.reason = "Restored earlier as " + done->second.newId + ".";
         record.newId = done->second.newId;
@@ -441,6 +536,9 @@ struct Planner {
           record.result = "restoredEarlier";
           chosen.insert(id15(id));
         }
+      } else if (standingNow == Standing::inTheBin && refusedBefore("undelete")) {
+        failedBefore(record, done->second);
+        chosen.insert(id15(id));
       } else if (standingNow == Standing::inTheBin) {
         record.action = Action::undelete;
         chosen.insert(id15(id));
@@ -448,6 +546,9 @@ struct Planner {
         auto row = rows.find(id);
         if (row == rows.end()) {
           record.reason = "No backup up to " + plan.folder + " holds it.";
+        } else if (refusedBefore("create")) {
+          failedBefore(record, done->second);
+          chosen.insert(id15(id));
         } else {
           record.action = Action::create;
           for (const auto& [name, text] : row->second) {
@@ -463,6 +564,13 @@ struct Planner {
       }
       plan.records.push_back(std::move(record));
     }
+  }
+
+  // A record Salesforce refused in an earlier run, left alone.
+  static void failedBefore(Record& record, const RestoreJournal::Entry& entry) {
+    record.reason = "failed in an earlier run: " + entry.message;
+    record.result = "failedEarlier";
+    record.message = entry.message;
   }
 
   // Deleted records of other objects that pointed at the chosen ones, level by level.
@@ -591,6 +699,7 @@ struct Planner {
           kept.push_back(std::move(value));
         } else {
           record.unresolved.push_back(value.field + " (" + value.text + ")");
+          record.emptied.push_back(std::move(value));
         }
       }
       record.values = std::move(kept);
@@ -662,7 +771,15 @@ struct Planner {
           (record.result == "restoredEarlier" && record.newId != record.id))
         created.insert(id15(record.id));
     if (created.empty()) return;
-    std::map<std::string, std::string> documentRecord;  // document id -> the record's old id
+    // Document id -> the records it is linked to (old ids), with the link's
+    // ShareType and Visibility where the backup has them.
+    struct Link {
+      std::string record;
+      std::string shareType;
+      std::string visibility;
+    };
+    std::map<std::string, std::vector<Link>> documentRecords;
+    std::set<std::pair<std::string, std::string>> linked;
     auto runs = store->runs();
     std::reverse(runs.begin(), runs.end());
     for (const auto& older : runs) {
@@ -674,29 +791,47 @@ struct Planner {
         continue;
       }
       if (!data) continue;
+      int shareTypeAt = -1;
+      int visibilityAt = -1;
       try {
-        BackupCSV::scan(*data, [](const BackupCSV::Record&) {},
-                        [&](const BackupCSV::Record& link) {
-                          if (link.fields.size() >= 2 && created.count(id15(link.fields[1])))
-                            documentRecord.emplace(link.fields[0], link.fields[1]);
-                          return true;
-                        });
+        BackupCSV::scan(
+            *data,
+            [&](const BackupCSV::Record& head) {
+              for (std::size_t at = 0; at < head.fields.size(); ++at) {
+                if (head.fields[at] == "ShareType") shareTypeAt = static_cast<int>(at);
+                if (head.fields[at] == "Visibility") visibilityAt = static_cast<int>(at);
+              }
+            },
+            [&](const BackupCSV::Record& link) {
+              if (link.fields.size() < 2 || !created.count(id15(link.fields[1]))) return true;
+              if (!linked.emplace(id15(link.fields[0]), id15(link.fields[1])).second) return true;
+              auto cell = [&](int at) {
+                return at >= 0 && static_cast<std::size_t>(at) < link.fields.size()
+                           ? link.fields[static_cast<std::size_t>(at)]
+                           : std::string();
+              };
+              documentRecords[link.fields[0]].push_back(
+                  {link.fields[1], cell(shareTypeAt), cell(visibilityAt)});
+              return true;
+            });
       } catch (const BackupCSV::Unreadable&) {
       }
     }
-    if (documentRecord.empty()) return;
+    if (documentRecords.empty()) return;
     std::map<std::string, BackupStore::FileVersion> latest;  // by document id
     for (auto& version : store->fileVersions())
       if (version.object == "ContentVersion" && version.isLatest &&
-          documentRecord.count(version.documentId))
+          documentRecords.count(version.documentId))
         latest[version.documentId] = std::move(version);
-    for (const auto& [document, owner] : documentRecord) {
+    std::vector<Record> links;
+    for (const auto& [document, records] : documentRecords) {
       auto version = latest.find(document);
       if (version == latest.end()) continue;
       Record record;
       record.object = "ContentVersion";
       record.id = version->second.id;
-      record.parentId = owner;
+      record.parentId = records.front().record;
+      record.documentId = document;
       record.file = version->second.nameOnDisk;
       record.checksum = version->second.checksum;
       record.level = 1'000'000;
@@ -707,14 +842,50 @@ struct Planner {
         record.result = "restoredEarlier";
       } else if (!version->second.downloaded) {
         record.reason = "Its body was never downloaded into the backup.";
+      } else if (std::error_code missing; !std::filesystem::is_regular_file(
+                     request.location.filesFolder() / SafeFileName::clean(record.file), missing)) {
+        record.reason = "Its body is missing from the Files folder.";
+      } else if (!request.retryFailed && done != earlier.end() && done->second.state == "refused") {
+        failedBefore(record, done->second);
       } else {
         record.action = Action::create;
         record.values = {{"Title", version->second.title, FieldValue::Literal::string},
                          {"PathOnClient", SafeFileName::clean(version->second.nameOnDisk),
                           FieldValue::Literal::string}};
       }
+      const bool uploaded = record.action == Action::create || record.result == "restoredEarlier";
       plan.records.push_back(std::move(record));
+      if (!uploaded) continue;
+      // The upload links the document to the first record; a link each for the others.
+      for (std::size_t at = 1; at < records.size(); ++at) {
+        Record link;
+        link.object = "ContentDocumentLink";
+        link.id = document;
+        link.documentId = document;
+        link.parentId = records[at].record;
+        link.level = 1'000'001;
+        link.values = {{"ContentDocumentId", document, FieldValue::Literal::reference},
+                       {"LinkedEntityId", records[at].record, FieldValue::Literal::reference}};
+        if (!records[at].shareType.empty())
+          link.values.push_back({"ShareType", records[at].shareType, FieldValue::Literal::string});
+        if (!records[at].visibility.empty())
+          link.values.push_back({"Visibility", records[at].visibility, FieldValue::Literal::string});
+        auto made = earlier.find(RestoreJournal::keyOf("link", linkKey(link)));
+        if (made != earlier.end() && made->second.state == "done") {
+          link.reason = "Linked earlier.";
+          link.result = "restoredEarlier";
+          link.values.clear();
+        } else if (!request.retryFailed && made != earlier.end() && made->second.state == "refused") {
+          failedBefore(link, made->second);
+          link.values.clear();
+        } else {
+          link.action = Action::create;
+          link.reason = "It links the document to " + link.parentId + " as well.";
+        }
+        links.push_back(std::move(link));
+      }
     }
+    for (auto& link : links) plan.records.push_back(std::move(link));
   }
 
   // --fields: live records get those fields back where they differ.
@@ -792,7 +963,8 @@ class Writer {
         org_(orgKeyOf(request.location)),
         clockOffset_(clockOffset) {
     for (const auto& [key, entry] : journal_.entries(org_))
-      if (entry.state == "done") newIds_[key] = entry.newId;
+      if (entry.state == "done" && entry.action != "link" && entry.action != "patch")
+        newIds_[key] = entry.newId;
   }
 
   // Learns from the org what became of every batch sent before a stop whose
@@ -804,7 +976,8 @@ class Writer {
     for (auto& [which, entries] : batches) {
       report(onProgress_, Phase::resuming, 0, static_cast<std::int64_t>(entries.size()), which.first);
       if (!entries.front().jobId.empty()) {
-        finishJob(entries.front().jobId, entries);
+        // A stop while the job runs leaves it to the next run again.
+        if (!finishJob(entries.front().jobId, entries)) throwIfStopped(stop_);
       } else if (entries.front().action == "create" || entries.front().action == "upload") {
         findCreated(which.first, entries);
       } else {
@@ -815,12 +988,14 @@ class Writer {
       }
       journal_.recordOutcomes(org_, entries);
       for (const auto& entry : entries)
-        if (entry.state == "done") newIds_[id15(entry.oldId)] = entry.newId;
+        if (entry.state == "done" && entry.action != "link" && entry.action != "patch")
+          newIds_[id15(entry.oldId)] = entry.newId;
     }
   }
 
   void write(Result& result) {
     auto& records = result.plan.records;
+    records_ = &records;
     const auto total = static_cast<std::int64_t>(result.plan.toWrite());
     const auto creates = std::count_if(records.begin(), records.end(), [](const Record& r) {
       return r.action == Action::create && r.parentId.empty();
@@ -835,7 +1010,7 @@ class Writer {
       }
       std::size_t to = from;
       const bool upload = first.object == "ContentVersion" && !first.parentId.empty();
-      const bool byBulk = bulk && !upload && first.action == Action::create;
+      const bool byBulk = bulk && first.parentId.empty() && first.action == Action::create;
       const std::size_t most = upload ? 1 : byBulk ? bulkJobSize : batchSize;
       while (to < records.size() && to - from < most &&
              records[to].action == first.action && records[to].object == first.object &&
@@ -854,6 +1029,8 @@ class Writer {
       report(onProgress_, phase, done, total, first.object);
       if (upload) {
         uploadDocument(*batch.front());
+      } else if (isLink(first)) {
+        link(batch);
       } else if (byBulk) {
         createByBulk(batch);
       } else if (first.action == Action::undelete) {
@@ -865,10 +1042,15 @@ class Writer {
       from = to;
     }
     for (auto& record : records) {
-      if (record.action != Action::skip && record.result.empty()) record.result = "notSent";
+      if (record.action != Action::skip && record.result.empty()) {
+        record.result = "notSent";
+        // A stop while the last batch's Bulk API job ran.
+        if (stop_.stop_requested()) result.stopped = true;
+      }
       if (record.result == "restored") ++result.restored;
       if (record.result == "failed") ++result.failed;
       if (record.result == "restoredEarlier") ++result.earlier;
+      if (record.result == "failedEarlier") ++result.failedEarlier;
     }
     report(onProgress_, Phase::finished, done, total);
   }
@@ -884,8 +1066,9 @@ class Writer {
     const auto at = now();
     std::vector<RestoreJournal::Entry> entries;
     for (std::size_t i = 0; i < batch.size(); ++i)
-      entries.push_back({batch[i]->object, batch[i]->id, action, "sent", "", "", number, at,
-                         i < bodies.size() ? bodies[i] : std::string(), jobId});
+      entries.push_back({batch[i]->object, journalId(*batch[i]), action, "sent", "", "", number,
+                         at, i < bodies.size() ? bodies[i] : std::string(), jobId,
+                         emptiedText(*batch[i])});
     journal_.recordSending(org_, entries);
   }
 
@@ -894,13 +1077,17 @@ class Writer {
     for (auto* record : batch) {
       RestoreJournal::Entry entry;
       entry.object = record->object;
-      entry.oldId = record->id;
+      entry.oldId = journalId(*record);
       entry.action = action;
-      entry.state = record->result == "restored" ? "done" : "failed";
+      entry.state = record->result == "restored" ? "done"
+                    : refused_.count(record)     ? "refused"
+                                                 : "failed";
       entry.newId = record->newId;
       entry.message = record->message;
+      entry.emptied = emptiedText(*record);
       entries.push_back(std::move(entry));
-      if (record->result == "restored") newIds_[id15(record->id)] = record->newId;
+      if (record->result == "restored" && !isLink(*record) && !record->patch)
+        newIds_[id15(record->id)] = record->newId;
     }
     journal_.recordOutcomes(org_, entries);
   }
@@ -919,6 +1106,7 @@ class Writer {
           text = now->second;
         } else if (failed_.count(id15(text))) {
           record.unresolved.push_back(value.field + " (" + value.text + ")");
+          record.emptied.push_back(value);
           continue;
         }
       }
@@ -983,7 +1171,14 @@ class Writer {
       entry.jobId = job.id;
       entries.push_back(std::move(entry));
     }
-    finishJob(job.id, entries);
+    if (!finishJob(job.id, entries)) {
+      // Stopped while the job runs: its rows stay "sent" with the job's id,
+      // and the next run reads what the job did.
+      for (auto* record : batch)
+        record->message = "Its Bulk API job was still running at the stop; the next run reads "
+                          "its results.";
+      return;
+    }
     for (std::size_t i = 0; i < batch.size(); ++i) {
       auto& record = *batch[i];
       if (entries[i].state == "done") {
@@ -992,6 +1187,7 @@ class Writer {
       } else {
         record.result = "failed";
         record.message = entries[i].message;
+        if (entries[i].state == "refused") refused_.insert(&record);
         failed_.insert(id15(record.id));
       }
     }
@@ -999,14 +1195,15 @@ class Writer {
   }
 
   // Waits for an ingest job to finish and reads each entry's outcome from its
-  // result files, matched by the cells sent. Entries the job did not write
-  // are failed, to be sent again.
-  void finishJob(const std::string& id, std::vector<RestoreJournal::Entry>& entries) {
+  // result files, matched by the cells sent: rows Salesforce turned down are
+  // refused, rows the job did not write are failed, to be sent again. False,
+  // with the entries untouched, when a stop came while the job ran.
+  bool finishJob(const std::string& id, std::vector<RestoreJournal::Entry>& entries) {
     auto job = BulkIngestJob::status(transport_, id);
     if (job.state == "Open") job = BulkIngestJob::setState(transport_, id, "Aborted");
     for (auto wait = std::chrono::milliseconds(50); !job.finished();
          wait = std::min(wait * 2, std::chrono::milliseconds(2000))) {
-      std::this_thread::sleep_for(wait);
+      if (!pause(wait)) return false;
       job = BulkIngestJob::status(transport_, id);
     }
     for (auto& entry : entries) {
@@ -1018,7 +1215,7 @@ class Writer {
     if (job.state == "Aborted" && job.errorMessage.empty()) {
       for (auto& entry : entries) entry.message = "Not written before the stop; sent again.";
     }
-    if (job.state != "JobComplete") return;
+    if (job.state != "JobComplete") return true;
     // The rows sent, by their cells in the order of the result file's columns.
     const auto [successful, failedRows] = BulkIngestJob::resultFiles(transport_, id);
     std::vector<Json> sent;
@@ -1061,6 +1258,9 @@ class Writer {
                 entry.message = row.fields.size() > 1 && !row.fields[1].empty()
                                     ? row.fields[1]
                                     : std::string("Salesforce gave no reason.");
+                // sf__Error reads "CODE:message".
+                if (refusedForGood(entry.message.substr(0, entry.message.find(':'))))
+                  entry.state = "refused";
               }
               return true;
             });
@@ -1070,6 +1270,59 @@ class Writer {
     };
     read(successful, true);
     read(failedRows, false);
+    return true;
+  }
+
+  // Waits, or less when a stop comes first. False when stopped.
+  bool pause(std::chrono::milliseconds wait) {
+    std::mutex mutex;
+    std::condition_variable_any woken;
+    std::unique_lock lock(mutex);
+    woken.wait_for(lock, stop_, wait, [] { return false; });
+    return !stop_.stop_requested();
+  }
+
+  // Further links of documents uploaded now or earlier. A link whose document
+  // or record is not in the org is failed here, unsent; one Salesforce
+  // already has (DUPLICATE_VALUE) is done.
+  void link(const std::vector<Record*>& batch) {
+    std::map<std::string, std::string> versionOf;  // 15-character document id -> new version id
+    for (const auto& record : *records_)
+      if (record.object == "ContentVersion" && !record.documentId.empty() && !record.newId.empty() &&
+          (record.result == "restored" || record.result == "restoredEarlier"))
+        versionOf[id15(record.documentId)] = record.newId;
+    std::map<std::string, std::string> documentOf;  // 15-character new version id -> old document id
+    std::vector<std::string> versions;
+    for (auto* record : batch) {
+      if (newIds_.count(id15(record->documentId))) continue;
+      auto version = versionOf.find(id15(record->documentId));
+      if (version == versionOf.end() || documentOf.count(id15(version->second))) continue;
+      documentOf[id15(version->second)] = record->documentId;
+      versions.push_back(version->second);
+    }
+    inSlices(versions, [&](const std::vector<std::string>& slice) {
+      queryEach(transport_, "query",
+                "SELECT Id, ContentDocumentId FROM ContentVersion WHERE Id IN (" + idList(slice) + ")",
+                [&](const Json& found) {
+                  auto document = documentOf.find(id15(textOf(found.value("Id", Json()))));
+                  const auto now = textOf(found.value("ContentDocumentId", Json()));
+                  if (document != documentOf.end() && !now.empty())
+                    newIds_[id15(document->second)] = now;
+                });
+    });
+    std::vector<Record*> sendable;
+    for (auto* record : batch) {
+      if (!newIds_.count(id15(record->documentId))) {
+        record->result = "failed";
+        record->message = "The document was not uploaded again.";
+      } else if (!newIds_.count(id15(record->parentId))) {
+        record->result = "failed";
+        record->message = "The record it belongs to was not restored.";
+      } else {
+        sendable.push_back(record);
+      }
+    }
+    if (!sendable.empty()) save(sendable);
   }
 
   void save(const std::vector<Record*>& batch) {
@@ -1082,12 +1335,13 @@ class Writer {
       bodies.push_back("{" + fields + "}");
       if (i > 0) body += ',';
       body += "{\"attributes\":{\"type\":" + type + "}";
-      if (!create) body += ",\"id\":" + Json(batch[i]->id).dump();
+      // A patch writes the record as it is now, created by an earlier run.
+      if (!create) body += ",\"id\":" + Json(batch[i]->patch ? batch[i]->newId : batch[i]->id).dump();
       if (!fields.empty()) body += "," + fields;
       body += '}';
     }
     body += "]}";
-    const std::string action = create ? "create" : "update";
+    const std::string action = journalAction(*batch.front());
     sending(batch, action, create ? bodies : std::vector<std::string>{});
     const auto reply = transport_.send(create ? "POST" : "PATCH", "composite/sobjects", {}, body);
     const auto results = SObjectCollection::results(reply, batch.size());
@@ -1095,11 +1349,17 @@ class Writer {
       auto& record = *batch[i];
       if (results[i].success) {
         record.result = "restored";
-        record.newId = create ? results[i].id : record.id;
+        if (!record.patch) record.newId = create ? results[i].id : record.id;
+      } else if (isLink(record) && results[i].statusCode == "DUPLICATE_VALUE") {
+        // Sent before a stop whose answer was lost, or linked by other means.
+        record.result = "restored";
+        record.message = "It was linked already.";
       } else {
         record.result = "failed";
         record.message = results[i].message;
-        failed_.insert(id15(record.id));
+        // Salesforce's own refusal stands for later runs; a missing result does not.
+        if (refusedForGood(results[i].statusCode)) refused_.insert(&record);
+        if (!isLink(record)) failed_.insert(id15(record.id));
       }
     }
     outcome(batch, action);
@@ -1120,6 +1380,8 @@ class Writer {
       } else {
         record.result = "failed";
         record.message = i < results.size() ? results[i].reason : "Salesforce sent no result.";
+        if (i < results.size() && refusedForGood(record.message.substr(0, record.message.find(':'))))
+          refused_.insert(&record);
         refused.push_back(record.id);
       }
     }
@@ -1131,6 +1393,7 @@ class Writer {
           record->result = "restored";
           record->newId = record->id;
           record->message = "It came back with the record it belongs to.";
+          refused_.erase(record);
         }
     }
     for (auto* record : batch)
@@ -1174,6 +1437,7 @@ class Writer {
       if (failure.signedOut || failure.httpStatus == 0 || failure.httpStatus >= 500) throw;
       record.result = "failed";
       record.message = failure.message.empty() ? error.what() : failure.message;
+      refused_.insert(&record);
       outcome({&record}, "upload");
       return;
     }
@@ -1186,6 +1450,7 @@ class Writer {
       record.message = answer.is_object()
                            ? SObjectCollection::failureText(answer.value("errors", Json::array()))
                            : "Salesforce's answer could not be read.";
+      if (answer.is_object()) refused_.insert(&record);
     }
     outcome({&record}, "upload");
   }
@@ -1250,6 +1515,8 @@ class Writer {
   std::chrono::system_clock::duration clockOffset_;
   std::map<std::string, std::string> newIds_;  // 15-character old id -> the id now
   std::set<std::string> failed_;               // 15-character old ids that failed this run
+  std::set<const Record*> refused_;            // failed this run because Salesforce refused them
+  std::vector<Record>* records_ = nullptr;     // the plan being written
 };
 
 std::filesystem::path journalPath(const Request& request) {

@@ -12,12 +12,18 @@
 //   - with fields, live records get those fields set back to the backup's values;
 //   - with children, also the deleted records that pointed at the restored ones,
 //     and the documents linked to them (uploaded again as ContentVersion with
-//     FirstPublishLocationId, after an MD5 check of the body on disk).
+//     FirstPublishLocationId, after an MD5 check of the body on disk, and
+//     linked with a ContentDocumentLink to each other record restored);
+//   - records created by an earlier restore with a reference left empty get
+//     it filled in once the record it pointed at is restored.
 // Every batch is in RestoreJournal before it is sent and after its reply is
 // read, so a restore stopped anywhere resumes without creating anything twice.
+// A record Salesforce refused is left alone by later restores unless
+// retryFailed asks for it again.
 //
 // Blocking: callers run both on a worker thread. A stop is honoured between
-// batches. They print nothing.
+// batches and while a Bulk API job is awaited (the next run reads that job's
+// results). They print nothing.
 #pragma once
 
 #include <cstdint>
@@ -73,6 +79,7 @@ struct Request {
   std::string from;   // a dated folder's name; empty: the newest usable backup
   std::string asOf;   // "YYYY-MM-DD" or "YYYY-MM-DDTHH:MM" (UTC); the newest backup by then
   std::filesystem::path journal;   // empty: RestoreJournal::standardPath()
+  bool retryFailed = false;  // send again what Salesforce refused in an earlier run
 };
 
 struct FieldChange {
@@ -100,13 +107,23 @@ struct Record {
   std::vector<FieldChange> changes;     // update
   std::vector<std::string> unresolved;  // create: "Field (old id)" left empty
   std::vector<FieldValue> values;       // create and update: what is sent
-  std::string parentId;  // a document: the record it is linked to (its old id)
+  // create: the references left empty (their old targets); a patch: the
+  // references it leaves empty still.
+  std::vector<FieldValue> emptied;
+  // update: the references of a record an earlier run created, pointed at
+  // records restored since (newId is the record as it is now).
+  bool patch = false;
+  // A document, or a further link of one (object ContentDocumentLink, id the
+  // document's old id): the record it is linked to (its old id).
+  std::string parentId;
+  std::string documentId;  // a document or a link: the ContentDocument's old id
   std::string file;      // a document: its body's name in the Files folder
   std::string checksum;  // a document: the MD5 digest the backup recorded
   int level = 0;         // creates: parents before children (lower first)
 
   // After run(): the record's id in the org now (created: the new one), and
-  // "restored", "failed", "restoredEarlier" or "notSent" (stopped before).
+  // "restored", "failed", "restoredEarlier", "failedEarlier" (refused by
+  // Salesforce in an earlier run, skipped) or "notSent" (stopped before).
   std::string newId;
   std::string result;
   std::string message;
@@ -144,6 +161,7 @@ struct Result {
   std::size_t restored = 0;
   std::size_t failed = 0;
   std::size_t earlier = 0;  // restored by an earlier run
+  std::size_t failedEarlier = 0;  // refused in an earlier run, left alone
   bool stopped = false;
   // Nothing was left to write: every record is live, skipped or restored earlier.
   bool nothingLeft() const { return plan.toWrite() == 0; }

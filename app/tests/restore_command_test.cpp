@@ -186,6 +186,18 @@ TEST_F(RestoreCommandTest, AProductionLoginIsAskedFirstAndAFailureListIsWrittenB
   EXPECT_EQ(std::filesystem::status(file).permissions() & std::filesystem::perms::all,
             std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   EXPECT_EQ(store().count("Account"), 2);
+
+  // The refused record is left alone from then on, until asked for again.
+  const auto again = run(arguments());
+  EXPECT_THAT(again, HasSubstr("Nothing is left to restore"));
+  EXPECT_THAT(again, HasSubstr("1 record Salesforce refused in an earlier run was left alone; "
+                               "--retry-failed sends it again."));
+  auto retry = arguments();
+  retry.retryFailed = true;
+  ProductionGuard::Answers::standard().yes = true;
+  const auto retried = run(retry);
+  ProductionGuard::Answers::standard().yes = false;
+  EXPECT_THAT(retried, HasSubstr("0 restored, 1 failed, 2 restored earlier"));
 }
 
 }  // namespace

@@ -244,9 +244,10 @@ TEST_F(BackupFilesTest, FileLinksNameTheLinkedRecordAndItsObject) {
     writer.commit();
   }
   {
-    auto writer = store().writer("ContentDocumentLink", {"LinkedEntityId", "ContentDocumentId"});
-    writer.insert({accounts_[2], document});
-    writer.insert({store().identity().adminUserId, document});
+    auto writer = store().writer("ContentDocumentLink",
+                                 {"LinkedEntityId", "ContentDocumentId", "ShareType", "Visibility"});
+    writer.insert({accounts_[2], document, "C", "InternalUsers"});
+    writer.insert({store().identity().adminUserId, document, "I", "AllUsers"});
     writer.commit();
   }
   only_.push_back("ContentDocumentLink");
@@ -254,12 +255,13 @@ TEST_F(BackupFilesTest, FileLinksNameTheLinkedRecordAndItsObject) {
   ASSERT_EQ(summary.result, RunResult::complete) << summary.message;
 
   auto links = BackupCSV::scan(readFile(summary.folder / "FileLinks.csv"));
-  EXPECT_EQ(links.header, (std::vector<std::string>{"ContentDocumentId", "LinkedEntityId",
-                                                     "LinkedObject", "LinkedRecordName"}));
+  EXPECT_EQ(links.header,
+            (std::vector<std::string>{"ContentDocumentId", "LinkedEntityId", "LinkedObject",
+                                      "LinkedRecordName", "ShareType", "Visibility"}));
   std::set<std::vector<std::string>> rows;
   for (const auto& record : links.records) rows.insert(record.fields);
   EXPECT_EQ(rows.size(), 2u);
-  EXPECT_TRUE(rows.count({document, accounts_[2], "Account", "Account 0002"}))
+  EXPECT_TRUE(rows.count({document, accounts_[2], "Account", "Account 0002", "C", "InternalUsers"}))
       << readFile(summary.folder / "FileLinks.csv");
   const auto user = std::find_if(rows.begin(), rows.end(), [&](const auto& row) {
     return row[1] == store().identity().adminUserId;

@@ -179,6 +179,31 @@ SaveResult create(OrgStore& store, const ObjectDef& object, const nlohmann::json
     return failed(
         error("REQUIRED_FIELD_MISSING", "Required fields are missing: [" + list + "]", missing));
   }
+  // A document is linked to a record once; a second link is refused.
+  if (object.name == "ContentDocumentLink") {
+    std::optional<std::string> document;
+    std::optional<std::string> entity;
+    for (const auto& [field, value] : values) {
+      if (field->name == "ContentDocumentId") document = value;
+      if (field->name == "LinkedEntityId") entity = value;
+    }
+    bool linked = false;
+    if (document && entity) {
+      store.write([&](Database& db) {
+        auto statement = db.prepare(
+            "SELECT 1 FROM \"ContentDocumentLink\" WHERE \"ContentDocumentId\" = ? AND "
+            "\"LinkedEntityId\" = ?");
+        statement.bind(1, *document).bind(2, *entity);
+        linked = statement.step();
+      });
+    }
+    if (linked) {
+      return failed(error("DUPLICATE_VALUE",
+                          "Document with ID: " + *document +
+                              " is already linked with the entity with ID: " + *entity,
+                          {"LinkedEntityId"}));
+    }
+  }
   if (dryRun) {
     SaveResult result;
     result.success = true;
