@@ -62,6 +62,15 @@ struct AlreadyThere {
   std::string why;  // "E-mail the same, name very close."
 };
 
+// A record an export marked as already there, as remembered in the snapshot:
+// its Id and the other object's record it already is.
+struct MarkedAlready {
+  std::string id;
+  std::string otherId;
+  std::string otherName;  // empty for an export by an older version
+  bool operator==(const MarkedAlready&) const = default;
+};
+
 // "Already a Contact", "Already an Account": the other record's Id.
 std::string alreadyHeader(std::string_view otherLabel);
 // "Contact Name": the other record's name.

@@ -18,6 +18,7 @@ namespace {
 // of the records it marked as already there as another object's.
 constexpr const char* exportedGroupsKey = "decisionWorkbookGroups";
 constexpr const char* exportedAlreadyKey = "decisionWorkbookAlready";
+constexpr const char* exportedOtherLabelKey = "decisionWorkbookAlreadyLabel";
 
 std::string groupsJSON(const std::vector<DecisionWorkbook::DecidedGroup>& groups) {
   nlohmann::json json = nlohmann::json::array();
@@ -99,23 +100,36 @@ ExportOutcome exportWorkbook(const std::filesystem::path& snapshot,
   store->setMeta(exportedGroupsKey, groupsJSON(result.groups));
   nlohmann::json already = nlohmann::json::array();
   for (const DecisionWorkbook::AlreadyThere& entry : result.already) {
-    already.push_back({{"id", entry.record.sfid}, {"other", entry.otherId}});
+    already.push_back(
+        {{"id", entry.record.sfid}, {"other", entry.otherId}, {"otherName", entry.otherName}});
   }
   store->setMeta(exportedAlreadyKey, already.dump());
+  store->setMeta(exportedOtherLabelKey, result.otherLabel);
   return result;
 }
 
-std::vector<std::string> exportedAlready(const std::filesystem::path& snapshot) {
+ExportedAlready exportedAlreadyThere(const std::filesystem::path& snapshot) {
   auto store = SnapshotTask::open(snapshot);
-  std::vector<std::string> ids;
+  ExportedAlready out;
   const std::optional<std::string> text = store->meta(exportedAlreadyKey);
-  if (!text) return ids;
+  if (!text) return out;
+  out.otherLabel = store->meta(exportedOtherLabelKey).value_or("");
   try {
-    for (const auto& entry : nlohmann::json::parse(*text))
-      ids.push_back(entry.at("id").get<std::string>());
+    for (const auto& entry : nlohmann::json::parse(*text)) {
+      out.records.push_back({entry.at("id").get<std::string>(),
+                             entry.at("other").get<std::string>(),
+                             entry.value("otherName", std::string())});
+    }
   } catch (const nlohmann::json::exception&) {
     return {};  // unreadable: such rows read as foreign, and are reported so
   }
+  return out;
+}
+
+std::vector<std::string> exportedAlready(const std::filesystem::path& snapshot) {
+  std::vector<std::string> ids;
+  for (const DecisionWorkbook::MarkedAlready& entry : exportedAlreadyThere(snapshot).records)
+    ids.push_back(entry.id);
   return ids;
 }
 

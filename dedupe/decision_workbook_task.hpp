@@ -58,6 +58,13 @@ std::vector<DecisionWorkbook::DecidedGroup> exportedGroups(const std::filesystem
 // of another object; none when it marked none.
 std::vector<std::string> exportedAlready(const std::filesystem::path& snapshot);
 
+// The records the last export marked as already there, and the other object.
+struct ExportedAlready {
+  std::vector<DecisionWorkbook::MarkedAlready> records;
+  std::string otherLabel;  // "Contact"; empty for an export by an older version
+};
+ExportedAlready exportedAlreadyThere(const std::filesystem::path& snapshot);
+
 // Reads a workbook back against the snapshot's exported groups and records
 // already there. Go on only when problems is empty.
 DecisionWorkbook::Decisions readDecisions(const std::filesystem::path& snapshot,
