@@ -188,7 +188,7 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
   }
   const ResolutionTask::ApplyOptions applying{options.lockPause, options.lockAttempts,
                                               options.results};
-  if (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty()) {
+  if (ResolutionTask::changesNothing(plan)) {
     context.out << "Nothing to change in Salesforce.\n";
     const bool remembers = planned.decisions && !planned.decisions->notDuplicates.empty();
     if (remembers && !options.dryRun) {
@@ -210,11 +210,7 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
     context.out << "Dry run: nothing was changed.\n";
     return;
   }
-  ProductionGuard::confirm(
-      *planned.org,
-      fmt::format("make {} merges, {} deletes and {} updates of {} records", plan.merges.size(),
-                  plan.deletes.size(), plan.updates.size(), planned.info.objectName),
-      context.out);
+  ProductionGuard::confirm(*planned.org, PlanReport::whatItWrites(planned), context.out);
 
   const auto progress = [&options](const DedupeProgress& step) {
     if (options.progress) {

@@ -13,10 +13,12 @@ std::string severalKeeps(std::int64_t groupId, std::size_t keeps) {
 
 std::string markedKeep() { return "Marked Keep in the workbook"; }
 
-std::string alreadyThereNotApplied(const std::string& id) {
-  return "\"" + id +
-         "\" is marked Delete because it already exists as a record of another object, and "
-         "apply does not delete such records yet. Delete it in Salesforce, or clear its Action.";
+std::string alreadyAs(const std::string& otherLabel, const AlreadyRecord& already) {
+  std::string out = "Already there as " +
+                    (otherLabel.empty() ? std::string("another object's record") : otherLabel) +
+                    " " + already.otherId;
+  if (!already.otherName.empty()) out += " (" + already.otherName + ")";
+  return out + ".";
 }
 
 std::string keptByRuleAmongBlanks(const SnapshotRecord& keeper, KeeperRule rule,
@@ -27,16 +29,26 @@ std::string keptByRuleAmongBlanks(const SnapshotRecord& keeper, KeeperRule rule,
 Outcome resolve(const DecisionWorkbook::Decisions& decisions,
                 const std::vector<DecisionWorkbook::DecidedGroup>& groups,
                 const std::vector<SnapshotRecord>& records, KeeperRule rule,
-                const ResolutionAction& action) {
+                const ResolutionAction& action,
+                const std::vector<DecisionWorkbook::MarkedAlready>& alreadyMarked) {
   Outcome out;
   out.problems = decisions.problems;
-  for (const std::string& id : decisions.alreadyDeletes) out.problems.push_back(alreadyThereNotApplied(id));
   std::map<std::string, Decision> decisionOf;
   for (const std::string& id : decisions.keeps) decisionOf[id] = Decision::keep;
   for (const std::string& id : decisions.deletes) decisionOf[id] = Decision::remove;
   for (const std::string& id : decisions.notDuplicates) decisionOf[id] = Decision::notDuplicate;
   std::map<std::string, const SnapshotRecord*> bySfid;
   for (const SnapshotRecord& record : records) bySfid.emplace(record.sfid, &record);
+
+  std::map<std::string, const DecisionWorkbook::MarkedAlready*> markedOf;
+  for (const DecisionWorkbook::MarkedAlready& entry : alreadyMarked)
+    markedOf.emplace(entry.id, &entry);
+  for (const std::string& id : decisions.alreadyDeletes) {
+    const auto found = bySfid.find(id);
+    const auto there = markedOf.find(id);
+    if (found == bySfid.end() || there == markedOf.end()) continue;  // gone from the snapshot
+    out.already.push_back({*found->second, there->second->otherId, there->second->otherName});
+  }
 
   std::set<std::string> remembered;
   for (const DecisionWorkbook::DecidedGroup& exported : groups) {

@@ -32,30 +32,43 @@ struct DecidedGroup {
   std::vector<DecidedRecord> records;
 };
 
+// A record already there as another object's record (a Lead that is a
+// Contact), marked Delete: it is in no group, and leaves on its own.
+struct AlreadyRecord {
+  SnapshotRecord record;
+  std::string otherId;
+  std::string otherName;
+};
+
 struct Outcome {
   // Each group with records marked Delete: its kept record, then those
   // records, never held back (the user looked at every one).
   std::vector<ResolvedGroup> groups;
   std::vector<DecidedGroup> decided;                       // every exported group
   std::vector<std::pair<Rid, std::string>> notDuplicates;  // to remember as such
+  std::vector<AlreadyRecord> already;                      // in the order of the workbook's rows
+  std::string otherLabel;                                  // "Contact"; may be empty
   // The workbook's problems, then those that only this action has.
   std::vector<std::string> problems;
 };
 
-// records: the snapshot's records of the exported groups (any order); an Id
-// of a group that is no longer among them is left out. A group with records
-// marked Delete and nothing left to keep is left out too: decide() reports it.
+// records: the snapshot's records of the exported groups and of the records
+// already there marked Delete (any order); an Id that is no longer among them
+// is left out. A group with records marked Delete and nothing left to keep
+// is left out too: decide() reports it. alreadyMarked: what the export
+// marked as already there.
 Outcome resolve(const DecisionWorkbook::Decisions& decisions,
                 const std::vector<DecisionWorkbook::DecidedGroup>& groups,
                 const std::vector<SnapshotRecord>& records, KeeperRule rule,
-                const ResolutionAction& action);
+                const ResolutionAction& action,
+                const std::vector<DecisionWorkbook::MarkedAlready>& alreadyMarked = {});
 
 // The problems and reasons, word for word.
 std::string severalKeeps(std::int64_t groupId, std::size_t keeps);
 std::string markedKeep();
-// A record already there as another object's, marked Delete: not carried out
-// by an apply yet, so the workbook is refused rather than half done.
-std::string alreadyThereNotApplied(const std::string& id);
+// "Already there as Contact 003… (Ada Byron)."; "another object's record"
+// when the other object's label is not known.
+std::string alreadyAs(const std::string& otherLabel, const AlreadyRecord& already);
 std::string keptByRuleAmongBlanks(const SnapshotRecord& keeper, KeeperRule rule,
                                   std::size_t groupSize);
 

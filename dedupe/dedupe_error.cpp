@@ -80,8 +80,8 @@ DedupeError DedupeError::unknownValueField(const std::string& field,
 DedupeError DedupeError::decisionsNeedRemoval(const std::string& action) {
   return DedupeError(Kind::decisionsNeedRemoval,
                      "A decision workbook says which records to remove, and the action " + action +
-                         " removes none. Use --action merge or --action deleteLosers with "
-                         "--decisions.");
+                         " removes none. Use --action merge, --action deleteLosers or --action "
+                         "tag:FIELD with --decisions.");
 }
 
 DedupeError DedupeError::signedOutPartWay(std::size_t done, std::size_t notDone) {

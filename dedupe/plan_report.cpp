@@ -112,6 +112,17 @@ std::string text(const ResolutionTask::Resolution& resolution) {
       }
     }
   }
+  if (resolution.decisions && !plan.already.empty()) {
+    const std::string& other = resolution.decisions->otherLabel;
+    out += fmt::format("Already there as {}, marked Delete:\n",
+                       other.empty() ? std::string("another object's record") : other);
+    const bool tagging = plan.action.kind == ResolutionAction::Kind::tagLosers;
+    for (const DecisionPlan::AlreadyRecord& row : resolution.decisions->already) {
+      out += "  " + std::string(tagging ? "tag " : "delete ") + recordText(row.record);
+      out += tagging ? ", setting " + plan.action.fieldName + " = \"" + row.otherId + "\". " : ". ";
+      out += DecisionPlan::alreadyAs(other, row) + '\n';
+    }
+  }
   if (resolution.decisions) {
     std::size_t undecided = 0;
     std::int64_t untouched = 0;
@@ -140,6 +151,11 @@ std::string text(const ResolutionTask::Resolution& resolution) {
       "{} groups: {} to resolve ({} merges, {} deletes, {} updates), {} skipped, {} held back.\n",
       resolution.groups.size(), plan.groupCount, plan.merges.size(), plan.deletes.size(),
       plan.updates.size(), plan.skipped.size(), plan.heldBack.size());
+  if (!plan.already.empty()) {
+    out += fmt::format("{} record{} already there to {}.\n", plan.already.size(),
+                       plan.already.size() == 1 ? "" : "s",
+                       plan.action.kind == ResolutionAction::Kind::tagLosers ? "tag" : "delete");
+  }
   return out;
 }
 
@@ -209,7 +225,16 @@ std::string json(const ResolutionTask::Resolution& resolution) {
         if (row.decision == DecisionPlan::Decision::none) ++untouched;
       }
     }
+    nlohmann::json already = nlohmann::json::array();
+    for (const DecisionPlan::AlreadyRecord& row : resolution.decisions->already) {
+      already.push_back({{"id", row.record.sfid},
+                         {"name", row.record.name},
+                         {"otherId", row.otherId},
+                         {"otherName", row.otherName}});
+    }
     decisions = {{"workbook", resolution.workbook->string()},
+                 {"otherObject", resolution.decisions->otherLabel},
+                 {"already", already},
                  {"groups", resolution.decisions->decided.size()},
                  {"notDuplicates", notDuplicates},
                  {"untouched", untouched}};
@@ -222,11 +247,25 @@ std::string json(const ResolutionTask::Resolution& resolution) {
                         {"merges", merges},
                         {"deletes", changes(plan.deletes)},
                         {"updates", changes(plan.updates)},
+                        {"already", changes(plan.already)},
                         {"skipped", skippedJSON},
                         {"heldBack", heldJSON},
                         {"heldBackIncluded", plan.heldBackIncluded}}
              .dump(2) +
          '\n';
+}
+
+std::string whatItWrites(const ResolutionTask::Resolution& resolution) {
+  const ResolutionPlan& plan = resolution.plan;
+  std::string out =
+      fmt::format("make {} merges, {} deletes and {} updates of {} records", plan.merges.size(),
+                  plan.deletes.size(), plan.updates.size(), resolution.info.objectName);
+  if (!plan.already.empty()) {
+    out += fmt::format(", and {} {} record{} already there",
+                       plan.action.kind == ResolutionAction::Kind::tagLosers ? "tag" : "delete",
+                       plan.already.size(), plan.already.size() == 1 ? "" : "s");
+  }
+  return out;
 }
 
 std::string problemsText(const std::vector<std::string>& problems, bool json) {
@@ -297,6 +336,26 @@ std::string outcomeText(const ResolutionTask::Resolution& resolution,
         break;
       case Status::notAttempted:
         line(deleting ? "Not deleted " : "Not updated ", what, message);
+        break;
+    }
+  }
+  const bool tagging = plan.action.kind == ResolutionAction::Kind::tagLosers;
+  for (const ChangeRunner::ChangeResult& result : outcome.already) {
+    using Status = ChangeRunner::ChangeResult::Status;
+    const std::string what = result.sfid + " (already there)";
+    const std::string message = result.message.value_or("");
+    switch (result.status) {
+      case Status::done:
+        line(tagging ? "Tagged " : "Deleted ", what, std::nullopt);
+        break;
+      case Status::failed:
+        line("Failed ", what, message);
+        break;
+      case Status::unknown:
+        line("Unknown ", what, message);
+        break;
+      case Status::notAttempted:
+        line(tagging ? "Not tagged " : "Not deleted ", what, message);
         break;
     }
   }

@@ -21,6 +21,10 @@ std::string text(const ResolutionTask::Resolution& resolution);
 // The plan as one JSON object, pretty-printed with a line feed.
 std::string json(const ResolutionTask::Resolution& resolution);
 
+// What an apply of the plan writes, in the words of the question asked
+// before writing to a production org ("make 2 merges, ... of Lead records").
+std::string whatItWrites(const ResolutionTask::Resolution& resolution);
+
 // The problems a workbook's rows have (DedupeError::details), one a line
 // after a heading, or as {"problems": [...]}; empty when there are none.
 std::string problemsText(const std::vector<std::string>& problems, bool json);

@@ -376,5 +376,19 @@ ResolutionPlan plan(const std::vector<ResolvedGroup>& groups, const ResolutionAc
   return out;
 }
 
+std::optional<std::string> planAlready(ResolutionPlan& plan, const SnapshotRecord& record,
+                                       const std::string& otherId, const Context& context) {
+  PlannedChange change = changeFor(record, 0, context);
+  if (plan.action.kind == ResolutionAction::Kind::tagLosers) {
+    const std::string object = objectOf(record, context);
+    const WritableField* field = writable(object, plan.action.fieldName, context);
+    if (!field || !field->isText)
+      return noTaggableField(labelOf(object, context), plan.action.fieldName);
+    change.fields[field->name] = otherId;
+  }
+  plan.already.push_back(std::move(change));
+  return std::nullopt;
+}
+
 }  // namespace ResolutionPlanner
 }  // namespace corvane

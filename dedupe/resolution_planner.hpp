@@ -92,6 +92,10 @@ struct ResolutionPlan {
   std::vector<PlannedChange> updates;
   std::vector<PlannedChange> deletes;
   std::vector<PlannedMerge> merges;
+  // Records already there as another object's record and marked Delete in a
+  // decision workbook (in no group: groupId 0): each deleted, or with
+  // tagLosers updated with the other record's Id in the field.
+  std::vector<PlannedChange> already;
   std::int64_t groupCount = 0;  // groups the plan resolves
   std::vector<std::pair<std::int64_t, std::string>> skipped;  // group id, reason
   std::vector<std::pair<std::int64_t, int>> heldBack;          // group id, distinctCount
@@ -152,6 +156,13 @@ std::string fieldsMayBeShifted(const std::set<MatchKind>& kinds);
 // (group id, reason) to skipped.
 ResolutionPlan plan(const std::vector<ResolvedGroup>& groups, const ResolutionAction& action,
                     const Context& context);
+
+// A record already there as another object's record (otherId), marked
+// Delete: adds to plan.already its delete or, for tagLosers, the update that
+// writes otherId into the field. Returns noTaggableField, adding nothing,
+// when the field cannot take it.
+std::optional<std::string> planAlready(ResolutionPlan& plan, const SnapshotRecord& record,
+                                       const std::string& otherId, const Context& context);
 
 }  // namespace ResolutionPlanner
 }  // namespace corvane

@@ -55,6 +55,7 @@ std::vector<PlannedChange> ResolutionPreflight::recordsOf(const ResolutionPlan& 
   };
   for (const PlannedChange& change : plan.updates) add(change);
   for (const PlannedChange& change : plan.deletes) add(change);
+  for (const PlannedChange& change : plan.already) add(change);
   for (const PlannedMerge& merge : plan.merges) {
     add({merge.primary, merge.primaryModified, merge.groupId, {}, merge.object});
     add({merge.loser, merge.loserModified, merge.groupId, {}, merge.object});

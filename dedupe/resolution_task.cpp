@@ -67,15 +67,18 @@ void checkValueFields(RecordStore& store, const KeepValues& keepValues) {
 DecisionPlan::Outcome decide(RecordStore& store, const std::filesystem::path& snapshot,
                              const Request& request, std::stop_token stop) {
   const auto exported = DecisionWorkbookTask::exportedGroups(snapshot, request.settings, stop);
+  const DecisionWorkbookTask::ExportedAlready marked =
+      DecisionWorkbookTask::exportedAlreadyThere(snapshot);
   const DecisionWorkbook::Decisions read = DecisionWorkbook::read(
       *request.decisions, exported, DecisionWorkbookTask::exportedAlready(snapshot));
-  std::vector<std::string> ids;
+  std::vector<std::string> ids = read.alreadyDeletes;
   for (const auto& group : exported)
     ids.insert(ids.end(), group.recordIds.begin(), group.recordIds.end());
   std::vector<Rid> rids;
   for (const auto& [rid, sfid] : store.ridsOf(ids)) rids.push_back(rid);
-  DecisionPlan::Outcome decided =
-      DecisionPlan::resolve(read, exported, store.records(rids), request.keeper, request.action);
+  DecisionPlan::Outcome decided = DecisionPlan::resolve(
+      read, exported, store.records(rids), request.keeper, request.action, marked.records);
+  decided.otherLabel = marked.otherLabel;
   if (!decided.problems.empty()) {
     throw DedupeError::problems(std::move(decided.problems), *request.decisions);
   }
@@ -95,7 +98,8 @@ Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
   checkValueFields(*store, request.keepValues);
   if (request.decisions) {
     if (request.action.kind != ResolutionAction::Kind::merge &&
-        request.action.kind != ResolutionAction::Kind::deleteLosers) {
+        request.action.kind != ResolutionAction::Kind::deleteLosers &&
+        request.action.kind != ResolutionAction::Kind::tagLosers) {
       throw DedupeError::decisionsNeedRemoval(request.action.text());
     }
     resolution.workbook = *request.decisions;
@@ -128,16 +132,27 @@ Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
     planning.writableFields = writableFields(api, *resolution.org, objects);
   }
   resolution.plan = ResolutionPlanner::plan(resolution.groups, request.action, planning);
+  if (resolution.decisions) {
+    std::vector<std::string> problems;
+    for (const DecisionPlan::AlreadyRecord& entry : resolution.decisions->already) {
+      if (auto problem = ResolutionPlanner::planAlready(resolution.plan, entry.record,
+                                                        entry.otherId, planning)) {
+        problems.push_back(entry.record.sfid + ": " + *problem);
+      }
+    }
+    if (!problems.empty()) throw DedupeError::problems(std::move(problems), *request.decisions);
+  }
   if (stop.stop_requested()) throw DedupeError::stopped();
   return resolution;
 }
 
-namespace {
-
 bool changesNothing(const ResolutionPlan& plan) {
   return plan.action.kind == ResolutionAction::Kind::exportOnly ||
-         (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty());
+         (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty() &&
+          plan.already.empty());
 }
+
+namespace {
 
 // Makes the changes of a checked plan, counting them into outcome.
 void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOptions& options,
@@ -215,6 +230,14 @@ std::string journalState(MergeRunner::MergeResult::Status status) {
     case Status::notAttempted: return "notAttempted";
   }
   return "notAttempted";
+}
+
+const char* changeState(ChangeRunner::ChangeResult::Status status) {
+  using Status = ChangeRunner::ChangeResult::Status;
+  return status == Status::done      ? "done"
+         : status == Status::failed  ? "failed"
+         : status == Status::unknown ? "unknown"
+                                     : "notAttempted";
 }
 
 std::string keeperOf(const Resolution& resolution, std::int64_t groupId) {
@@ -367,14 +390,73 @@ std::vector<ChangeRunner::ChangeResult> deleteJournaled(
   }
   std::vector<ChangeRunner::ChangeResult> results = runner.deleteRecords(deletes, progress);
   for (const ChangeRunner::ChangeResult& result : results) {
-    using Status = ChangeRunner::ChangeResult::Status;
-    const char* state = result.status == Status::done      ? "done"
-                        : result.status == Status::failed  ? "failed"
-                        : result.status == Status::unknown ? "unknown"
-                                                           : "notAttempted";
-    journal.recordOutcome(result.groupId, result.sfid, state, result.message.value_or(""));
+    journal.recordOutcome(result.groupId, result.sfid, changeState(result.status),
+                          result.message.value_or(""));
   }
   return results;
+}
+
+// Deletes the records already there as another object's, journaled first
+// (UndoJournal) as one group of their own, numbered below every group the
+// journal holds so that no earlier apply's entry is replaced.
+std::vector<ChangeRunner::ChangeResult> deleteAlreadyJournaled(
+    DedupeTransport& transport, const Resolution& resolution, ChangeRunner& runner,
+    const std::function<void(std::size_t, std::size_t)>& progress) {
+  UndoJournal journal(resolution.snapshot);
+  std::int64_t journalId = -1;
+  for (const UndoGroup& group : journal.groups())
+    journalId = std::min(journalId, group.groupId - 1);
+  const std::vector<PlannedChange>& already = resolution.plan.already;
+  const std::string object =
+      already.front().object.empty() ? resolution.info.objectName : already.front().object;
+  UndoCapture::Pending pending{journalId, object, "delete", "", {}};
+  for (const PlannedChange& change : already) pending.losers.push_back(change.sfid);
+  try {
+    journal.recordBefore(UndoCapture::capture(
+        transport, {pending}, IsoTime::formatPlain(std::chrono::system_clock::now())));
+  } catch (const std::exception& error) {
+    const bool signedOut = transport.classify(error).signedOut;
+    std::vector<ChangeRunner::ChangeResult> results;
+    for (const PlannedChange& change : already) {
+      results.push_back({change.sfid, 0, false,
+                         signedOut ? ChangeRunner::notAttemptedSignedOut() : notJournaled(error),
+                         signedOut ? ChangeRunner::ChangeResult::Status::notAttempted
+                                   : ChangeRunner::ChangeResult::Status::failed});
+    }
+    return results;
+  }
+  std::vector<ChangeRunner::ChangeResult> results = runner.deleteRecords(already, progress);
+  for (const ChangeRunner::ChangeResult& result : results) {
+    journal.recordOutcome(journalId, result.sfid, changeState(result.status),
+                          result.message.value_or(""));
+  }
+  return results;
+}
+
+void count(const std::vector<ChangeRunner::ChangeResult>& results, ApplyOutcome& outcome) {
+  for (const ChangeRunner::ChangeResult& result : results) {
+    using Status = ChangeRunner::ChangeResult::Status;
+    switch (result.status) {
+      case Status::done:
+        ++outcome.done;
+        break;
+      case Status::failed:
+        ++outcome.failed;
+        break;
+      case Status::unknown:
+        ++outcome.unknown;
+        break;
+      case Status::notAttempted:
+        ++outcome.notDone;
+        break;
+    }
+  }
+}
+
+bool anySignedOut(const std::vector<ChangeRunner::ChangeResult>& results) {
+  return std::any_of(results.begin(), results.end(), [](const auto& result) {
+    return result.message == ChangeRunner::notAttemptedSignedOut();
+  });
 }
 
 void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOptions& options,
@@ -385,8 +467,14 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
     report(onProgress, DedupeProgress::Phase::changing, done, total);
   };
   const auto shouldCancel = [&stop] { return stop.stop_requested(); };
+  ChangeRunner::Options runnerOptions;
+  runnerOptions.lockPause = options.lockPause;
+  runnerOptions.lockAttempts = options.lockAttempts;
+  runnerOptions.shouldCancel = shouldCancel;
   using Kind = ResolutionAction::Kind;
-  if (plan.action.kind == Kind::merge) {
+  if (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty()) {
+    // Only records already there to remove.
+  } else if (plan.action.kind == Kind::merge) {
     MergeRunner runner(transport, resolution.info.objectName,
                        {options.lockAttempts, options.lockPause, {}, shouldCancel});
     bool signedOut = false;
@@ -404,30 +492,31 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
     outcome.signedOut = signedOut || runner.signedOut();
     outcome.stopped = runner.cancelled();
   } else {
-    ChangeRunner::Options runnerOptions;
-    runnerOptions.lockPause = options.lockPause;
-    runnerOptions.lockAttempts = options.lockAttempts;
-    runnerOptions.shouldCancel = shouldCancel;
     ChangeRunner runner(transport, runnerOptions);
     outcome.changes = plan.action.kind == Kind::deleteLosers
                           ? deleteJournaled(transport, resolution, runner, progress)
                           : runner.updateRecords(plan.updates, progress);
-    for (const ChangeRunner::ChangeResult& result : outcome.changes) {
-      using Status = ChangeRunner::ChangeResult::Status;
-      switch (result.status) {
-        case Status::done: ++outcome.done; break;
-        case Status::failed: ++outcome.failed; break;
-        case Status::unknown: ++outcome.unknown; break;
-        case Status::notAttempted: ++outcome.notDone; break;
-      }
-    }
-    outcome.signedOut =
-        runner.signedOut() ||
-        std::any_of(outcome.changes.begin(), outcome.changes.end(), [](const auto& result) {
-          return result.message == ChangeRunner::notAttemptedSignedOut();
-        });
+    count(outcome.changes, outcome);
+    outcome.signedOut = runner.signedOut() || anySignedOut(outcome.changes);
     outcome.stopped = runner.cancelled();
   }
+  if (plan.already.empty()) return;
+  if (outcome.signedOut || outcome.stopped) {
+    for (const PlannedChange& change : plan.already) {
+      outcome.already.push_back({change.sfid, 0, false,
+                                 outcome.signedOut ? ChangeRunner::notAttemptedSignedOut()
+                                                   : ChangeRunner::notAttemptedCancelled(),
+                                 ChangeRunner::ChangeResult::Status::notAttempted});
+    }
+  } else {
+    ChangeRunner runner(transport, runnerOptions);
+    outcome.already = plan.action.kind == Kind::tagLosers
+                          ? runner.updateRecords(plan.already, progress)
+                          : deleteAlreadyJournaled(transport, resolution, runner, progress);
+    outcome.signedOut = runner.signedOut() || anySignedOut(outcome.already);
+    outcome.stopped = runner.cancelled();
+  }
+  count(outcome.already, outcome);
 }
 
 }  // namespace
@@ -584,6 +673,23 @@ std::vector<ResolutionResultsWorkbook::Entry> resultEntries(const Resolution& re
       }
       entries.push_back(std::move(entry));
     }
+  }
+  // The records already there as another object's, after the groups.
+  std::map<std::string, const ChangeRunner::ChangeResult*> alreadyResult;
+  for (const ChangeRunner::ChangeResult& result : outcome.already)
+    alreadyResult[result.sfid] = &result;
+  const bool tagging = plan.action.kind == Kind::tagLosers;
+  for (const DecisionPlan::AlreadyRecord& row : resolution.decisions->already) {
+    Entry entry{row.record.sfid, std::nullopt, row.record.name, "", "Not attempted", ""};
+    entry.action = tagging ? "Update " + plan.action.fieldName + " = \"" + row.otherId + "\""
+                           : std::string("Delete");
+    if (auto found = alreadyResult.find(row.record.sfid); found != alreadyResult.end()) {
+      entry.outcome = changeOutcome(found->second->status, !tagging);
+      entry.detail = found->second->message.value_or("");
+    }
+    if (entry.detail.empty())
+      entry.detail = DecisionPlan::alreadyAs(resolution.decisions->otherLabel, row);
+    entries.push_back(std::move(entry));
   }
   return entries;
 }

@@ -62,11 +62,15 @@ struct Resolution {
 // problems throws DedupeError::problems carrying them (details()), changing
 // nothing. A stop request ends it with DedupeError::stopped. Throws
 // notASnapshot, noLogin, unknownValueField, decisionsNeedRemoval (a workbook
-// goes with merge or deleteLosers), the workbook reader's errors and
+// goes with merge, deleteLosers or tagLosers), the workbook reader's errors and
 // the errors of findLogin and the transport.
 Resolution plan(SalesforceAPI::Client& api, const FindLogin& findLogin,
                 const std::filesystem::path& snapshot, const Request& request,
                 std::stop_token stop, const DedupeProgressHandler& onProgress = {});
+
+// The plan sends nothing to Salesforce (an apply may still remember the
+// records marked "not a duplicate").
+bool changesNothing(const ResolutionPlan& plan);
 
 // Checks every record the plan touches in the org: one changed or gone
 // since the snapshot must stop the run before any change. Reports checking
@@ -87,6 +91,7 @@ struct ApplyOptions {
 struct ApplyOutcome {
   std::vector<MergeRunner::MergeResult> merges;     // merge: one per planned merge
   std::vector<ChangeRunner::ChangeResult> changes;  // otherwise: one per delete or update
+  std::vector<ChangeRunner::ChangeResult> already;  // one per ResolutionPlan::already
   std::size_t done = 0;
   std::size_t failed = 0;
   std::size_t unknown = 0;  // may or may not have gone through
@@ -105,7 +110,8 @@ struct ApplyOutcome {
 
 // Saves the decision workbook's "Not a duplicate" records in the snapshot,
 // then makes the merges, deletes or updates of a checked plan (none for
-// exportOnly or an empty plan). Before a group's merges or deletes leave,
+// exportOnly or an empty plan), then deletes (tagLosers: updates) the records
+// already there as another object's. Before a group's merges or deletes leave,
 // what they will change is read from the org and journaled in the snapshot
 // (UndoJournal), so that UndoTask can put them back; a group whose records
 // cannot be read is not attempted. Reports changing (done, total: calls). A

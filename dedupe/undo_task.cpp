@@ -559,7 +559,11 @@ std::string refusalsText(const std::vector<std::string>& refusals, bool json) {
 std::string text(const Outcome& outcome) {
   std::string out;
   for (const GroupResult& group : outcome.groups) {
-    std::string line = fmt::format("Group {} ({} {}): ", group.groupId, group.object, group.keeper);
+    // Records deleted on their own (already there as another object's) have no kept record.
+    std::string line =
+        group.keeper.empty()
+            ? fmt::format("Group {} ({}): ", group.groupId, group.object)
+            : fmt::format("Group {} ({} {}): ", group.groupId, group.object, group.keeper);
     switch (group.status) {
       case Status::undone:
         line += fmt::format(

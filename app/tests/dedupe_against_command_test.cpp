@@ -1,7 +1,8 @@
 // `corvane dedupe match LEADS --against CONTACTS` against the sample org:
 // Leads and Contacts downloaded into snapshots (the Contacts with their
-// account's name), the pairs printed as text and JSON, and the decision
-// workbook that marks the Leads already there.
+// account's name), the pairs printed as text and JSON, the decision
+// workbook that marks the Leads already there, and the apply that deletes
+// those marked Delete.
 #include "app/dedupe_command.hpp"
 
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app/dedupe_workbook_command.hpp"
+#include "app/production_guard.hpp"
 #include "connections/tests/fake_cli.hpp"
 #include "dedupe/decision_workbook.hpp"
 #include "platform/tests/temporary_folder.hpp"
@@ -53,6 +55,7 @@ class DedupeAgainstCommandTest : public orgsim::testing::ServerFixture {
     create("Lead", {{"FirstName", "Mark"}, {"LastName", "Tanaka"}, {"Company", "Acme"}});
   }
   void TearDown() override {
+    ProductionGuard::Answers::standard().yes = false;
     ::unsetenv("CORVANE_HOME");
     ServerFixture::TearDown();
   }
@@ -150,7 +153,8 @@ TEST_F(DedupeAgainstCommandTest, ListsTheLeadsThatAreAlreadyContactsAsTextAndJSO
                CrossMatchError);
 }
 
-TEST_F(DedupeAgainstCommandTest, TheWorkbookMarksTheLeadsAlreadyThereAndReadsTheirDeleteBack) {
+TEST_F(DedupeAgainstCommandTest,
+       TheWorkbookMarksTheLeadsAlreadyThereAndApplyDeletesThoseMarkedDelete) {
   const auto leadFile = leads();
   const auto contactFile = contacts();
   auto ctx = context();
@@ -180,8 +184,8 @@ TEST_F(DedupeAgainstCommandTest, TheWorkbookMarksTheLeadsAlreadyThereAndReadsThe
                                    "different.");
   }
 
-  // Typed Delete on one of them: read back as such, and refused by apply,
-  // which does not delete such Leads yet.
+  // Typed Delete on one of them: read back as such, planned, left alone by a
+  // dry run, then deleted by the apply.
   const auto edited = home_.path() / "edited.xlsx";
   {
     XlsxWriter writer(edited);
@@ -201,15 +205,41 @@ TEST_F(DedupeAgainstCommandTest, TheWorkbookMarksTheLeadsAlreadyThereAndReadsThe
 
   DedupeCommand::ResolveOptions resolve;
   resolve.decisions = edited;
-  try {
-    DedupeCommand::plan(ctx, *api_, leadFile, resolve);
-    FAIL() << "a Lead marked Delete as already a Contact was planned";
-  } catch (const DedupeError& error) {
-    EXPECT_EQ(error.kind(), DedupeError::Kind::problems);
-    ASSERT_EQ(error.details().size(), 1u);
-    EXPECT_THAT(error.details()[0], HasSubstr(byEmail_));
-  }
+  resolve.dryRun = true;
+  out_.str("");
+  DedupeCommand::apply(ctx, *api_, leadFile, resolve);
+  EXPECT_THAT(out_.str(),
+              HasSubstr("Already there as Contact, marked Delete:\n  delete " + byEmail_ +
+                        " (Robert Fox). Already there as Contact " + bob_ + " (Bob Fox).\n"));
+  EXPECT_THAT(out_.str(), HasSubstr("1 record already there to delete."));
+  EXPECT_THAT(out_.str(), HasSubstr("Dry run: nothing was changed."));
   EXPECT_EQ(query("SELECT Id FROM Lead")["totalSize"], 4);
+
+  // A production org asks first, as for every apply.
+  resolve.dryRun = false;
+  fake_.script(R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" +
+               store().identity().adminUsername +
+               R"(","alias":"sample","orgId":"00D000000000001AAA","isSandbox":false,)" +
+               R"("instanceUrl":")" + server_->baseUrl() + R"("}]}}')");
+  cli_ = std::make_unique<SalesforceCLI>(fake_.options());
+  auto production = context();
+  if (!ProductionGuard::Answers::standard().inputIsTerminal()) {
+    try {
+      DedupeCommand::apply(production, *api_, leadFile, resolve);
+      FAIL() << "a production org was written without --yes";
+    } catch (const ProductionWriteRefused& error) {
+      EXPECT_THAT(error.description(), HasSubstr("and delete 1 record already there"));
+    }
+    EXPECT_EQ(query("SELECT Id FROM Lead")["totalSize"], 4);
+  }
+  ProductionGuard::Answers::standard().yes = true;
+  out_.str("");
+  DedupeCommand::apply(production, *api_, leadFile, resolve);
+  EXPECT_THAT(out_.str(), HasSubstr("Deleted " + byEmail_ + " (already there)\n"));
+  EXPECT_THAT(out_.str(), HasSubstr("1 done, 0 failed"));
+  EXPECT_THAT(out_.str(), HasSubstr("Results: "));
+  EXPECT_EQ(query("SELECT Id FROM Lead")["totalSize"], 3);
+  EXPECT_EQ(query("SELECT Id FROM Lead WHERE Id = '" + byEmail_ + "'")["totalSize"], 0);
 }
 
 }  // namespace

@@ -659,7 +659,8 @@ TEST_F(DedupeDecisionsCommandTest, AWorkbookWithProblemsChangesNothingAndListsTh
   EXPECT_EQ(runReportingFailures([&] { DedupeCommand::plan(ctx, *api_, url, filling); }, err), 1);
   EXPECT_EQ(err.str(),
             "A decision workbook says which records to remove, and the action fillGaps removes "
-            "none. Use --action merge or --action deleteLosers with --decisions.\n");
+            "none. Use --action merge, --action deleteLosers or --action tag:FIELD with "
+            "--decisions.\n");
 
   // Deleting needs no single record to merge into: two Keeps are fine.
   options.action = ResolutionAction::deleteLosers();
