@@ -44,8 +44,9 @@ class ResolutionPreflight {
 
   explicit ResolutionPreflight(DedupeTransport& transport) : transport_(transport) {}
 
-  // Every record the plan touches, once: updates, deletes, and both sides of
-  // each merge (a primary with the last-modified time it had in the snapshot).
+  // Every record the plan touches, once: updates, deletes, records already
+  // there as another object's, and both sides of each merge (a primary with
+  // the last-modified time it had in the snapshot).
   static std::vector<PlannedChange> recordsOf(const ResolutionPlan& plan);
 
   // Sorts the changes by their records' state in the org, object by object,
