@@ -281,26 +281,9 @@ Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<Decide
       continue;
     }
     const auto group = groupOf.find(id);
-    if (group == groupOf.end() && alreadyThere.count(id)) {
-      if (!seen.insert(id).second) {
-        decisions.problems.push_back(
-            inQuotes(id) +
-            " appears more than once. Remove the duplicate row so each record has one decision.");
-        continue;
-      }
-      const std::optional<Action> action = actionOf(word);
-      if (!action) {
-        decisions.problems.push_back(
-            inQuotes(word) +
-            " is not an action. Use Keep, Delete, Not a duplicate, or leave it blank.");
-      } else if (*action == Action::remove) {
-        decisions.alreadyDeletes.push_back(id);
-      } else {
-        ++decisions.untouched;  // kept as it is
-      }
-      continue;
-    }
-    if (group == groupOf.end()) {
+    // A record of the other object's list, beside the groups: only Delete acts on it.
+    const bool alreadyThereRow = group == groupOf.end() && alreadyThere.count(id) > 0;
+    if (group == groupOf.end() && !alreadyThereRow) {
       decisions.problems.push_back(
           inQuotes(id) +
           " is not a record from this duplicate check. The Record Id column may have been edited.");
@@ -316,6 +299,14 @@ Decisions decide(const std::vector<ImportGrid>& sheets, const std::vector<Decide
     if (!action) {
       decisions.problems.push_back(
           inQuotes(word) + " is not an action. Use Keep, Delete, Not a duplicate, or leave it blank.");
+      continue;
+    }
+    if (alreadyThereRow) {
+      if (*action == Action::remove) {
+        decisions.alreadyDeletes.push_back(id);
+      } else {
+        ++decisions.untouched;  // kept as it is
+      }
       continue;
     }
     switch (*action) {

@@ -319,14 +319,14 @@ std::string outcomeText(const ResolutionTask::Resolution& resolution,
         break;
     }
   }
-  const bool deleting = plan.action.kind == ResolutionAction::Kind::deleteLosers;
-  for (const ChangeRunner::ChangeResult& result : outcome.changes) {
+  // A delete, update or tag: what became of it, in the verbs of its kind.
+  const auto changeLine = [&line](const ChangeRunner::ChangeResult& result, const std::string& what,
+                                  const char* doneVerb, const char* notDoneVerb) {
     using Status = ChangeRunner::ChangeResult::Status;
-    const std::string what = result.sfid + " (group " + std::to_string(result.groupId) + ")";
     const std::string message = result.message.value_or("");
     switch (result.status) {
       case Status::done:
-        line(deleting ? "Deleted " : "Updated ", what, std::nullopt);
+        line(doneVerb, what, std::nullopt);
         break;
       case Status::failed:
         line("Failed ", what, message);
@@ -335,29 +335,19 @@ std::string outcomeText(const ResolutionTask::Resolution& resolution,
         line("Unknown ", what, message);
         break;
       case Status::notAttempted:
-        line(deleting ? "Not deleted " : "Not updated ", what, message);
+        line(notDoneVerb, what, message);
         break;
     }
+  };
+  const bool deleting = plan.action.kind == ResolutionAction::Kind::deleteLosers;
+  for (const ChangeRunner::ChangeResult& result : outcome.changes) {
+    changeLine(result, result.sfid + " (group " + std::to_string(result.groupId) + ")",
+               deleting ? "Deleted " : "Updated ", deleting ? "Not deleted " : "Not updated ");
   }
   const bool tagging = plan.action.kind == ResolutionAction::Kind::tagLosers;
   for (const ChangeRunner::ChangeResult& result : outcome.already) {
-    using Status = ChangeRunner::ChangeResult::Status;
-    const std::string what = result.sfid + " (already there)";
-    const std::string message = result.message.value_or("");
-    switch (result.status) {
-      case Status::done:
-        line(tagging ? "Tagged " : "Deleted ", what, std::nullopt);
-        break;
-      case Status::failed:
-        line("Failed ", what, message);
-        break;
-      case Status::unknown:
-        line("Unknown ", what, message);
-        break;
-      case Status::notAttempted:
-        line(tagging ? "Not tagged " : "Not deleted ", what, message);
-        break;
-    }
+    changeLine(result, result.sfid + " (already there)", tagging ? "Tagged " : "Deleted ",
+               tagging ? "Not tagged " : "Not deleted ");
   }
   return out + fmt::format("{} done, {} failed, {} to check in Salesforce, {} not done.\n",
                            outcome.done, outcome.failed, outcome.unknown, outcome.notDone);
