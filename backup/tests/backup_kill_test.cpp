@@ -13,24 +13,17 @@
 #include <thread>
 
 #include "backup/backup_csv.hpp"
-#include "backup/tests/backup_run_fixture.hpp"
-#include "platform/child_process.hpp"
+#include "backup/tests/command_process_fixture.hpp"
 
 namespace corvane::testing {
 namespace {
 
-class BackupKillTest : public BackupRunFixture {
+class BackupKillTest : public CommandProcessFixture {
  protected:
   // Runs `corvane backup run` against the sample org, into root.
   ProcessRequest backupRun(const std::filesystem::path& root) {
-    return ProcessRequest{
-        corvane_,
-        {"backup", "run", "sample", "--root", root.string(), "--only",
-         "Account,Contact,ContentVersion", "--json"},
-        std::nullopt,
-        environment_,
-        std::chrono::seconds(300),
-        {}};
+    return corvane({"backup", "run", "sample", "--root", root.string(), "--only",
+                    "Account,Contact,ContentVersion", "--json"});
   }
 
   // The dated folder of the last run under root, as last-run.json names it.
@@ -43,32 +36,11 @@ class BackupKillTest : public BackupRunFixture {
       }
     return {};
   }
-
-  std::filesystem::path corvane_;
-  std::map<std::string, std::string> environment_;
-  TemporaryFolder home_;
 };
 
 TEST_F(BackupKillTest, KilledAtRandomMomentsAndResumedTheCopyMatchesAnUninterruptedOne) {
-  const char* build = std::getenv("CORVANE_BUILD_DIR");
-  const std::filesystem::path buildDir = build ? build : "";
-  corvane_ = buildDir / "app" / "corvane";
-  const auto sf = buildDir / "tools" / "orgsim" / "sf" / "sf";
-  if (!ChildProcess::isExecutableFile(corvane_) || !ChildProcess::isExecutableFile(sf))
-    GTEST_SKIP() << "corvane or the sf stand-in is not built in " << buildDir;
-  environment_ = ChildProcess::currentEnvironment();
-  environment_["HOME"] = home_.path().string();
-  environment_["XDG_DATA_HOME"] = (home_.path() / "data").string();
-  environment_["CORVANE_SF_PATH"] = sf.string();
-  ProcessRequest login{sf,
-                       {"org", "login", "access-token", "--instance-url", server_->baseUrl(),
-                        "--alias", "sample", "--no-prompt", "--json"},
-                       std::nullopt,
-                       environment_,
-                       std::chrono::seconds(60),
-                       {}};
-  login.environment["SF_ACCESS_TOKEN"] = token_;
-  ASSERT_EQ(ChildProcess::run(login).exitStatus, 0);
+  if (!findPrograms()) GTEST_SKIP() << "corvane or the sf stand-in is not built in " << buildDir_;
+  ASSERT_EQ(logIn(), 0);
 
   // Accounts in bulk (above the REST threshold), Contacts over REST pages.
   const auto accounts = orgsim::testing::addAccounts(store(), 12'000);

@@ -12,8 +12,7 @@
 #include <random>
 #include <thread>
 
-#include "backup/tests/backup_run_fixture.hpp"
-#include "platform/child_process.hpp"
+#include "backup/tests/command_process_fixture.hpp"
 #include "tools/orgsim/org_records.hpp"
 
 namespace corvane::testing {
@@ -39,12 +38,8 @@ std::string base64(std::string_view bytes) {
   return out;
 }
 
-class RestoreKillTest : public BackupRunFixture {
+class RestoreKillTest : public CommandProcessFixture {
  protected:
-  ProcessRequest corvane(std::vector<std::string> arguments) {
-    return ProcessRequest{corvane_, std::move(arguments), std::nullopt, environment_,
-                          std::chrono::seconds(300), {}};
-  }
 
   ProcessRequest restore() {
     return corvane({"backup", "restore", "sample", "--object", "Account", "--deleted",
@@ -74,36 +69,11 @@ class RestoreKillTest : public BackupRunFixture {
     }
     return out;
   }
-
-  std::filesystem::path corvane_;
-  std::map<std::string, std::string> environment_;
-  TemporaryFolder home_;
 };
 
 TEST_F(RestoreKillTest, KilledAtRandomMomentsAndRunAgainItEndsWithEveryRecordAndLinkOnce) {
-  const char* build = std::getenv("CORVANE_BUILD_DIR");
-  const std::filesystem::path buildDir = build ? build : "";
-  corvane_ = buildDir / "app" / "corvane";
-  const auto sf = buildDir / "tools" / "orgsim" / "sf" / "sf";
-  if (!ChildProcess::isExecutableFile(corvane_) || !ChildProcess::isExecutableFile(sf))
-    GTEST_SKIP() << "corvane or the sf stand-in is not built in " << buildDir;
-  environment_ = ChildProcess::currentEnvironment();
-  environment_["HOME"] = home_.path().string();
-  environment_["XDG_DATA_HOME"] = (home_.path() / "data").string();
-  environment_["CORVANE_SF_PATH"] = sf.string();
-  // Logs the sf stand-in in with a fresh token (the org's clock ends old ones).
-  auto login = [&] {
-    ProcessRequest request{sf,
-                           {"org", "login", "access-token", "--instance-url", server_->baseUrl(),
-                            "--alias", "sample", "--no-prompt", "--json"},
-                           std::nullopt,
-                           environment_,
-                           std::chrono::seconds(60),
-                           {}};
-    request.environment["SF_ACCESS_TOKEN"] = orgsim::Sessions::issue(store(), "").token;
-    return ChildProcess::run(request).exitStatus;
-  };
-  ASSERT_EQ(login(), 0);
+  if (!findPrograms()) GTEST_SKIP() << "corvane or the sf stand-in is not built in " << buildDir_;
+  ASSERT_EQ(logIn(), 0);
 
   // 500 Accounts, three Contacts each, and 50 documents, each published on an
   // Account and shared with one of its Contacts.
@@ -139,7 +109,7 @@ TEST_F(RestoreKillTest, KilledAtRandomMomentsAndRunAgainItEndsWithEveryRecordAnd
   // A day later, when the backups look for deletions again.
   store().advanceClock(std::chrono::hours(25));
   token_ = orgsim::Sessions::issue(store(), "").token;
-  ASSERT_EQ(login(), 0);
+  ASSERT_EQ(logIn(), 0);
   backup("changes");
   ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 500);
   ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Contact", {}), 1500);
