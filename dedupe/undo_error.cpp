@@ -79,8 +79,7 @@ std::string UndoError::keeperChanged(const std::string& group, const std::string
 
 std::string UndoError::keeperUnchecked(const std::string& group, const std::string& object,
                                        const std::string& keeper) {
-  return group + ": the apply stopped before it noted when the kept " +
-         object + " " + keeper +
+  return group + ": the apply stopped before it noted when the kept " + object + " " + keeper +
          " was last changed, so changes made to it since cannot be told apart. Check it in "
          "Salesforce, then use --force to set its old values back.";
 }

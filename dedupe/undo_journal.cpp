@@ -116,7 +116,8 @@ void UndoJournal::recordBefore(std::int64_t apply, const std::vector<UndoGroup>&
   auto clearChildren = db_->prepare("DELETE FROM undo_children WHERE apply = ? AND group_id = ?");
   auto group = db_->prepare(
       "INSERT INTO undo_groups (apply, group_id, object, action, keeper, keeper_fields, "
-      "keeper_stamp, journaled_at, undo_state, undone_at) VALUES (?, ?, ?, ?, ?, ?, '', ?, '', '')");
+      "keeper_stamp, journaled_at, undo_state, undone_at) VALUES (?, ?, ?, ?, ?, ?, '', ?, '', "
+      "'')");
   auto record = db_->prepare(
       "INSERT INTO undo_records (apply, group_id, pos, sfid, fields, state, message) "
       "VALUES (?, ?, ?, ?, ?, ?, ?)");
@@ -191,15 +192,18 @@ void UndoJournal::recordOutcome(std::int64_t apply, std::int64_t groupId, const 
   auto statement = db_->prepare(
       "UPDATE undo_records SET state = ?, message = ? WHERE apply = ? AND group_id = ? "
       "AND sfid = ?");
-  statement.bindText(1, state).bindText(2, message).bindInt(3, apply).bindInt(4, groupId).bindText(
-      5, sfid);
+  statement.bindText(1, state)
+      .bindText(2, message)
+      .bindInt(3, apply)
+      .bindInt(4, groupId)
+      .bindText(5, sfid);
   statement.run();
 }
 
 void UndoJournal::recordKeeperStamp(std::int64_t apply, std::int64_t groupId,
                                     const std::string& stamp) {
-  auto statement = db_->prepare(
-      "UPDATE undo_groups SET keeper_stamp = ? WHERE apply = ? AND group_id = ?");
+  auto statement =
+      db_->prepare("UPDATE undo_groups SET keeper_stamp = ? WHERE apply = ? AND group_id = ?");
   statement.bindText(1, stamp).bindInt(2, apply).bindInt(3, groupId);
   statement.run();
 }

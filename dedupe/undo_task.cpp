@@ -585,8 +585,7 @@ std::string whatItWrites(const Prepared& prepared) {
   return fmt::format(
       "undo {} group{} of {} records: bring back up to {} records from the Recycle Bin, move "
       "their child records back and set the kept records' values back",
-      prepared.groups.size(), prepared.groups.size() == 1 ? "" : "s", prepared.objectLabel,
-      losers);
+      prepared.groups.size(), prepared.groups.size() == 1 ? "" : "s", prepared.objectLabel, losers);
 }
 
 std::string refusalsText(const std::vector<std::string>& refusals, bool json) {

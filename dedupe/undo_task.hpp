@@ -36,8 +36,8 @@ struct Request {
   // Empty: every group the applies changed. A number chooses that group of
   // every apply that holds it.
   std::vector<std::int64_t> groups;
-  bool force = false;                // put kept records back even if changed since
-  std::string login;                 // empty: the login that made the snapshot
+  bool force = false;  // put kept records back even if changed since
+  std::string login;   // empty: the login that made the snapshot
 };
 
 struct Prepared {

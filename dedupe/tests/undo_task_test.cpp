@@ -159,8 +159,7 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
   std::vector<DecisionWorkbook::DecidedGroup> applyDecisions(std::int64_t exclude,
                                                              std::int64_t merge) {
     const auto exported = home_.path() / "decisions.xlsx";
-    const auto groups =
-        DecisionWorkbookTask::exportWorkbook(snapshot_, exported, {}, {}).groups;
+    const auto groups = DecisionWorkbookTask::exportWorkbook(snapshot_, exported, {}, {}).groups;
     std::map<std::string, std::string> actions;
     for (const auto& group : groups) {
       for (const std::string& id : group.recordIds) {
