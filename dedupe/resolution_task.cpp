@@ -251,7 +251,7 @@ std::string keeperOf(const Resolution& resolution, std::int64_t groupId) {
   return "";
 }
 
-std::string now() { return IsoTime::formatPlain(std::chrono::system_clock::now()); }
+std::string isoNow() { return IsoTime::formatPlain(std::chrono::system_clock::now()); }
 
 std::string notJournaled(const std::exception& error) {
   std::string reason = error.what();
@@ -301,7 +301,7 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
       pending.push_back(std::move(group));
     }
     try {
-      journal.recordBefore(applyId, UndoCapture::capture(transport, pending, now()));
+      journal.recordBefore(applyId, UndoCapture::capture(transport, pending, isoNow()));
     } catch (const std::exception& error) {
       signedOut = transport.classify(error).signedOut;
       for (std::size_t g = start; g < order.size(); ++g) {
@@ -375,7 +375,7 @@ std::vector<ChangeRunner::ChangeResult> deleteJournaled(
     pending[found->second].losers.push_back(change.sfid);
   }
   try {
-    journal.recordBefore(applyId, UndoCapture::capture(transport, pending, now()));
+    journal.recordBefore(applyId, UndoCapture::capture(transport, pending, isoNow()));
   } catch (const std::exception& error) {
     const bool signedOut = transport.classify(error).signedOut;
     std::vector<ChangeRunner::ChangeResult> results;
@@ -415,7 +415,7 @@ std::vector<ChangeRunner::ChangeResult> deleteAlreadyJournaled(
   UndoCapture::Pending pending{journalId, object, "delete", "", {}};
   for (const PlannedChange& change : already) pending.losers.push_back(change.sfid);
   try {
-    journal.recordBefore(applyId, UndoCapture::capture(transport, {pending}, now()));
+    journal.recordBefore(applyId, UndoCapture::capture(transport, {pending}, isoNow()));
   } catch (const std::exception& error) {
     const bool signedOut = transport.classify(error).signedOut;
     std::vector<ChangeRunner::ChangeResult> results;
@@ -481,7 +481,7 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
   const auto undoJournal = [&]() -> UndoJournal& {
     if (!journal) {
       journal.emplace(resolution.snapshot);
-      applyId = journal->beginApply(now());
+      applyId = journal->beginApply(isoNow());
     }
     return *journal;
   };

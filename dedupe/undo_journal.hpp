@@ -11,7 +11,8 @@
 //
 // Each apply is numbered and keeps its entries apart: a later apply from the
 // same snapshot whose groups reuse a number never replaces an entry whose
-// calls left, so every apply can still be undone.
+// calls left (or may have), so every apply can still be undone.
+//
 // The undo keeps its own progress per entry here too ("undoing", "undone"),
 // so that a stopped undo run again finds what it had already finished.
 // One connection per journal; one thread at a time.
