@@ -59,7 +59,8 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
       ->required();
   command
       ->add_option("--group", args->groups,
-                   "Undo only this group (as numbered by the apply); repeat for several")
+                   "Undo only this group (as numbered by the apply; the group of that number of "
+                   "every apply); repeat for several")
       ->allow_extra_args(false);
   command->add_flag("--force", args->force,
                     "Also put back kept records changed in Salesforce since the merge, "

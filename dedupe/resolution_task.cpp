@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <optional>
 
 #include <nlohmann/json.hpp>
 
@@ -250,6 +251,8 @@ std::string keeperOf(const Resolution& resolution, std::int64_t groupId) {
   return "";
 }
 
+std::string isoNow() { return IsoTime::formatPlain(std::chrono::system_clock::now()); }
+
 std::string notJournaled(const std::exception& error) {
   std::string reason = error.what();
   while (!reason.empty() && (reason.back() == '.' || reason.back() == ' ')) reason.pop_back();
@@ -263,7 +266,8 @@ std::string notJournaled(const std::exception& error) {
 // signedOut: Salesforce ended the session while the records were being read.
 std::vector<MergeRunner::MergeResult> mergeJournaled(
     DedupeTransport& transport, const Resolution& resolution, MergeRunner& runner,
-    const std::function<void(std::size_t, std::size_t)>& progress, bool& signedOut) {
+    const std::function<void(std::size_t, std::size_t)>& progress, UndoJournal& journal,
+    std::int64_t applyId, bool& signedOut) {
   using Status = MergeRunner::MergeResult::Status;
   const std::vector<PlannedMerge>& merges = resolution.plan.merges;
   std::vector<MergeRunner::MergeResult> results(merges.size());
@@ -278,7 +282,6 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
     if (!ofGroup.count(merges[i].groupId)) order.push_back(merges[i].groupId);
     ofGroup[merges[i].groupId].push_back(i);
   }
-  UndoJournal journal(resolution.snapshot);
   std::size_t done = 0;
   for (std::size_t start = 0; start < order.size(); start += groupsPerJournalStep) {
     const std::size_t end = std::min(order.size(), start + groupsPerJournalStep);
@@ -298,7 +301,7 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
       pending.push_back(std::move(group));
     }
     try {
-      journal.recordBefore(UndoCapture::capture(transport, pending, IsoTime::formatPlain(std::chrono::system_clock::now())));
+      journal.recordBefore(applyId, UndoCapture::capture(transport, pending, isoNow()));
     } catch (const std::exception& error) {
       signedOut = transport.classify(error).signedOut;
       for (std::size_t g = start; g < order.size(); ++g) {
@@ -324,7 +327,7 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
     for (std::size_t k = 0; k < stepResults.size() && k < indices.size(); ++k) {
       MergeRunner::MergeResult result = std::move(stepResults[k]);
       result.index = indices[k];
-      journal.recordOutcome(merges[indices[k]].groupId, merges[indices[k]].loser,
+      journal.recordOutcome(applyId, merges[indices[k]].groupId, merges[indices[k]].loser,
                             journalState(result.status), result.message.value_or(""));
       results[indices[k]] = std::move(result);
     }
@@ -334,7 +337,7 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
         for (const UndoCapture::Pending& group : pending) {
           auto stamp = now.find(UndoCapture::idKey(group.keeper));
           if (group.object == object && stamp != now.end())
-            journal.recordKeeperStamp(group.groupId, stamp->second);
+            journal.recordKeeperStamp(applyId, group.groupId, stamp->second);
         }
       } catch (const std::exception&) {
         // Without the stamp, an undo asks for --force before touching the kept record.
@@ -355,7 +358,8 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
 // Deletes the losers, every one journaled (UndoJournal) before the first call.
 std::vector<ChangeRunner::ChangeResult> deleteJournaled(
     DedupeTransport& transport, const Resolution& resolution, ChangeRunner& runner,
-    const std::function<void(std::size_t, std::size_t)>& progress) {
+    const std::function<void(std::size_t, std::size_t)>& progress, UndoJournal& journal,
+    std::int64_t applyId) {
   const std::vector<PlannedChange>& deletes = resolution.plan.deletes;
   std::vector<UndoCapture::Pending> pending;
   std::map<std::int64_t, std::size_t> at;
@@ -370,9 +374,8 @@ std::vector<ChangeRunner::ChangeResult> deleteJournaled(
     }
     pending[found->second].losers.push_back(change.sfid);
   }
-  UndoJournal journal(resolution.snapshot);
   try {
-    journal.recordBefore(UndoCapture::capture(transport, pending, IsoTime::formatPlain(std::chrono::system_clock::now())));
+    journal.recordBefore(applyId, UndoCapture::capture(transport, pending, isoNow()));
   } catch (const std::exception& error) {
     const bool signedOut = transport.classify(error).signedOut;
     std::vector<ChangeRunner::ChangeResult> results;
@@ -390,7 +393,7 @@ std::vector<ChangeRunner::ChangeResult> deleteJournaled(
   }
   std::vector<ChangeRunner::ChangeResult> results = runner.deleteRecords(deletes, progress);
   for (const ChangeRunner::ChangeResult& result : results) {
-    journal.recordOutcome(result.groupId, result.sfid, changeState(result.status),
+    journal.recordOutcome(applyId, result.groupId, result.sfid, changeState(result.status),
                           result.message.value_or(""));
   }
   return results;
@@ -398,11 +401,11 @@ std::vector<ChangeRunner::ChangeResult> deleteJournaled(
 
 // Deletes the records already there as another object's, journaled first
 // (UndoJournal) as one group of their own, numbered below every group the
-// journal holds so that no earlier apply's entry is replaced.
+// journal holds, so that its number names it alone.
 std::vector<ChangeRunner::ChangeResult> deleteAlreadyJournaled(
     DedupeTransport& transport, const Resolution& resolution, ChangeRunner& runner,
-    const std::function<void(std::size_t, std::size_t)>& progress) {
-  UndoJournal journal(resolution.snapshot);
+    const std::function<void(std::size_t, std::size_t)>& progress, UndoJournal& journal,
+    std::int64_t applyId) {
   std::int64_t journalId = -1;
   for (const UndoGroup& group : journal.groups())
     journalId = std::min(journalId, group.groupId - 1);
@@ -412,8 +415,7 @@ std::vector<ChangeRunner::ChangeResult> deleteAlreadyJournaled(
   UndoCapture::Pending pending{journalId, object, "delete", "", {}};
   for (const PlannedChange& change : already) pending.losers.push_back(change.sfid);
   try {
-    journal.recordBefore(UndoCapture::capture(
-        transport, {pending}, IsoTime::formatPlain(std::chrono::system_clock::now())));
+    journal.recordBefore(applyId, UndoCapture::capture(transport, {pending}, isoNow()));
   } catch (const std::exception& error) {
     const bool signedOut = transport.classify(error).signedOut;
     std::vector<ChangeRunner::ChangeResult> results;
@@ -427,7 +429,7 @@ std::vector<ChangeRunner::ChangeResult> deleteAlreadyJournaled(
   }
   std::vector<ChangeRunner::ChangeResult> results = runner.deleteRecords(already, progress);
   for (const ChangeRunner::ChangeResult& result : results) {
-    journal.recordOutcome(journalId, result.sfid, changeState(result.status),
+    journal.recordOutcome(applyId, journalId, result.sfid, changeState(result.status),
                           result.message.value_or(""));
   }
   return results;
@@ -472,13 +474,26 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
   runnerOptions.lockAttempts = options.lockAttempts;
   runnerOptions.shouldCancel = shouldCancel;
   using Kind = ResolutionAction::Kind;
+  // This apply's entries in the undo journal, numbered apart from every
+  // earlier apply's; opened when something is to be journaled.
+  std::optional<UndoJournal> journal;
+  std::int64_t applyId = 0;
+  const auto undoJournal = [&]() -> UndoJournal& {
+    if (!journal) {
+      journal.emplace(resolution.snapshot);
+      applyId = journal->beginApply(isoNow());
+    }
+    return *journal;
+  };
   if (plan.merges.empty() && plan.deletes.empty() && plan.updates.empty()) {
     // Only records already there to remove.
   } else if (plan.action.kind == Kind::merge) {
     MergeRunner runner(transport, resolution.info.objectName,
                        {options.lockAttempts, options.lockPause, {}, shouldCancel});
     bool signedOut = false;
-    outcome.merges = mergeJournaled(transport, resolution, runner, progress, signedOut);
+    UndoJournal& opened = undoJournal();
+    outcome.merges =
+        mergeJournaled(transport, resolution, runner, progress, opened, applyId, signedOut);
     for (const MergeRunner::MergeResult& result : outcome.merges) {
       using Status = MergeRunner::MergeResult::Status;
       switch (result.status) {
@@ -493,9 +508,12 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
     outcome.stopped = runner.cancelled();
   } else {
     ChangeRunner runner(transport, runnerOptions);
-    outcome.changes = plan.action.kind == Kind::deleteLosers
-                          ? deleteJournaled(transport, resolution, runner, progress)
-                          : runner.updateRecords(plan.updates, progress);
+    if (plan.action.kind == Kind::deleteLosers) {
+      UndoJournal& opened = undoJournal();
+      outcome.changes = deleteJournaled(transport, resolution, runner, progress, opened, applyId);
+    } else {
+      outcome.changes = runner.updateRecords(plan.updates, progress);
+    }
     count(outcome.changes, outcome);
     outcome.signedOut = runner.signedOut() || anySignedOut(outcome.changes);
     outcome.stopped = runner.cancelled();
@@ -510,9 +528,13 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
     }
   } else {
     ChangeRunner runner(transport, runnerOptions);
-    outcome.already = plan.action.kind == Kind::tagLosers
-                          ? runner.updateRecords(plan.already, progress)
-                          : deleteAlreadyJournaled(transport, resolution, runner, progress);
+    if (plan.action.kind == Kind::tagLosers) {
+      outcome.already = runner.updateRecords(plan.already, progress);
+    } else {
+      UndoJournal& opened = undoJournal();
+      outcome.already =
+          deleteAlreadyJournaled(transport, resolution, runner, progress, opened, applyId);
+    }
     outcome.signedOut = runner.signedOut() || anySignedOut(outcome.already);
     outcome.stopped = runner.cancelled();
   }

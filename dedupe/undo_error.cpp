@@ -69,25 +69,24 @@ UndoError UndoError::signedOut() {
                    "command: what was already put back is not done twice.");
 }
 
-std::string UndoError::keeperChanged(std::int64_t group, const std::string& object,
+std::string UndoError::keeperChanged(const std::string& group, const std::string& object,
                                      const std::string& keeper, const std::string& stamp) {
-  return "Group " + std::to_string(group) + ": the kept " + object + " " + keeper +
+  return group + ": the kept " + object + " " + keeper +
          " was changed in Salesforce after the merge (at " + stamp +
          "). Putting its old values back would overwrite that change; use --force to do it "
          "anyway.";
 }
 
-std::string UndoError::keeperUnchecked(std::int64_t group, const std::string& object,
+std::string UndoError::keeperUnchecked(const std::string& group, const std::string& object,
                                        const std::string& keeper) {
-  return "Group " + std::to_string(group) + ": the apply stopped before it noted when the kept " +
-         object + " " + keeper +
+  return group + ": the apply stopped before it noted when the kept " + object + " " + keeper +
          " was last changed, so changes made to it since cannot be told apart. Check it in "
          "Salesforce, then use --force to set its old values back.";
 }
 
-std::string UndoError::loserPurged(std::int64_t group, const std::string& object,
+std::string UndoError::loserPurged(const std::string& group, const std::string& object,
                                    const std::string& loser) {
-  return "Group " + std::to_string(group) + ": the merged " + object + " " + loser +
+  return group + ": the merged " + object + " " + loser +
          " is no longer in the Recycle Bin (emptied, or kept past its 15 days), so it cannot be "
          "brought back.";
 }

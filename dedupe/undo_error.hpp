@@ -33,13 +33,14 @@ class UndoError : public UserFacingError {
   static UndoError stoppedPartWay(std::size_t undone, std::size_t left);
   static UndoError signedOut();
 
-  // The reasons a group is refused, one record each.
-  static std::string keeperChanged(std::int64_t group, const std::string& object,
+  // The reasons a group is refused, one record each. group: its name
+  // ("Group 2", or "Group 2 of the apply of ..." when several applies hold it).
+  static std::string keeperChanged(const std::string& group, const std::string& object,
                                    const std::string& keeper, const std::string& stamp);
   // The apply stopped before it noted the kept record's SystemModstamp.
-  static std::string keeperUnchecked(std::int64_t group, const std::string& object,
+  static std::string keeperUnchecked(const std::string& group, const std::string& object,
                                      const std::string& keeper);
-  static std::string loserPurged(std::int64_t group, const std::string& object,
+  static std::string loserPurged(const std::string& group, const std::string& object,
                                  const std::string& loser);
 
   Kind kind() const { return kind_; }

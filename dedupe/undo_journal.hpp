@@ -9,7 +9,11 @@
 // calls, each record's outcome and the kept record's SystemModstamp are added,
 // so that a later change to the kept record in Salesforce can be noticed.
 //
-// The undo keeps its own progress per group here too ("undoing", "undone"),
+// Each apply is numbered and keeps its entries apart: a later apply from the
+// same snapshot whose groups reuse a number never replaces an entry whose
+// calls left (or may have), so every apply can still be undone.
+//
+// The undo keeps its own progress per entry here too ("undoing", "undone"),
 // so that a stopped undo run again finds what it had already finished.
 // One connection per journal; one thread at a time.
 #pragma once
@@ -48,6 +52,11 @@ struct UndoRecord {
 };
 
 struct UndoGroup {
+  // The apply that journaled it (UndoJournal::beginApply): 0 for an entry
+  // from before applies were numbered. appliedAt: when that apply began (for
+  // apply 0, when the entry was journaled), ISO 8601, UTC.
+  std::int64_t apply = 0;
+  std::string appliedAt;
   std::int64_t groupId = 0;
   std::string object;
   std::string action;        // "merge" or "delete"
@@ -67,26 +76,39 @@ struct UndoGroup {
 
 class UndoJournal {
  public:
-  // Opens the journal inside the snapshot file, adding its tables when missing.
+  // Opens the journal inside the snapshot file, adding its tables when missing
+  // and bringing those of older versions to the numbered applies.
   explicit UndoJournal(const std::filesystem::path& snapshot);
   UndoJournal(const UndoJournal&) = delete;
   UndoJournal& operator=(const UndoJournal&) = delete;
   ~UndoJournal();
 
-  // Writes the groups as they are before any call (every loser "sending"),
-  // in one transaction. A group already in the journal is replaced.
-  void recordBefore(const std::vector<UndoGroup>& groups);
-  // The outcome of the call for one record.
-  void recordOutcome(std::int64_t groupId, const std::string& sfid, const std::string& state,
-                     const std::string& message);
-  void recordKeeperStamp(std::int64_t groupId, const std::string& stamp);
-  // "undoing" before the undo of a group sends anything, "undone" after.
-  void recordUndoState(std::int64_t groupId, const std::string& state, const std::string& at);
+  // Numbers a new apply, begun at (ISO 8601, UTC): the entries it writes
+  // are kept apart from those of every earlier apply.
+  std::int64_t beginApply(const std::string& at);
 
-  // Every journaled group, in group order.
+  // Writes the apply's groups as they are before any call (every loser
+  // "sending"), in one transaction. An earlier apply's entry is never changed,
+  // but for one case: the same group (same number, kept record and other
+  // records) none of whose calls has an answer noted is replaced. The caller
+  // must have found every one of those records unchanged since the snapshot
+  // (ResolutionPreflight), which shows that none of those calls went through:
+  // a merge or delete removes the record.
+  void recordBefore(std::int64_t apply, const std::vector<UndoGroup>& groups);
+  // The outcome of the call for one record.
+  void recordOutcome(std::int64_t apply, std::int64_t groupId, const std::string& sfid,
+                     const std::string& state, const std::string& message);
+  void recordKeeperStamp(std::int64_t apply, std::int64_t groupId, const std::string& stamp);
+  // "undoing" before the undo of an entry sends anything, "undone" after.
+  void recordUndoState(std::int64_t apply, std::int64_t groupId, const std::string& state,
+                       const std::string& at);
+
+  // Every entry, the newest apply's first, each apply's in group order.
   std::vector<UndoGroup> groups() const;
 
  private:
+  void upgrade();
+
   std::shared_ptr<SQLiteDB> db_;
 };
 

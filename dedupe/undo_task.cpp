@@ -138,7 +138,9 @@ class GroupUndo {
 
   // False when a stop request ended it part-way.
   bool run() {
-    if (group_.undoState.empty()) journal_.recordUndoState(group_.groupId, "undoing", "");
+    if (group_.undoState.empty()) {
+      journal_.recordUndoState(group_.apply, group_.groupId, "undoing", "");
+    }
     if (!undelete() || !going()) return false;
     // Children cannot go back to a record still in the Recycle Bin.
     if (result_.failures.empty()) {
@@ -147,7 +149,7 @@ class GroupUndo {
       if (!resetKeeper()) return false;
     }
     if (result_.failures.empty()) {
-      journal_.recordUndoState(group_.groupId, "undone",
+      journal_.recordUndoState(group_.apply, group_.groupId, "undone",
                                IsoTime::formatPlain(std::chrono::system_clock::now()));
       result_.status = Status::undone;
     } else {
@@ -329,7 +331,7 @@ class GroupUndo {
     const Json before = Json::parse(group_.keeperFields, nullptr, false);
     if (!before.is_object() || before.empty()) return true;
     if (group_.undoState != "keeperSent") {
-      journal_.recordUndoState(group_.groupId, "keeperSent", "");
+      journal_.recordUndoState(group_.apply, group_.groupId, "keeperSent", "");
     }
     std::vector<std::string> fields = {"Id"};
     for (const auto& [name, value] : before.items()) fields.push_back(name);
@@ -356,7 +358,7 @@ class GroupUndo {
       result_.fieldsReset = changed;
     } else {
       // Refused, so unchanged: a later run checks it for changes again.
-      journal_.recordUndoState(group_.groupId, "undoing", "");
+      journal_.recordUndoState(group_.apply, group_.groupId, "undoing", "");
     }
     return true;
   }
@@ -367,6 +369,37 @@ class GroupUndo {
   std::stop_token stop_;
   GroupResult& result_;
 };
+
+// The group numbers that more than one apply holds among groups.
+template <typename Group>
+std::set<std::int64_t> sharedNumbers(const std::vector<Group>& groups) {
+  std::map<std::int64_t, std::set<std::int64_t>> applies;
+  for (const Group& group : groups) applies[group.groupId].insert(group.apply);
+  std::set<std::int64_t> out;
+  for (const auto& [number, of] : applies) {
+    if (of.size() > 1) out.insert(number);
+  }
+  return out;
+}
+
+// "2026-11-26 04:10:07" on the machine's clock, for the ISO 8601 time given.
+std::string localTime(const std::string& iso) {
+  auto time = IsoTime::parsePlain(iso);
+  if (!time) time = IsoTime::parseFractional(iso);
+  if (!time) return iso;
+  const std::string minutes = IsoTime::localFolderStamp(*time);  // "yyyy-MM-dd HHmm"
+  const auto seconds =
+      std::chrono::duration_cast<std::chrono::seconds>(time->time_since_epoch()).count() % 60;
+  return fmt::format("{}:{}:{:02}", minutes.substr(0, 13), minutes.substr(13), seconds);
+}
+
+// "Group 3", or "Group 3 of the apply of 2026-11-26 04:10:07" when its number is shared.
+template <typename Group>
+std::string nameOf(const Group& group, const std::set<std::int64_t>& shared) {
+  std::string name = "Group " + std::to_string(group.groupId);
+  if (shared.count(group.groupId)) name += " of the apply of " + localTime(group.appliedAt);
+  return name;
+}
 
 void report(const DedupeProgressHandler& onProgress, DedupeProgress::Phase phase, std::size_t done,
             std::size_t total, std::string item) {
@@ -381,8 +414,10 @@ void report(const DedupeProgressHandler& onProgress, DedupeProgress::Phase phase
 
 // Why each group that is not yet undone cannot be, before anything changes.
 std::vector<std::string> refusals(DedupeTransport& transport, const std::vector<UndoGroup>& groups,
-                                  bool force, std::set<std::int64_t>& forced) {
+                                  bool force,
+                                  std::set<std::pair<std::int64_t, std::int64_t>>& forced) {
   std::vector<std::string> out;
+  const std::set<std::int64_t> shared = sharedNumbers(groups);
   std::map<std::string, std::vector<const UndoGroup*>> byObject;
   for (const UndoGroup& group : groups) {
     if (group.undoState != "undone") byObject[group.object].push_back(&group);
@@ -406,7 +441,7 @@ std::vector<std::string> refusals(DedupeTransport& transport, const std::vector<
     for (const UndoGroup* group : ofObject) {
       for (const std::string& loser : touchedLosers(*group)) {
         if (!present.count(idKey(loser)))
-          out.push_back(UndoError::loserPurged(group->groupId, object, loser));
+          out.push_back(UndoError::loserPurged(nameOf(*group, shared), object, loser));
       }
       // The kept record is only touched by a merge, and by this undo once it
       // has set the values back.
@@ -419,11 +454,12 @@ std::vector<std::string> refusals(DedupeTransport& transport, const std::vector<
           group->keeperStamp == now->second || (journaled && current && *journaled == *current);
       if (same) continue;
       if (force) {
-        forced.insert(group->groupId);
+        forced.insert({group->apply, group->groupId});
       } else if (group->keeperStamp.empty()) {
-        out.push_back(UndoError::keeperUnchecked(group->groupId, object, group->keeper));
+        out.push_back(UndoError::keeperUnchecked(nameOf(*group, shared), object, group->keeper));
       } else {
-        out.push_back(UndoError::keeperChanged(group->groupId, object, group->keeper, now->second));
+        out.push_back(
+            UndoError::keeperChanged(nameOf(*group, shared), object, group->keeper, now->second));
       }
     }
   }
@@ -468,6 +504,8 @@ Prepared prepare(const FindLogin& findLogin, const std::filesystem::path& snapsh
   if (journaled.empty()) throw UndoError::nothingJournaled(snapshot);
   std::vector<std::int64_t> known;
   for (const UndoGroup& group : journaled) known.push_back(group.groupId);
+  std::sort(known.begin(), known.end());
+  known.erase(std::unique(known.begin(), known.end()), known.end());
   for (std::int64_t id : request.groups) {
     if (std::find(known.begin(), known.end(), id) == known.end())
       throw UndoError::unknownGroup(id, known);
@@ -490,7 +528,7 @@ Outcome run(SalesforceAPI::Client& api, const Prepared& prepared, const Request&
   DedupeAPITransport transport(api, prepared.org);
   const std::size_t total = prepared.groups.size();
   report(onProgress, DedupeProgress::Phase::checking, 0, total, "");
-  std::set<std::int64_t> forced;
+  std::set<std::pair<std::int64_t, std::int64_t>> forced;  // (apply, group)
   std::vector<std::string> refused = refusals(transport, prepared.groups, request.force, forced);
   if (!refused.empty()) throw UndoError::refused(std::move(refused));
 
@@ -499,17 +537,19 @@ Outcome run(SalesforceAPI::Client& api, const Prepared& prepared, const Request&
   for (const UndoGroup& group : prepared.groups) {
     GroupResult result;
     result.groupId = group.groupId;
+    result.apply = group.apply;
+    result.appliedAt = group.appliedAt;
     result.object = group.object;
     result.action = group.action;
     result.keeper = group.keeper;
-    result.forced = forced.count(group.groupId) > 0;
+    result.forced = forced.count({group.apply, group.groupId}) > 0;
     outcome.groups.push_back(result);
   }
+  const std::set<std::int64_t> shared = sharedNumbers(prepared.groups);
   for (std::size_t i = 0; i < prepared.groups.size(); ++i) {
     const UndoGroup& group = prepared.groups[i];
     GroupResult& result = outcome.groups[i];
-    report(onProgress, DedupeProgress::Phase::changing, i, total,
-           "Group " + std::to_string(group.groupId));
+    report(onProgress, DedupeProgress::Phase::changing, i, total, nameOf(group, shared));
     if (group.undoState == "undone") {
       result.status = Status::alreadyUndone;
       continue;
@@ -545,8 +585,7 @@ std::string whatItWrites(const Prepared& prepared) {
   return fmt::format(
       "undo {} group{} of {} records: bring back up to {} records from the Recycle Bin, move "
       "their child records back and set the kept records' values back",
-      prepared.groups.size(), prepared.groups.size() == 1 ? "" : "s", prepared.objectLabel,
-      losers);
+      prepared.groups.size(), prepared.groups.size() == 1 ? "" : "s", prepared.objectLabel, losers);
 }
 
 std::string refusalsText(const std::vector<std::string>& refusals, bool json) {
@@ -558,12 +597,13 @@ std::string refusalsText(const std::vector<std::string>& refusals, bool json) {
 
 std::string text(const Outcome& outcome) {
   std::string out;
+  const std::set<std::int64_t> shared = sharedNumbers(outcome.groups);
   for (const GroupResult& group : outcome.groups) {
     // Records deleted on their own (already there as another object's) have no kept record.
-    std::string line =
-        group.keeper.empty()
-            ? fmt::format("Group {} ({}): ", group.groupId, group.object)
-            : fmt::format("Group {} ({} {}): ", group.groupId, group.object, group.keeper);
+    const std::string name = nameOf(group, shared);
+    std::string line = group.keeper.empty()
+                           ? fmt::format("{} ({}): ", name, group.object)
+                           : fmt::format("{} ({} {}): ", name, group.object, group.keeper);
     switch (group.status) {
       case Status::undone:
         line += fmt::format(
@@ -599,6 +639,8 @@ nlohmann::json json(const Outcome& outcome) {
   Json groups = Json::array();
   for (const GroupResult& group : outcome.groups) {
     groups.push_back({{"group", group.groupId},
+                      {"apply", group.apply},
+                      {"appliedAt", group.appliedAt},
                       {"object", group.object},
                       {"action", group.action},
                       {"keeper", group.keeper},

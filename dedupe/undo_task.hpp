@@ -33,16 +33,19 @@
 namespace corvane::UndoTask {
 
 struct Request {
-  std::vector<std::int64_t> groups;  // empty: every group the apply changed
-  bool force = false;                // put kept records back even if changed since
-  std::string login;                 // empty: the login that made the snapshot
+  // Empty: every group the applies changed. A number chooses that group of
+  // every apply that holds it.
+  std::vector<std::int64_t> groups;
+  bool force = false;  // put kept records back even if changed since
+  std::string login;   // empty: the login that made the snapshot
 };
 
 struct Prepared {
   std::filesystem::path snapshot;
   Org org;
   std::string objectLabel;
-  std::vector<UndoGroup> groups;  // the chosen groups the apply changed
+  // The chosen groups the applies changed, the newest apply's first.
+  std::vector<UndoGroup> groups;
 };
 
 // Reads the journal of the snapshot and finds the org. Throws
@@ -54,6 +57,8 @@ Prepared prepare(const FindLogin& findLogin, const std::filesystem::path& snapsh
 struct GroupResult {
   enum class Status { undone, alreadyUndone, failed, notAttempted };
   std::int64_t groupId = 0;
+  std::int64_t apply = 0;  // the apply that journaled it (UndoGroup::apply)
+  std::string appliedAt;   // when that apply began, ISO 8601, UTC
   std::string object;
   std::string action;  // "merge" or "delete"
   std::string keeper;
@@ -90,9 +95,12 @@ Outcome run(SalesforceAPI::Client& api, const Prepared& prepared, const Request&
 std::string whatItWrites(const Prepared& prepared);
 // The sentences of UndoError::refused, one a line, or as {"refused": [...]}.
 std::string refusalsText(const std::vector<std::string>& refusals, bool json);
-// The outcome in words, a line per group and a last line of totals.
+// The outcome in words, a line per group and a last line of totals. A group
+// whose number several applies hold is named with the time of its apply:
+// "Group 3 of the apply of 2026-11-26 04:10:07" (local time).
 std::string text(const Outcome& outcome);
-// The outcome as JSON: {"groups": [{"group", "object", "keeper", "status", ...}], "undone", ...}.
+// The outcome as JSON: {"groups": [{"group", "apply", "appliedAt", "object", "keeper",
+// "status", ...}], "undone", ...}.
 nlohmann::json json(const Outcome& outcome);
 
 }  // namespace corvane::UndoTask

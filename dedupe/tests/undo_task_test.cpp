@@ -2,19 +2,25 @@
 // the Recycle Bin, their children go back to them, the kept record takes back
 // its old values; refusals for a kept record changed since and a record no
 // longer in the bin; a stop and a lost reply part-way, then the same call
-// again, doing nothing twice.
+// again, doing nothing twice; two applies from one snapshot whose groups
+// share a number, both undone.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <map>
 #include <set>
 #include <vector>
 
+#include "dedupe/decision_workbook_task.hpp"
 #include "dedupe/resolution_task.hpp"
 #include "dedupe/snapshot_task.hpp"
 #include "dedupe/undo_task.hpp"
 #include "platform/sqlite_db.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "workbook/xlsx_reader.hpp"
+#include "workbook/xlsx_writer.hpp"
 
 namespace corvane {
 namespace {
@@ -144,6 +150,81 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
                          const DedupeProgressHandler& onProgress = {}) {
     const auto prepared = UndoTask::prepare(findLogin_, snapshot_, request);
     return UndoTask::run(*api_, prepared, request, stop, onProgress);
+  }
+
+  // Exports the decision workbook and types in it, as a user would in a
+  // spreadsheet program, Not a duplicate on every record of the group
+  // numbered exclude and Delete on every record but the kept one of the group
+  // numbered merge; then applies it. Returns the workbook's groups.
+  std::vector<DecisionWorkbook::DecidedGroup> applyDecisions(std::int64_t exclude,
+                                                             std::int64_t merge) {
+    const auto exported = home_.path() / "decisions.xlsx";
+    const auto groups = DecisionWorkbookTask::exportWorkbook(snapshot_, exported, {}, {}).groups;
+    std::map<std::string, std::string> actions;
+    for (const auto& group : groups) {
+      for (const std::string& id : group.recordIds) {
+        if (group.id == exclude) actions[id] = "Not a duplicate";
+        if (group.id == merge && std::count(keepers_.begin(), keepers_.end(), id) == 0)
+          actions[id] = "Delete";
+      }
+    }
+    auto grid = XlsxReader(exported).readSheet(0);
+    EXPECT_TRUE(grid);
+    const auto column = [&](std::string_view header) {
+      return std::find(grid->headers.begin(), grid->headers.end(), header) - grid->headers.begin();
+    };
+    const auto id = column(DecisionWorkbook::recordIdHeader);
+    const auto action = column(DecisionWorkbook::actionHeader);
+    const auto edited = home_.path() / "edited.xlsx";
+    XlsxWriter writer(edited);
+    writer.addSheet(*grid->sheetName);
+    for (std::size_t c = 0; c < grid->headers.size(); ++c) writer.writeText(0, c, grid->headers[c]);
+    for (std::size_t r = 0; r < grid->rows.size(); ++r) {
+      const auto at = static_cast<std::ptrdiff_t>(r);
+      auto typed = actions.find(grid->cell(at, id));
+      if (typed != actions.end()) grid->setCell(at, action, typed->second);
+      for (std::size_t c = 0; c < grid->rows[r].size(); ++c)
+        writer.writeText(r + 1, c, grid->rows[r][c]);
+    }
+    writer.close();
+
+    ResolutionTask::Request request;
+    request.forApply = true;
+    request.decisions = edited;
+    request.keepValues.add("nonEmpty");
+    const auto resolution = ResolutionTask::plan(*api_, findLogin_, snapshot_, request, {});
+    const auto checked = ResolutionTask::check(*api_, resolution, {});
+    const auto outcome = ResolutionTask::apply(*api_, resolution, checked, {}, {});
+    EXPECT_GT(outcome.done, 0u);
+    outcome.throwIfIncomplete();
+    later();
+    return groups;
+  }
+
+  // Two applies from the snapshot, each merging a group numbered 2: the
+  // first the second group, leaving the first out as not duplicates, so that
+  // the next export numbers the third group 2, which the second apply merges.
+  // between runs after the first apply. Returns the kept records of the
+  // groups merged, the first apply's first.
+  std::vector<std::string> twoAppliesOfGroupTwo(const std::function<void()>& between = {}) {
+    const auto first = applyDecisions(1, 2);
+    if (between) between();
+    const auto second = applyDecisions(0, 2);
+    std::vector<std::string> kept;
+    for (const auto& groups : {first, second}) {
+      for (const auto& group : groups) {
+        if (group.id != 2) continue;
+        for (const std::string& id : group.recordIds) {
+          if (std::count(keepers_.begin(), keepers_.end(), id)) kept.push_back(id);
+        }
+      }
+    }
+    EXPECT_EQ(kept.size(), 2u);
+    EXPECT_EQ(second.size(), first.size() - 1);  // the second export left one group out
+    if (kept.size() == 2) {
+      EXPECT_NE(kept[0], kept[1]);
+    }
+    return kept;
   }
 
   std::string phoneOf(const std::string& id) {
@@ -392,6 +473,66 @@ TEST_F(UndoTaskTest, AStopAndALostReplyPartWayThenTheSameCallAgainDoNothingTwice
   }
   EXPECT_EQ(undeletes, 1u);
   EXPECT_EQ(patches, 7u);
+}
+
+TEST_F(UndoTaskTest, TwoAppliesWhoseGroupsShareANumberAreBothPutBack) {
+  accounts();
+  const auto before = picture();
+  const auto kept = twoAppliesOfGroupTwo();
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_NE(phoneOf(kept[0]), "null");  // each took a phone from its merged record
+  EXPECT_NE(phoneOf(kept[1]), "null");
+
+  const auto outcome = undo({});
+  EXPECT_EQ(outcome.count(Status::undone), 2u) << UndoTask::text(outcome);
+  EXPECT_NO_THROW(outcome.throwIfIncomplete());
+  EXPECT_EQ(picture(), before);
+  EXPECT_EQ(phoneOf(kept[0]), "null");
+  EXPECT_EQ(phoneOf(kept[1]), "null");
+}
+
+TEST_F(UndoTaskTest, AnOlderJournalKeepsItsEntryAndGroupNChoosesEveryApplysNewestFirst) {
+  accounts();
+  const auto before = picture();
+  // The first apply's entry as versions that kept one entry per group number wrote it.
+  const auto kept = twoAppliesOfGroupTwo([&] {
+    SQLiteDB::open(snapshot_)->exec(
+        "ALTER TABLE undo_groups RENAME TO g; ALTER TABLE undo_records RENAME TO r;"
+        "ALTER TABLE undo_children RENAME TO c; DROP TABLE IF EXISTS undo_applies;"
+        "CREATE TABLE undo_groups (group_id INTEGER PRIMARY KEY, object TEXT NOT NULL, "
+        "action TEXT NOT NULL, keeper TEXT NOT NULL, keeper_fields TEXT NOT NULL DEFAULT '', "
+        "keeper_stamp TEXT NOT NULL DEFAULT '', journaled_at TEXT NOT NULL, "
+        "undo_state TEXT NOT NULL DEFAULT '', undone_at TEXT NOT NULL DEFAULT '');"
+        "CREATE TABLE undo_records (group_id INTEGER NOT NULL, pos INTEGER NOT NULL, "
+        "sfid TEXT NOT NULL, fields TEXT NOT NULL, state TEXT NOT NULL, "
+        "message TEXT NOT NULL DEFAULT '', PRIMARY KEY (group_id, sfid));"
+        "CREATE TABLE undo_children (group_id INTEGER NOT NULL, pos INTEGER NOT NULL, "
+        "object TEXT NOT NULL, id TEXT NOT NULL, field TEXT NOT NULL, parent TEXT NOT NULL, "
+        "recreate TEXT NOT NULL DEFAULT '', PRIMARY KEY (group_id, pos));"
+        "INSERT INTO undo_groups SELECT group_id, object, action, keeper, keeper_fields, "
+        "keeper_stamp, journaled_at, undo_state, undone_at FROM g;"
+        "INSERT INTO undo_records SELECT group_id, pos, sfid, fields, state, message FROM r;"
+        "INSERT INTO undo_children SELECT group_id, pos, object, id, field, parent, recreate "
+        "FROM c; DROP TABLE g; DROP TABLE r; DROP TABLE c;");
+  });
+  ASSERT_EQ(kept.size(), 2u);
+
+  const auto outcome = undo({{2}, false, ""});
+  ASSERT_EQ(outcome.groups.size(), 2u) << UndoTask::text(outcome);
+  EXPECT_EQ(outcome.count(Status::undone), 2u) << UndoTask::text(outcome);
+  EXPECT_EQ(outcome.groups[0].keeper, kept[1]);  // the newer apply's first
+  EXPECT_EQ(outcome.groups[1].keeper, kept[0]);
+  // Each line says which apply its entry came from.
+  const std::string text = UndoTask::text(outcome);
+  for (const std::string& keeper : {kept[1], kept[0]}) {
+    const auto line = text.find(" (Account " + keeper + "): undone");
+    ASSERT_NE(line, std::string::npos) << text;
+    EXPECT_EQ(text.rfind("Group 2 of the apply of 20", line), text.rfind('\n', line) + 1) << text;
+  }
+  EXPECT_EQ(picture(), before);
+  EXPECT_EQ(phoneOf(kept[0]), "null");
+  EXPECT_EQ(phoneOf(kept[1]), "null");
+  EXPECT_EQ(undo({}).count(Status::alreadyUndone), 2u);
 }
 
 }  // namespace
