@@ -46,6 +46,17 @@ class TXTResolverTest : public ::testing::Test {
       GTEST_SKIP() << "dnsmasq is not installed (" << kDnsmasq
                    << "); scripts/setup installs the dnsmasq-base package.";
     }
+    // dnsmasq listens on the port over UDP and TCP; a port free over UDP a
+    // moment ago may be another test's TCP server, so a start that ends at
+    // once is tried again on another port.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      if (startDnsmasq()) return;
+    }
+    FAIL() << "dnsmasq did not start on " << server_;
+  }
+
+  // Starts dnsmasq on a free port; true once it answers.
+  bool startDnsmasq() {
     int port = 0;
     {
       SilentServer probe;  // a port that was free a moment ago
@@ -74,11 +85,13 @@ class TXTResolverTest : public ::testing::Test {
     // Ready once it answers anything at all.
     TXTResolver probe({server_, 300ms});
     for (int i = 0; i < 30; ++i) {
-      if (probe.lookup("acme.test").status != TXTAnswer::Status::failed) return;
+      if (probe.lookup("acme.test").status != TXTAnswer::Status::failed) return true;
       if (dnsmasq_->poll()) break;
       std::this_thread::sleep_for(100ms);
     }
-    FAIL() << "dnsmasq did not start on " << server_;
+    if (!dnsmasq_->poll()) dnsmasq_->terminate();
+    dnsmasq_.reset();
+    return false;
   }
 
   void TearDown() override {
