@@ -13,6 +13,7 @@
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/org_records.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 
 namespace corvane {
 namespace {
@@ -25,10 +26,7 @@ class BackupKeepingCommandTest : public orgsim::testing::ServerFixture {
                  store().identity().adminUsername + R"(","alias":"sample","orgId":"00D000000000001AAA","instanceUrl":")" +
                  server_->baseUrl() + R"("}]}}')");
     cli_ = std::make_unique<SalesforceCLI>(fake_.options());
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
   }
 
   BackupKeepingCommand::Arguments arguments(const std::filesystem::path& root) {

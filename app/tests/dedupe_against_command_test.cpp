@@ -18,6 +18,7 @@
 #include "dedupe/decision_workbook.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 #include "workbook/xlsx_reader.hpp"
 #include "workbook/xlsx_writer.hpp"
 
@@ -35,10 +36,7 @@ class DedupeAgainstCommandTest : public orgsim::testing::ServerFixture {
                  store().identity().adminUsername + R"(","alias":"sample","instanceUrl":")" +
                  server_->baseUrl() + R"("}]}}')");
     cli_ = std::make_unique<SalesforceCLI>(fake_.options());
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
     const std::string initech = create("Account", {{"Name", "Initech"}});
     const std::string acme = create("Account", {{"Name", "ACME Corporation"}});
     bob_ = create("Contact", {{"FirstName", "Bob"}, {"LastName", "Fox"},

@@ -13,6 +13,7 @@
 #include "connections/tests/fake_cli.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 
 namespace corvane {
 namespace {
@@ -25,10 +26,7 @@ class DedupeUndoCommandTest : public orgsim::testing::ServerFixture {
     ServerFixture::SetUp();
     ::setenv("CORVANE_HOME", home_.path().c_str(), 1);
     login("");
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{
-          orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
     // Two pairs of Contacts, each second one with a Task and a campaign membership.
     const std::string campaign = create("Campaign", {{"Name", "Autumn"}});
     for (const char* first : {"Ada", "Grace"}) {

@@ -15,6 +15,7 @@
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/org_records.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 #include "workbook/xlsx_reader.hpp"
 
 namespace corvane {
@@ -28,10 +29,7 @@ class RestoreCommandTest : public orgsim::testing::ServerFixture {
   void SetUp() override {
     ServerFixture::SetUp();
     ::setenv("CORVANE_HOME", (home_.path() / "home").c_str(), 1);
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
     login("");
   }
   void TearDown() override {

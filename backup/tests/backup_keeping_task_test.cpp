@@ -7,6 +7,7 @@
 #include "connections/api_transport.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 
 namespace corvane {
 namespace {
@@ -15,10 +16,7 @@ class BackupKeepingTaskTest : public orgsim::testing::ServerFixture {
  protected:
   void SetUp() override {
     ServerFixture::SetUp();
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
     Org org;
     org.username = store().identity().adminUsername;
     transport_ = std::make_unique<DedupeAPITransport>(*api_, org);

@@ -9,6 +9,7 @@
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/org_records.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 
 namespace corvane {
 namespace {
@@ -59,10 +60,7 @@ class DeletionFinderTest : public orgsim::testing::ServerFixture {
  protected:
   void SetUp() override {
     ServerFixture::SetUp();
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
     org_.username = store().identity().adminUsername;
     transport_ = std::make_unique<APITransport>(*api_, org_);
     backup_ = BackupStore::open({folder_.path(), "00D", org_.username});

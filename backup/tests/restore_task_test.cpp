@@ -19,6 +19,7 @@
 #include "tools/orgsim/org_records.hpp"
 #include "tools/orgsim/schema.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 
 namespace corvane {
 namespace {
@@ -31,10 +32,7 @@ class RestoreTaskTest : public orgsim::testing::ServerFixture {
  protected:
   void SetUp() override {
     ServerFixture::SetUp();
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
     org_.username = store().identity().adminUsername;
     transport_ = std::make_unique<APITransport>(*api_, org_);
     admin_ = store().identity().adminUserId;

@@ -14,6 +14,7 @@
 #include "dedupe/snapshot_task.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 
 namespace corvane {
 namespace {
@@ -33,10 +34,7 @@ class SampleOrgTaskTest : public orgsim::testing::ServerFixture {
   void SetUp() override {
     ServerFixture::SetUp();
     ::setenv("CORVANE_HOME", home_.path().c_str(), 1);
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{orgsim::Sessions::issue(store(), "").token,
-                                    server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
     findLogin_ = [this](const std::string& login) {
       Org org;
       org.username = login == "other" ? "other@sample.org" : store().identity().adminUsername;

@@ -19,6 +19,7 @@
 #include "platform/sqlite_db.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 #include "workbook/xlsx_reader.hpp"
 #include "workbook/xlsx_writer.hpp"
 
@@ -32,10 +33,7 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
   void SetUp() override {
     ServerFixture::SetUp();
     ::setenv("CORVANE_HOME", home_.path().c_str(), 1);
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{
-          orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
     findLogin_ = [this](const std::string&) {
       Org org;
       org.username = store().identity().adminUsername;

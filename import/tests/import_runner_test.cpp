@@ -10,6 +10,7 @@
 #include "import/import_mapping.hpp"
 #include "platform/tests/temporary_folder.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 
 namespace corvane {
 namespace {
@@ -54,10 +55,7 @@ class ImportRunnerTest : public orgsim::testing::ServerFixture {
  protected:
   void SetUp() override {
     ServerFixture::SetUp();
-    api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-      return SalesforceAPI::Session{
-          orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
-    });
+    api_ = orgsim::testing::adminClient(*server_);
     org_.username = store().identity().adminUsername;
     transport_ = std::make_unique<DedupeAPITransport>(*api_, org_);
     fields_ = ImportFields::fromDescribe(getJson("/services/data/v62.0/sobjects/Account/describe"));

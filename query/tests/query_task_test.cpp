@@ -11,6 +11,7 @@
 #include "query/completion_task.hpp"
 #include "query/result_writer.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
+#include "tools/orgsim/tests/sample_org_api.hpp"
 #include "workbook/xlsx_reader.hpp"
 
 namespace corvane {
@@ -28,10 +29,7 @@ class QueryTaskTest : public orgsim::testing::ServerFixture {
 
   SalesforceAPI::Client& api() {
     if (!api_) {
-      api_ = std::make_unique<SalesforceAPI::Client>([this](const std::string&) {
-        return SalesforceAPI::Session{
-            orgsim::Sessions::issue(store(), "").token, server_->baseUrl(), "62.0", {}};
-      });
+      api_ = orgsim::testing::adminClient(*server_);
     }
     return *api_;
   }
