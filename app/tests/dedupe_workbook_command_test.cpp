@@ -12,8 +12,8 @@
 #include "app/dedupe_command.hpp"
 #include "connections/tests/fake_cli.hpp"
 #include "dedupe/record_store.hpp"
+#include "dedupe/tests/typed_decisions.hpp"
 #include "workbook/xlsx_reader.hpp"
-#include "workbook/xlsx_writer.hpp"
 #include "platform/tests/temporary_folder.hpp"
 
 namespace corvane {
@@ -51,18 +51,8 @@ class DedupeWorkbookCommandTest : public ::testing::Test {
   // The exported workbook with Actions typed by Record Id, saved again.
   std::filesystem::path edited(const std::filesystem::path& exported,
                                const std::map<std::string, std::string>& actions) {
-    auto grid = XlsxReader(exported).readSheet(0);
     const auto path = folder_.path() / "edited.xlsx";
-    XlsxWriter writer(path);
-    writer.addSheet(*grid->sheetName);
-    for (std::size_t c = 0; c < grid->headers.size(); ++c) writer.writeText(0, c, grid->headers[c]);
-    for (std::size_t r = 0; r < grid->rows.size(); ++r) {
-      auto found = actions.find(grid->rows[r][1]);
-      if (found != actions.end()) grid->setCell(static_cast<std::ptrdiff_t>(r), 2, found->second);
-      for (std::size_t c = 0; c < grid->rows[r].size(); ++c)
-        writer.writeText(r + 1, c, grid->rows[r][c]);
-    }
-    writer.close();
+    testing::typeDecisions(exported, actions, path);
     return path;
   }
 

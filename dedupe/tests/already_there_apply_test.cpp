@@ -12,10 +12,10 @@
 #include "dedupe/snapshot_task.hpp"
 #include "dedupe/undo_task.hpp"
 #include "platform/tests/temporary_folder.hpp"
+#include "dedupe/tests/typed_decisions.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
 #include "tools/orgsim/tests/sample_org_api.hpp"
 #include "workbook/xlsx_reader.hpp"
-#include "workbook/xlsx_writer.hpp"
 
 namespace corvane {
 namespace {
@@ -88,25 +88,10 @@ class AlreadyThereApplyTest : public orgsim::testing::ServerFixture {
     DecisionWorkbookTask::ExportRequest request;
     request.against = contacts_;
     DecisionWorkbookTask::exportWorkbook(leads_, exported, request, {});
-    auto grid = XlsxReader(exported).readSheet(0);
-    EXPECT_TRUE(grid);
-    const auto column = [&](std::string_view header) {
-      return std::find(grid->headers.begin(), grid->headers.end(), header) - grid->headers.begin();
-    };
-    const auto id = column(DecisionWorkbook::recordIdHeader);
-    const auto action = column(DecisionWorkbook::actionHeader);
+    std::map<std::string, std::string> actions;
+    for (const std::string& id : deletes) actions[id] = "Delete";
     const auto edited = home_.path() / "edited.xlsx";
-    XlsxWriter writer(edited);
-    writer.addSheet(*grid->sheetName);
-    for (std::size_t c = 0; c < grid->headers.size(); ++c) writer.writeText(0, c, grid->headers[c]);
-    for (std::size_t r = 0; r < grid->rows.size(); ++r) {
-      const auto at = static_cast<std::ptrdiff_t>(r);
-      if (std::count(deletes.begin(), deletes.end(), grid->cell(at, id)))
-        grid->setCell(at, action, "Delete");
-      for (std::size_t c = 0; c < grid->rows[r].size(); ++c)
-        writer.writeText(r + 1, c, grid->rows[r][c]);
-    }
-    writer.close();
+    testing::typeDecisions(exported, actions, edited);
     return edited;
   }
 

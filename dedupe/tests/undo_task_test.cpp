@@ -18,10 +18,9 @@
 #include "dedupe/undo_task.hpp"
 #include "platform/sqlite_db.hpp"
 #include "platform/tests/temporary_folder.hpp"
+#include "dedupe/tests/typed_decisions.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
 #include "tools/orgsim/tests/sample_org_api.hpp"
-#include "workbook/xlsx_reader.hpp"
-#include "workbook/xlsx_writer.hpp"
 
 namespace corvane {
 namespace {
@@ -166,25 +165,8 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
           actions[id] = "Delete";
       }
     }
-    auto grid = XlsxReader(exported).readSheet(0);
-    EXPECT_TRUE(grid);
-    const auto column = [&](std::string_view header) {
-      return std::find(grid->headers.begin(), grid->headers.end(), header) - grid->headers.begin();
-    };
-    const auto id = column(DecisionWorkbook::recordIdHeader);
-    const auto action = column(DecisionWorkbook::actionHeader);
     const auto edited = home_.path() / "edited.xlsx";
-    XlsxWriter writer(edited);
-    writer.addSheet(*grid->sheetName);
-    for (std::size_t c = 0; c < grid->headers.size(); ++c) writer.writeText(0, c, grid->headers[c]);
-    for (std::size_t r = 0; r < grid->rows.size(); ++r) {
-      const auto at = static_cast<std::ptrdiff_t>(r);
-      auto typed = actions.find(grid->cell(at, id));
-      if (typed != actions.end()) grid->setCell(at, action, typed->second);
-      for (std::size_t c = 0; c < grid->rows[r].size(); ++c)
-        writer.writeText(r + 1, c, grid->rows[r][c]);
-    }
-    writer.close();
+    testing::typeDecisions(exported, actions, edited);
 
     ResolutionTask::Request request;
     request.forApply = true;
