@@ -22,9 +22,8 @@ class BackupKeepingCommandTest : public orgsim::testing::ServerFixture {
  protected:
   void SetUp() override {
     ServerFixture::SetUp();
-    fake_.script(R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" +
-                 store().identity().adminUsername + R"(","alias":"sample","orgId":"00D000000000001AAA","instanceUrl":")" +
-                 server_->baseUrl() + R"("}]}}')");
+    fake_.script(testing::orgListScript(store().identity().adminUsername, server_->baseUrl(),
+                                        R"("orgId":"00D000000000001AAA",)"));
     cli_ = std::make_unique<SalesforceCLI>(fake_.options());
     api_ = orgsim::testing::adminClient(*server_);
   }

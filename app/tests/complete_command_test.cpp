@@ -19,9 +19,7 @@ class CompleteCommandTest : public orgsim::testing::ServerFixture {
  protected:
   void SetUp() override {
     ServerFixture::SetUp();
-    fake_.script(R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" +
-                 store().identity().adminUsername + R"(","alias":"sample","instanceUrl":")" +
-                 server_->baseUrl() + R"("}]}}')");
+    fake_.script(testing::orgListScript(store().identity().adminUsername, server_->baseUrl()));
   }
 
   // Completes with the sample org; when offline, every session request fails,

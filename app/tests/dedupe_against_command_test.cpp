@@ -17,10 +17,10 @@
 #include "connections/tests/fake_cli.hpp"
 #include "dedupe/decision_workbook.hpp"
 #include "platform/tests/temporary_folder.hpp"
+#include "dedupe/tests/typed_decisions.hpp"
 #include "tools/orgsim/tests/sample_org.hpp"
 #include "tools/orgsim/tests/sample_org_api.hpp"
 #include "workbook/xlsx_reader.hpp"
-#include "workbook/xlsx_writer.hpp"
 
 namespace corvane {
 namespace {
@@ -32,9 +32,7 @@ class DedupeAgainstCommandTest : public orgsim::testing::ServerFixture {
   void SetUp() override {
     ServerFixture::SetUp();
     ::setenv("CORVANE_HOME", home_.path().c_str(), 1);
-    fake_.script(R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" +
-                 store().identity().adminUsername + R"(","alias":"sample","instanceUrl":")" +
-                 server_->baseUrl() + R"("}]}}')");
+    fake_.script(testing::orgListScript(store().identity().adminUsername, server_->baseUrl()));
     cli_ = std::make_unique<SalesforceCLI>(fake_.options());
     api_ = orgsim::testing::adminClient(*server_);
     const std::string initech = create("Account", {{"Name", "Initech"}});
@@ -185,17 +183,7 @@ TEST_F(DedupeAgainstCommandTest,
   // Typed Delete on one of them: read back as such, planned, left alone by a
   // dry run, then deleted by the apply.
   const auto edited = home_.path() / "edited.xlsx";
-  {
-    XlsxWriter writer(edited);
-    writer.addSheet(*grid->sheetName);
-    for (std::size_t c = 0; c < grid->headers.size(); ++c) writer.writeText(0, c, grid->headers[c]);
-    for (std::size_t r = 0; r < grid->rows.size(); ++r) {
-      if (grid->rows[r][1] == byEmail_) grid->setCell(static_cast<std::ptrdiff_t>(r), 2, "Delete");
-      for (std::size_t c = 0; c < grid->rows[r].size(); ++c)
-        writer.writeText(r + 1, c, grid->rows[r][c]);
-    }
-    writer.close();
-  }
+  testing::typeDecisions(workbook, {{byEmail_, "Delete"}}, edited);
   out_.str("");
   const auto decisions = DedupeWorkbookCommand::showDecisions(ctx, leadFile, edited, {}, false);
   EXPECT_EQ(decisions.alreadyDeletes, std::vector<std::string>{byEmail_});
@@ -215,10 +203,8 @@ TEST_F(DedupeAgainstCommandTest,
 
   // A production org asks first, as for every apply.
   resolve.dryRun = false;
-  fake_.script(R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" +
-               store().identity().adminUsername +
-               R"(","alias":"sample","orgId":"00D000000000001AAA","isSandbox":false,)" +
-               R"("instanceUrl":")" + server_->baseUrl() + R"("}]}}')");
+  fake_.script(testing::orgListScript(store().identity().adminUsername, server_->baseUrl(),
+                                      R"("orgId":"00D000000000001AAA","isSandbox":false,)"));
   cli_ = std::make_unique<SalesforceCLI>(fake_.options());
   auto production = context();
   if (!ProductionGuard::Answers::standard().inputIsTerminal()) {

@@ -56,10 +56,8 @@ class DedupeUndoCommandTest : public orgsim::testing::ServerFixture {
   }
 
   void login(const std::string& extra) {
-    fake_.script(R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" +
-                 store().identity().adminUsername +
-                 R"(","alias":"sample","orgId":"00D000000000001AAA",)" + extra +
-                 R"("instanceUrl":")" + server_->baseUrl() + R"("}]}}')");
+    fake_.script(testing::orgListScript(store().identity().adminUsername, server_->baseUrl(),
+                                        R"("orgId":"00D000000000001AAA",)" + extra));
     cli_ = std::make_unique<SalesforceCLI>(fake_.options());
   }
 

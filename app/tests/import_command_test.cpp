@@ -92,9 +92,7 @@ class ImportRunTest : public orgsim::testing::ServerFixture {
     std::ofstream(options.file) << csv;
     options.journal = work_.path() / "journal.sqlite";
     testing::FakeCLI fake;
-    fake.script(R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" +
-                store().identity().adminUsername + R"(","alias":"sample","instanceUrl":")" +
-                server_->baseUrl() + R"("}]}}')");
+    fake.script(testing::orgListScript(store().identity().adminUsername, server_->baseUrl()));
     SalesforceCLI cli(fake.options());
     std::ostringstream out;
     CommandContext context{cli, out};

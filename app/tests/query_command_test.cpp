@@ -25,9 +25,7 @@ class QueryCommandTest : public orgsim::testing::ServerFixture {
                        QueryCommand::Format format = QueryCommand::Format::json,
                        const std::optional<std::filesystem::path>& output = std::nullopt) {
     testing::FakeCLI fake;
-    fake.script(R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" +
-                store().identity().adminUsername + R"(","alias":"sample","instanceUrl":")" +
-                server_->baseUrl() + R"("}]}}')");
+    fake.script(testing::orgListScript(store().identity().adminUsername, server_->baseUrl()));
     SalesforceCLI cli(fake.options());
     std::ostringstream out;
     CommandContext context{cli, out};

@@ -39,10 +39,8 @@ class RestoreCommandTest : public orgsim::testing::ServerFixture {
 
   // The sample org as the CLI lists it; extra adds keys (such as a production org's).
   void login(const std::string& extra) {
-    fake_.script(R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" +
-                 store().identity().adminUsername +
-                 R"(","alias":"sample","orgId":"00D000000000001AAA",)" + extra +
-                 R"("instanceUrl":")" + server_->baseUrl() + R"("}]}}')");
+    fake_.script(testing::orgListScript(store().identity().adminUsername, server_->baseUrl(),
+                                        R"("orgId":"00D000000000001AAA",)" + extra));
     cli_ = std::make_unique<SalesforceCLI>(fake_.options());
   }
 

@@ -43,6 +43,16 @@ inline nlohmann::json fixture(const std::string& name) {
   return nlohmann::json::parse(fixtureText(name));
 }
 
+// A script for FakeCLI::script: what `sf org list --json` prints for one
+// login, alias "sample", to the org at instanceUrl. keys adds fields before
+// instanceUrl, each ending in a comma (such as "orgId":"00D...", or a
+// production org's "isSandbox":false,).
+inline std::string orgListScript(const std::string& username, const std::string& instanceUrl,
+                                 const std::string& keys = "") {
+  return R"(echo '{"status":0,"result":{"nonScratchOrgs":[{"username":")" + username +
+         R"(","alias":"sample",)" + keys + R"("instanceUrl":")" + instanceUrl + R"("}]}}')";
+}
+
 inline void makeExecutable(const std::filesystem::path& path) {
   std::filesystem::permissions(path, std::filesystem::perms::owner_all,
                                std::filesystem::perm_options::replace);
