@@ -382,7 +382,7 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
           }
           return std::nullopt;
         },
-        cancelled);
+        cancelled, columns);
     stats.comparisons += scored.scored;
     for (const ScoredPair& pair : scored.pairs) join(pair.a, pair.b, pair.score);
     if (scored.stopped) {

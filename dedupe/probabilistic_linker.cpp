@@ -8,6 +8,7 @@
 
 #include "dedupe/email_tag.hpp"
 #include "dedupe/field_agreement.hpp"
+#include "dedupe/key_sort.hpp"
 #include "dedupe/matcher.hpp"
 #include "dedupe/phonetic.hpp"
 #include "dedupe/sorted_neighbourhood.hpp"
@@ -36,7 +37,7 @@ std::vector<std::uint32_t> orderByColumn(const FlatColumn& column) {
   for (std::uint32_t r = 0; r < column.size(); ++r) {
     if (!column.value(r).empty()) order.push_back(r);
   }
-  Matcher::sortByKey(order, [&](std::uint32_t id) { return column.value(id); });
+  KeySort::sortIds(order, [&](std::uint32_t id) { return column.value(id); });
   return order;
 }
 
@@ -56,7 +57,7 @@ std::vector<std::uint32_t> orderByDerived(const FlatColumn& column, Derive&& der
   }
   std::vector<std::uint32_t> index(owner.size());
   for (std::uint32_t i = 0; i < index.size(); ++i) index[i] = i;
-  Matcher::sortByKey(index, [&](std::uint32_t id) { return keys.value(id); });
+  KeySort::sortIds(index, [&](std::uint32_t id) { return keys.value(id); });
   for (std::uint32_t& i : index) i = owner[i];
   return index;
 }
@@ -309,7 +310,7 @@ Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatCol
               FellegiSunter::matchProbability(linkage.model, weighed->first);
           return static_cast<float>(std::min(probability, Matcher::closeCap));
         },
-        cancelled);
+        cancelled, columns);
     linkage.comparisons += scored.scored;
     linkage.linked += static_cast<std::int64_t>(scored.pairs.size());
     for (const Matcher::ScoredPair& pair : scored.pairs) {

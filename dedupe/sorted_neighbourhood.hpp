@@ -7,46 +7,17 @@
 #include <cstdint>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
 #include "dedupe/flat_column.hpp"
+#include "dedupe/key_sort.hpp"
 #include "dedupe/matcher.hpp"
 
 namespace corvane::Matcher {
-
-// The first eight bytes of a value as a big-endian number: ordering by it
-// agrees with byte order, so most comparisons of a sort need no memory walk.
-inline std::uint64_t sortPrefix(std::string_view value) {
-  std::uint64_t prefix = 0;
-  for (std::size_t i = 0; i < 8; ++i) {
-    prefix <<= 8;
-    if (i < value.size()) prefix |= static_cast<unsigned char>(value[i]);
-  }
-  return prefix;
-}
-
-// Stable sort of ids by their values in keys (byte order).
-template <typename KeyOf>
-inline void sortByKey(std::vector<std::uint32_t>& ids, KeyOf&& keyOf) {
-  struct Entry {
-    std::uint64_t prefix;
-    std::uint32_t id;
-  };
-  std::vector<Entry> entries;
-  entries.reserve(ids.size());
-  for (const std::uint32_t id : ids) entries.push_back({sortPrefix(keyOf(id)), id});
-  std::stable_sort(entries.begin(), entries.end(), [&](const Entry& x, const Entry& y) {
-    if (x.prefix != y.prefix) return x.prefix < y.prefix;
-    const std::string_view a = keyOf(x.id);
-    const std::string_view b = keyOf(y.id);
-    if (a.size() <= 8 && b.size() <= 8) return a.size() < b.size();
-    return a < b;
-  });
-  for (std::size_t i = 0; i < entries.size(); ++i) ids[i] = entries[i].id;
-}
 
 // The members with a non-blank key, in the order of the pass's key.
 inline std::vector<std::uint32_t> sortedOrder(const Pass& pass, const FlatColumn& column,
@@ -57,7 +28,7 @@ inline std::vector<std::uint32_t> sortedOrder(const Pass& pass, const FlatColumn
     for (const std::uint32_t m : members) {
       if (!column.value(m).empty()) order.push_back(m);
     }
-    sortByKey(order, [&](std::uint32_t id) { return column.value(id); });
+    KeySort::sortIds(order, [&](std::uint32_t id) { return column.value(id); });
     return order;
   }
   FlatColumn keys;
@@ -74,7 +45,7 @@ inline std::vector<std::uint32_t> sortedOrder(const Pass& pass, const FlatColumn
   }
   std::vector<std::uint32_t> index(owner.size());
   for (std::uint32_t i = 0; i < index.size(); ++i) index[i] = i;
-  sortByKey(index, [&](std::uint32_t id) { return keys.value(id); });
+  KeySort::sortIds(index, [&](std::uint32_t id) { return keys.value(id); });
   for (const std::uint32_t i : index) order.push_back(owner[i]);
   return order;
 }
@@ -122,10 +93,17 @@ inline constexpr unsigned maxScoringThreads = 8;
 // skip(a, b) and score(a, b) (an optional score; none: no pair) are called
 // from any thread at once; pairs skip says yes to are not scored. shouldStop
 // is polled between chunks, never from two threads at once; once it says
-// yes no further chunk starts.
+// yes no further chunk starts. The values in readAhead of the members a few
+// steps ahead of the walk are asked of memory before they are compared: the
+// order jumps all over the columns, and without it most of a walk's time is
+// spent waiting on memory.
 template <typename Skip, typename Score, typename ShouldStop>
 ScoredNeighbours scoreNeighbours(const std::vector<std::uint32_t>& order, std::size_t span,
-                                 Skip&& skip, Score&& score, ShouldStop&& shouldStop) {
+                                 Skip&& skip, Score&& score, ShouldStop&& shouldStop,
+                                 std::span<const FlatColumn> readAhead = {}) {
+  // Two steps: a member's offsets first, its bytes once the offsets are in.
+  constexpr std::size_t offsetsAhead = 24;
+  constexpr std::size_t bytesAhead = 12;
   constexpr std::size_t chunkSize = 1 << 15;
   const std::size_t chunkCount = (order.size() + chunkSize - 1) / chunkSize;
   std::vector<std::vector<ScoredPair>> found(chunkCount);
@@ -147,6 +125,14 @@ ScoredNeighbours scoreNeighbours(const std::vector<std::uint32_t>& order, std::s
       std::int64_t count = 0;
       const std::size_t to = std::min(order.size(), (c + 1) * chunkSize);
       for (std::size_t i = c * chunkSize; i < to; ++i) {
+        if (const std::size_t k = i + span + offsetsAhead; k < order.size()) {
+          for (const FlatColumn& column : readAhead) __builtin_prefetch(&column.offsets[order[k]]);
+        }
+        if (const std::size_t k = i + span + bytesAhead; k < order.size()) {
+          for (const FlatColumn& column : readAhead) {
+            __builtin_prefetch(column.data.data() + column.offsets[order[k]]);
+          }
+        }
         const std::size_t end = std::min(order.size(), i + 1 + span);
         for (std::size_t j = i + 1; j < end; ++j) {
           if (skip(order[i], order[j])) continue;

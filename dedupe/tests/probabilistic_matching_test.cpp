@@ -301,7 +301,9 @@ TEST(ProbabilisticMatching, RecordsEqualOnEveryFieldScoreOneAndStopsWhenAsked) {
   const MatchOutcome outcome = people.match(Strictness::automatic);
   ASSERT_TRUE(people.together(outcome, 401, 402));
   for (const DuplicateGroup& group : outcome.groups) {
-    if (group.members == std::vector<Rid>{401, 402}) EXPECT_EQ(group.weakestLink, 1.0);
+    if (group.members == std::vector<Rid>{401, 402}) {
+      EXPECT_EQ(group.weakestLink, 1.0);
+    }
   }
   MatchSettings settings;
   settings.strictness = Strictness::automatic;
