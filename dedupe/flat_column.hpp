@@ -17,7 +17,7 @@ struct FlatColumn {
 
   std::size_t size() const { return offsets.size() - 1; }
   std::string_view value(std::size_t index) const {
-    return std::string_view(data).substr(offsets[index], offsets[index + 1] - offsets[index]);
+    return {data.data() + offsets[index], offsets[index + 1] - offsets[index]};
   }
   void append(std::string_view value) {
     data.append(value);

@@ -6,8 +6,10 @@
 // further on. Keys hold no zero bytes (normalised values never do).
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -23,12 +25,15 @@ struct Keyed {
 // Bytes [from, from + 8) of value as a big-endian number, zero-padded:
 // ordering by it agrees with byte order over those bytes.
 inline std::uint64_t prefixAt(std::string_view value, std::size_t from) {
-  std::uint64_t prefix = 0;
-  for (std::size_t i = from; i < from + 8; ++i) {
-    prefix <<= 8;
-    if (i < value.size()) prefix |= static_cast<unsigned char>(value[i]);
+  if (from >= value.size()) return 0;
+  std::uint64_t word = 0;
+  if (value.size() - from >= 8) {
+    std::memcpy(&word, value.data() + from, 8);
+  } else {
+    std::memcpy(&word, value.data() + from, value.size() - from);
   }
-  return prefix;
+  if constexpr (std::endian::native == std::endian::little) word = __builtin_bswap64(word);
+  return word;
 }
 
 // Stable sort of entries by prefix. spare is scratch space, grown as needed.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
 #include <map>
 #include <span>
 
@@ -10,6 +11,7 @@
 #include "dedupe/email_tag.hpp"
 #include "dedupe/filler_values.hpp"
 #include "dedupe/group_splitter.hpp"
+#include "dedupe/key_sort.hpp"
 #include "dedupe/phonetic.hpp"
 #include "dedupe/probabilistic_linker.hpp"
 #include "dedupe/record_store.hpp"
@@ -113,6 +115,47 @@ bool hasBlank(std::uint32_t a, const std::vector<FlatColumn>& columns) {
 
 bool abbreviatedInOrder(std::span<const std::string_view> left,
                         std::span<const std::string_view> right, bool allowInitials);
+
+// Joins the records with no blank value that are equal on every field: the
+// records are sorted by a hash of their values, and those whose hashes are
+// equal are compared.
+template <typename Join>
+void joinEqualRecords(const std::vector<FlatColumn>& columns, Join&& join) {
+  const std::uint32_t count = columns.empty() ? 0 : static_cast<std::uint32_t>(columns[0].size());
+  std::vector<KeySort::Keyed> hashed;
+  hashed.reserve(count);
+  for (std::uint32_t r = 0; r < count; ++r) {
+    if (hasBlank(r, columns)) continue;
+    std::uint64_t hash = 0;
+    for (const FlatColumn& column : columns) {
+      hash = (hash ^ std::hash<std::string_view>()(column.value(r))) * 0x9E3779B97F4A7C15ULL;
+    }
+    hashed.push_back({hash, r});
+  }
+  std::vector<KeySort::Keyed> spare;
+  KeySort::sortByPrefix(hashed, spare);
+  // Within a run of one hash, each record joins the first earlier record
+  // with its values; a run holds more than one set of values only when two
+  // differing records share a hash.
+  std::vector<std::uint32_t> firsts;
+  for (std::size_t i = 0; i < hashed.size();) {
+    std::size_t end = i + 1;
+    while (end < hashed.size() && hashed[end].prefix == hashed[i].prefix) ++end;
+    firsts.clear();
+    for (std::size_t k = i; k < end; ++k) {
+      const std::uint32_t r = hashed[k].id;
+      const auto same = std::find_if(firsts.begin(), firsts.end(), [&](std::uint32_t first) {
+        return equalValues(first, r, columns);
+      });
+      if (same == firsts.end()) {
+        firsts.push_back(r);
+      } else {
+        join(*same, r);
+      }
+    }
+    i = end;
+  }
+}
 
 }  // namespace
 
@@ -312,19 +355,7 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
   };
 
   report("Finding exact matches");
-  {
-    std::vector<std::uint32_t> filled;
-    filled.reserve(count);
-    for (std::uint32_t r = 0; r < count; ++r) {
-      if (!hasBlank(r, columns)) filled.push_back(r);
-    }
-    std::stable_sort(filled.begin(), filled.end(), [&](std::uint32_t a, std::uint32_t b) {
-      return lessByValues(a, b, columns);
-    });
-    for (std::size_t i = 1; i < filled.size(); ++i) {
-      if (equalValues(filled[i - 1], filled[i], columns)) join(filled[i - 1], filled[i], 1.0);
-    }
-  }
+  joinEqualRecords(columns, [&](std::uint32_t a, std::uint32_t b) { join(a, b, 1.0); });
   if (cancelled()) {
     outcome.cancelled = true;
     outcome.stats = stats;
@@ -382,7 +413,7 @@ MatchOutcome findDuplicates(const std::vector<MatchField>& fields, std::vector<F
           }
           return std::nullopt;
         },
-        cancelled, columns);
+        cancelled, {columns, root});
     stats.comparisons += scored.scored;
     for (const ScoredPair& pair : scored.pairs) join(pair.a, pair.b, pair.score);
     if (scored.stopped) {

@@ -310,7 +310,7 @@ Linkage link(const std::vector<MatchField>& allFields, const std::vector<FlatCol
               FellegiSunter::matchProbability(linkage.model, weighed->first);
           return static_cast<float>(std::min(probability, Matcher::closeCap));
         },
-        cancelled, columns);
+        cancelled, {columns, {}});
     linkage.comparisons += scored.scored;
     linkage.linked += static_cast<std::int64_t>(scored.pairs.size());
     for (const Matcher::ScoredPair& pair : scored.pairs) {

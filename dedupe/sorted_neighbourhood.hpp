@@ -93,17 +93,21 @@ inline constexpr unsigned maxScoringThreads = 8;
 // skip(a, b) and score(a, b) (an optional score; none: no pair) are called
 // from any thread at once; pairs skip says yes to are not scored. shouldStop
 // is polled between chunks, never from two threads at once; once it says
-// yes no further chunk starts. The values in readAhead of the members a few
-// steps ahead of the walk are asked of memory before they are compared: the
+// yes no further chunk starts. What readAhead names of the members a few
+// steps ahead of the walk is asked of memory before they are compared: the
 // order jumps all over the columns, and without it most of a walk's time is
 // spent waiting on memory.
+struct ReadAhead {
+  std::span<const FlatColumn> columns;  // the values score reads
+  std::span<const std::uint32_t> table;  // an entry per member that skip reads
+};
 template <typename Skip, typename Score, typename ShouldStop>
 ScoredNeighbours scoreNeighbours(const std::vector<std::uint32_t>& order, std::size_t span,
                                  Skip&& skip, Score&& score, ShouldStop&& shouldStop,
-                                 std::span<const FlatColumn> readAhead = {}) {
+                                 ReadAhead readAhead = {}) {
   // Two steps: a member's offsets first, its bytes once the offsets are in.
-  constexpr std::size_t offsetsAhead = 24;
-  constexpr std::size_t bytesAhead = 12;
+  constexpr std::size_t offsetsAhead = 32;
+  constexpr std::size_t bytesAhead = 16;
   constexpr std::size_t chunkSize = 1 << 15;
   const std::size_t chunkCount = (order.size() + chunkSize - 1) / chunkSize;
   std::vector<std::vector<ScoredPair>> found(chunkCount);
@@ -126,11 +130,17 @@ ScoredNeighbours scoreNeighbours(const std::vector<std::uint32_t>& order, std::s
       const std::size_t to = std::min(order.size(), (c + 1) * chunkSize);
       for (std::size_t i = c * chunkSize; i < to; ++i) {
         if (const std::size_t k = i + span + offsetsAhead; k < order.size()) {
-          for (const FlatColumn& column : readAhead) __builtin_prefetch(&column.offsets[order[k]]);
+          for (const FlatColumn& column : readAhead.columns) {
+            __builtin_prefetch(&column.offsets[order[k]]);
+          }
+          if (!readAhead.table.empty()) __builtin_prefetch(&readAhead.table[order[k]]);
         }
         if (const std::size_t k = i + span + bytesAhead; k < order.size()) {
-          for (const FlatColumn& column : readAhead) {
-            __builtin_prefetch(column.data.data() + column.offsets[order[k]]);
+          for (const FlatColumn& column : readAhead.columns) {
+            // Both ends: a value may cross into a second cache line.
+            const char* bytes = column.data.data();
+            __builtin_prefetch(bytes + column.offsets[order[k]]);
+            __builtin_prefetch(bytes + column.offsets[order[k] + 1] - 1);
           }
         }
         const std::size_t end = std::min(order.size(), i + 1 + span);
