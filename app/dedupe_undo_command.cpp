@@ -52,9 +52,9 @@ void add(CLI::App& app, CommandContext& context, std::function<void()>& chosen) 
   auto args = std::make_shared<Arguments>();
   CLI::App* command = dedupe->add_subcommand(
       "undo",
-      "Put back the merges and deletes an apply made from a snapshot: the records come back "
-      "from the Recycle Bin with their Ids, their child records return to them and the kept "
-      "records take back their old values");
+      "Put back the merges, deletes and updates an apply made from a snapshot: the records come "
+      "back from the Recycle Bin with their Ids, their child records return to them, the kept "
+      "records take back their old values and tagged fields theirs");
   command->add_option("SNAPSHOT", args->snapshot, "The snapshot the apply was run from")
       ->required();
   command

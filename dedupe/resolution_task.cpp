@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <functional>
 #include <map>
 #include <optional>
 
@@ -355,84 +356,94 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
   return results;
 }
 
-// Deletes the losers, every one journaled (UndoJournal) before the first call.
-std::vector<ChangeRunner::ChangeResult> deleteJournaled(
-    DedupeTransport& transport, const Resolution& resolution, ChangeRunner& runner,
-    const std::function<void(std::size_t, std::size_t)>& progress, UndoJournal& journal,
-    std::int64_t applyId) {
-  const std::vector<PlannedChange>& deletes = resolution.plan.deletes;
-  std::vector<UndoCapture::Pending> pending;
-  std::map<std::int64_t, std::size_t> at;
-  for (const PlannedChange& change : deletes) {
-    auto found = at.find(change.groupId);
-    if (found == at.end()) {
-      const std::string object =
-          change.object.empty() ? resolution.info.objectName : change.object;
-      found = at.emplace(change.groupId, pending.size()).first;
-      pending.push_back({change.groupId, object, "delete",
-                         keeperOf(resolution, change.groupId), {}});
-    }
-    pending[found->second].losers.push_back(change.sfid);
-  }
-  try {
-    journal.recordBefore(applyId, UndoCapture::capture(transport, pending, isoNow()));
-  } catch (const std::exception& error) {
-    const bool signedOut = transport.classify(error).signedOut;
-    std::vector<ChangeRunner::ChangeResult> results;
-    for (const PlannedChange& change : deletes) {
-      if (signedOut) {
-        results.push_back({change.sfid, change.groupId, false,
-                           ChangeRunner::notAttemptedSignedOut(),
-                           ChangeRunner::ChangeResult::Status::notAttempted});
-      } else {
-        results.push_back({change.sfid, change.groupId, false, notJournaled(error),
-                           ChangeRunner::ChangeResult::Status::failed});
-      }
-    }
-    return results;
-  }
-  std::vector<ChangeRunner::ChangeResult> results = runner.deleteRecords(deletes, progress);
-  for (const ChangeRunner::ChangeResult& result : results) {
-    journal.recordOutcome(applyId, result.groupId, result.sfid, changeState(result.status),
-                          result.message.value_or(""));
-  }
-  return results;
+// The number of a group of records already there as another object's: below
+// every group the journal holds, so that it names that group alone.
+std::int64_t alreadyGroupId(UndoJournal& journal) {
+  std::int64_t id = -1;
+  for (const UndoGroup& group : journal.groups()) id = std::min(id, group.groupId - 1);
+  return id;
 }
 
-// Deletes the records already there as another object's, journaled first
-// (UndoJournal) as one group of their own, numbered below every group the
-// journal holds, so that its number names it alone.
-std::vector<ChangeRunner::ChangeResult> deleteAlreadyJournaled(
-    DedupeTransport& transport, const Resolution& resolution, ChangeRunner& runner,
-    const std::function<void(std::size_t, std::size_t)>& progress, UndoJournal& journal,
-    std::int64_t applyId) {
-  std::int64_t journalId = -1;
-  for (const UndoGroup& group : journal.groups())
-    journalId = std::min(journalId, group.groupId - 1);
-  const std::vector<PlannedChange>& already = resolution.plan.already;
-  const std::string object =
-      already.front().object.empty() ? resolution.info.objectName : already.front().object;
-  UndoCapture::Pending pending{journalId, object, "delete", "", {}};
-  for (const PlannedChange& change : already) pending.losers.push_back(change.sfid);
+// Journals the groups (UndoJournal), then makes the changes with send; when
+// what the records hold could not be read and kept first, none is sent.
+// groupOverride: the group number the changes are journaled under, when not
+// their own.
+std::vector<ChangeRunner::ChangeResult> sendJournaled(
+    DedupeTransport& transport, const std::vector<PlannedChange>& changes,
+    const std::function<std::vector<UndoGroup>()>& capture,
+    const std::function<std::vector<ChangeRunner::ChangeResult>()>& send, UndoJournal& journal,
+    std::int64_t applyId, std::optional<std::int64_t> groupOverride = std::nullopt) {
   try {
-    journal.recordBefore(applyId, UndoCapture::capture(transport, {pending}, isoNow()));
+    journal.recordBefore(applyId, capture());
   } catch (const std::exception& error) {
     const bool signedOut = transport.classify(error).signedOut;
     std::vector<ChangeRunner::ChangeResult> results;
-    for (const PlannedChange& change : already) {
-      results.push_back({change.sfid, 0, false,
+    for (const PlannedChange& change : changes) {
+      results.push_back({change.sfid, change.groupId, false,
                          signedOut ? ChangeRunner::notAttemptedSignedOut() : notJournaled(error),
                          signedOut ? ChangeRunner::ChangeResult::Status::notAttempted
                                    : ChangeRunner::ChangeResult::Status::failed});
     }
     return results;
   }
-  std::vector<ChangeRunner::ChangeResult> results = runner.deleteRecords(already, progress);
+  std::vector<ChangeRunner::ChangeResult> results = send();
   for (const ChangeRunner::ChangeResult& result : results) {
-    journal.recordOutcome(applyId, journalId, result.sfid, changeState(result.status),
-                          result.message.value_or(""));
+    journal.recordOutcome(applyId, groupOverride.value_or(result.groupId), result.sfid,
+                          changeState(result.status), result.message.value_or(""));
   }
   return results;
+}
+
+// Deletes the records, every one journaled (UndoJournal) before the first
+// call: the losers under their groups, or records already there as another
+// object's as one group of their own (groupOverride).
+std::vector<ChangeRunner::ChangeResult> deleteJournaled(
+    DedupeTransport& transport, const Resolution& resolution,
+    const std::vector<PlannedChange>& deletes, ChangeRunner& runner,
+    const std::function<void(std::size_t, std::size_t)>& progress, UndoJournal& journal,
+    std::int64_t applyId, std::optional<std::int64_t> groupOverride = std::nullopt) {
+  const auto capture = [&] {
+    std::vector<UndoCapture::Pending> pending;
+    std::map<std::int64_t, std::size_t> at;
+    for (const PlannedChange& change : deletes) {
+      const std::int64_t group = groupOverride.value_or(change.groupId);
+      auto found = at.find(group);
+      if (found == at.end()) {
+        const std::string object =
+            change.object.empty() ? resolution.info.objectName : change.object;
+        found = at.emplace(group, pending.size()).first;
+        pending.push_back(
+            {group, object, "delete", groupOverride ? "" : keeperOf(resolution, group), {}});
+      }
+      pending[found->second].losers.push_back(change.sfid);
+    }
+    return UndoCapture::capture(transport, pending, isoNow());
+  };
+  return sendJournaled(
+      transport, deletes, capture, [&] { return runner.deleteRecords(deletes, progress); },
+      journal, applyId, groupOverride);
+}
+
+// Updates the records (a tag, or gaps filled in), each one's values of the
+// fields written journaled (UndoJournal) before the first call.
+std::vector<ChangeRunner::ChangeResult> updateJournaled(
+    DedupeTransport& transport, const Resolution& resolution,
+    const std::vector<PlannedChange>& updates, ChangeRunner& runner,
+    const std::function<void(std::size_t, std::size_t)>& progress, UndoJournal& journal,
+    std::int64_t applyId, std::optional<std::int64_t> groupOverride = std::nullopt) {
+  const auto capture = [&] {
+    std::vector<UndoCapture::PendingUpdate> pending;
+    for (const PlannedChange& change : updates) {
+      pending.push_back({groupOverride.value_or(change.groupId),
+                         change.object.empty() ? resolution.info.objectName : change.object,
+                         groupOverride ? "" : keeperOf(resolution, change.groupId), change.sfid,
+                         change.fields});
+    }
+    return UndoCapture::captureUpdates(transport, pending, isoNow());
+  };
+  return sendJournaled(
+      transport, updates, capture, [&] { return runner.updateRecords(updates, progress); },
+      journal, applyId, groupOverride);
 }
 
 void count(const std::vector<ChangeRunner::ChangeResult>& results, ApplyOutcome& outcome) {
@@ -510,9 +521,12 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
     ChangeRunner runner(transport, runnerOptions);
     if (plan.action.kind == Kind::deleteLosers) {
       UndoJournal& opened = undoJournal();
-      outcome.changes = deleteJournaled(transport, resolution, runner, progress, opened, applyId);
+      outcome.changes =
+          deleteJournaled(transport, resolution, plan.deletes, runner, progress, opened, applyId);
     } else {
-      outcome.changes = runner.updateRecords(plan.updates, progress);
+      UndoJournal& opened = undoJournal();
+      outcome.changes =
+          updateJournaled(transport, resolution, plan.updates, runner, progress, opened, applyId);
     }
     count(outcome.changes, outcome);
     outcome.signedOut = runner.signedOut() || anySignedOut(outcome.changes);
@@ -528,12 +542,14 @@ void run(SalesforceAPI::Client& api, const Resolution& resolution, const ApplyOp
     }
   } else {
     ChangeRunner runner(transport, runnerOptions);
+    UndoJournal& opened = undoJournal();
+    const std::int64_t group = alreadyGroupId(opened);
     if (plan.action.kind == Kind::tagLosers) {
-      outcome.already = runner.updateRecords(plan.already, progress);
+      outcome.already = updateJournaled(transport, resolution, plan.already, runner, progress,
+                                        opened, applyId, group);
     } else {
-      UndoJournal& opened = undoJournal();
-      outcome.already =
-          deleteAlreadyJournaled(transport, resolution, runner, progress, opened, applyId);
+      outcome.already = deleteJournaled(transport, resolution, plan.already, runner, progress,
+                                        opened, applyId, group);
     }
     outcome.signedOut = runner.signedOut() || anySignedOut(outcome.already);
     outcome.stopped = runner.cancelled();

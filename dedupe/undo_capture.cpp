@@ -249,6 +249,50 @@ std::vector<UndoGroup> capture(DedupeTransport& transport, const std::vector<Pen
   return out;
 }
 
+std::vector<UndoGroup> captureUpdates(DedupeTransport& transport,
+                                      const std::vector<PendingUpdate>& updates,
+                                      const std::string& now) {
+  std::map<std::string, std::vector<const PendingUpdate*>> byObject;
+  for (const PendingUpdate& update : updates) byObject[update.object].push_back(&update);
+  std::map<std::int64_t, UndoGroup> groups;
+  for (const auto& [object, ofObject] : byObject) {
+    std::set<std::string> fields;
+    std::vector<std::string> ids;
+    for (const PendingUpdate* update : ofObject) {
+      ids.push_back(update->sfid);
+      for (const auto& [field, value] : update->written) fields.insert(field);
+    }
+    std::vector<std::string> selected = {"Id"};
+    selected.insert(selected.end(), fields.begin(), fields.end());
+    std::map<std::string, nlohmann::json> rows;  // by idKey
+    for (auto& row : recordsWhere(transport, object, selected, "Id", ids)) {
+      const std::string key = idKey(row["Id"].get<std::string>());
+      rows[key] = std::move(row);
+    }
+    for (const PendingUpdate* update : ofObject) {
+      UndoGroup& group = groups[update->groupId];
+      group.groupId = update->groupId;
+      group.object = object;
+      group.action = "update";
+      group.keeper = update->keeper;
+      group.journaledAt = now;
+      nlohmann::json before = nlohmann::json::object();
+      nlohmann::json written = nlohmann::json::object();
+      auto row = rows.find(idKey(update->sfid));
+      for (const auto& [field, value] : update->written) {
+        before[field] = row == rows.end() ? nlohmann::json() : row->second.value(field, nlohmann::json());
+        written[field] = value;
+      }
+      group.losers.push_back(
+          {update->sfid, nlohmann::json{{"before", before}, {"written", written}}.dump(),
+           "sending", ""});
+    }
+  }
+  std::vector<UndoGroup> out;
+  for (auto& [id, group] : groups) out.push_back(std::move(group));
+  return out;
+}
+
 std::map<std::string, std::string> stamps(DedupeTransport& transport, const std::string& object,
                                           const std::vector<std::string>& ids) {
   std::map<std::string, std::string> out;

@@ -70,6 +70,23 @@ struct Pending {
 std::vector<UndoGroup> capture(DedupeTransport& transport, const std::vector<Pending>& pending,
                                const std::string& now);
 
+// One record about to be updated (a tag, or gaps filled in): the values
+// written, field by field.
+struct PendingUpdate {
+  std::int64_t groupId = 0;
+  std::string object;
+  std::string keeper;  // the group's kept record; empty for records already there
+  std::string sfid;
+  std::map<std::string, std::string> written;
+};
+
+// The journal entries of updates, one group per group number (action
+// "update"): each record's values of the fields written, as the org holds
+// them now, beside the values the update writes (UndoRecord::fields).
+std::vector<UndoGroup> captureUpdates(DedupeTransport& transport,
+                                      const std::vector<PendingUpdate>& updates,
+                                      const std::string& now);
+
 // The SystemModstamp of each record, by idKey.
 std::map<std::string, std::string> stamps(DedupeTransport& transport, const std::string& object,
                                           const std::vector<std::string>& ids);

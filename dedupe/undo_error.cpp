@@ -77,6 +77,14 @@ std::string UndoError::keeperChanged(const std::string& group, const std::string
          "anyway.";
 }
 
+std::string UndoError::updateChanged(const std::string& group, const std::string& object,
+                                     const std::string& record, const std::string& field,
+                                     const std::string& now) {
+  return group + ": " + field + " of the " + object + " " + record +
+         " was changed in Salesforce after the apply wrote it (it now holds \"" + now +
+         "\"). Setting it back would overwrite that change; use --force to do it anyway.";
+}
+
 std::string UndoError::keeperUnchecked(const std::string& group, const std::string& object,
                                        const std::string& keeper) {
   return group + ": the apply stopped before it noted when the kept " + object + " " + keeper +

@@ -40,6 +40,10 @@ class UndoError : public UserFacingError {
   // The apply stopped before it noted the kept record's SystemModstamp.
   static std::string keeperUnchecked(const std::string& group, const std::string& object,
                                      const std::string& keeper);
+  // A field an update wrote holds neither what it wrote nor what was there before.
+  static std::string updateChanged(const std::string& group, const std::string& object,
+                                   const std::string& record, const std::string& field,
+                                   const std::string& now);
   static std::string loserPurged(const std::string& group, const std::string& object,
                                  const std::string& loser);
 

@@ -1,10 +1,12 @@
-// What a merge or delete changed, kept so that it can be undone.
+// What a merge, delete or update changed, kept so that it can be undone.
 //
 // Before the apply sends a group's merges (or deletes) it writes here, in the
 // snapshot file the plan came from, everything needed to put the group back:
 // the kept record's writable fields as they were, every other record's whole
 // row, and the child records the merge will move to the kept record (which
-// reference they sat under, and on which record). The write is committed
+// reference they sat under, and on which record); before updates (a tag
+// written into the other records, gaps filled in on the kept one), each
+// updated record's values of the fields written. The write is committed
 // with a full sync before the first call for the group leaves. After the
 // calls, each record's outcome and the kept record's SystemModstamp are added,
 // so that a later change to the kept record in Salesforce can be noticed.
@@ -43,7 +45,10 @@ struct UndoChild {
 
 struct UndoRecord {
   std::string sfid;
-  std::string fields;  // the whole row before the merge, as a JSON object
+  // Merge or delete: the whole row before, as a JSON object. Update: the
+  // values of the fields written, before and as written:
+  // {"before": {field: value}, "written": {field: text}}.
+  std::string fields;
   // "sending" (journaled, no answer yet), "done", "failed", "unknown",
   // "notAttempted".
   std::string state = "sending";
@@ -59,7 +64,7 @@ struct UndoGroup {
   std::string appliedAt;
   std::int64_t groupId = 0;
   std::string object;
-  std::string action;        // "merge" or "delete"
+  std::string action;        // "merge", "delete" or "update" (a tag, gaps filled in)
   std::string keeper;        // the kept record's Id
   std::string keeperFields;  // merge: its writable fields before the merge, a JSON object
   std::string keeperStamp;   // its SystemModstamp after the group's merges

@@ -38,6 +38,38 @@ std::vector<std::string> touchedLosers(const UndoGroup& group) {
   return out;
 }
 
+// Whether a value read from the org now is the value journaled.
+bool sameValue(const Json& now, const Json& journaled) {
+  if (now.is_number() && journaled.is_number()) return now.get<double>() == journaled.get<double>();
+  return valueText(now) == valueText(journaled) && now.is_null() == journaled.is_null();
+}
+
+// One record an update wrote: its fields' values before, and as written.
+struct Updated {
+  std::string sfid;
+  Json before;
+  Json written;
+};
+
+std::vector<Updated> updatedRecords(const UndoGroup& group) {
+  std::vector<Updated> out;
+  for (const UndoRecord& record : group.losers) {
+    if (record.state != "done" && record.state != "unknown" && record.state != "sending") continue;
+    const Json values = Json::parse(record.fields, nullptr, false);
+    if (!values.is_object() || !values.contains("before") || !values.contains("written")) continue;
+    out.push_back({record.sfid, values["before"], values["written"]});
+  }
+  return out;
+}
+
+std::vector<std::string> updatedFields(const UndoGroup& group) {
+  std::set<std::string> fields;
+  for (const Updated& record : updatedRecords(group)) {
+    for (const auto& [field, value] : record.written.items()) fields.insert(field);
+  }
+  return {fields.begin(), fields.end()};
+}
+
 // Turns a failed call into the undo's own error when it is not Salesforce
 // refusing the request; returns the refusal's words otherwise.
 std::string refusalOr(DedupeTransport& transport, const std::exception& error) {
@@ -141,9 +173,13 @@ class GroupUndo {
     if (group_.undoState.empty()) {
       journal_.recordUndoState(group_.apply, group_.groupId, "undoing", "");
     }
-    if (!undelete() || !going()) return false;
+    if (group_.action == "update") {
+      if (!resetUpdates()) return false;
+    } else if (!undelete() || !going()) {
+      return false;
+    }
     // Children cannot go back to a record still in the Recycle Bin.
-    if (result_.failures.empty()) {
+    if (group_.action != "update" && result_.failures.empty()) {
       if (!moveChildren() || !going()) return false;
       if (!relinkChildren() || !going()) return false;
       if (!resetKeeper()) return false;
@@ -344,10 +380,7 @@ class GroupUndo {
     Json update = {{"attributes", {{"type", group_.object}}}, {"Id", group_.keeper}};
     std::size_t changed = 0;
     for (const auto& [name, value] : before.items()) {
-      const Json now = rows.front().value(name, Json());
-      if (valueText(now) == valueText(value) && now.is_null() == value.is_null()) continue;
-      if (now.is_number() && value.is_number() && now.get<double>() == value.get<double>())
-        continue;
+      if (sameValue(rows.front().value(name, Json()), value)) continue;
       update[name] = value;
       ++changed;
     }
@@ -360,6 +393,51 @@ class GroupUndo {
       // Refused, so unchanged: a later run checks it for changes again.
       journal_.recordUndoState(group_.apply, group_.groupId, "undoing", "");
     }
+    return true;
+  }
+
+  // The fields an update wrote: set back to their values before, on each
+  // record where they differ from those now.
+  bool resetUpdates() {
+    const std::vector<Updated> records = updatedRecords(group_);
+    std::vector<std::string> ids;
+    for (const Updated& record : records) ids.push_back(record.sfid);
+    std::vector<std::string> fields = {"Id"};
+    for (const std::string& field : result_.updatedFields) fields.push_back(field);
+    std::map<std::string, Json> now;  // by idKey
+    for (Json& row : recordsWhere(transport_, group_.object, fields, "Id", ids)) {
+      const std::string key = idKey(row["Id"].get<std::string>());
+      now[key] = std::move(row);
+    }
+    std::vector<Json> updates;
+    std::size_t gone = 0;
+    for (const Updated& record : records) {
+      auto found = now.find(idKey(record.sfid));
+      if (found == now.end()) {
+        ++gone;
+        continue;
+      }
+      Json update = {{"attributes", {{"type", group_.object}}}, {"Id", record.sfid}};
+      bool differs = false;
+      for (const auto& [field, value] : record.before.items()) {
+        if (sameValue(found->second.value(field, Json()), value)) continue;
+        update[field] = value;
+        differs = true;
+      }
+      if (differs) updates.push_back(std::move(update));
+    }
+    if (gone > 0) {
+      result_.notes.push_back(fmt::format(
+          "{} {} record{} the apply updated {} no longer in Salesforce, so nothing was set back "
+          "on {}.",
+          gone, group_.object, gone == 1 ? "" : "s", gone == 1 ? "is" : "are",
+          gone == 1 ? "it" : "them"));
+    }
+    std::size_t sent = 0;
+    if (!send("PATCH", updates, {}, sent, "Could not set back the values of " + group_.object)) {
+      return false;
+    }
+    result_.recordsReset = records.size() - gone - (updates.size() - sent);
     return true;
   }
 
@@ -412,15 +490,65 @@ void report(const DedupeProgressHandler& onProgress, DedupeProgress::Phase phase
   onProgress(progress);
 }
 
+// By (apply, group): how many of its records are put back although changed since.
+using Forced = std::map<std::pair<std::int64_t, std::int64_t>, std::size_t>;
+
+// Why the updates of groups not yet undone cannot be set back: a field that
+// holds neither what the update wrote nor what was there before.
+void updateRefusals(DedupeTransport& transport, const std::string& object,
+                    const std::vector<const UndoGroup*>& groups,
+                    const std::set<std::int64_t>& shared, bool force, Forced& forced,
+                    std::vector<std::string>& out) {
+  std::set<std::string> fields;
+  std::vector<std::string> ids;
+  for (const UndoGroup* group : groups) {
+    for (const Updated& record : updatedRecords(*group)) {
+      ids.push_back(record.sfid);
+      for (const auto& [field, value] : record.written.items()) fields.insert(field);
+    }
+  }
+  std::vector<std::string> selected = {"Id"};
+  selected.insert(selected.end(), fields.begin(), fields.end());
+  std::map<std::string, Json> now;  // by idKey
+  for (Json& row : recordsWhere(transport, object, selected, "Id", ids)) {
+    const std::string key = idKey(row["Id"].get<std::string>());
+    now[key] = std::move(row);
+  }
+  for (const UndoGroup* group : groups) {
+    for (const Updated& record : updatedRecords(*group)) {
+      auto found = now.find(idKey(record.sfid));
+      if (found == now.end()) continue;  // noted when the group is undone
+      for (const auto& [field, written] : record.written.items()) {
+        const Json current = found->second.value(field, Json());
+        if (valueText(current) == valueText(written) ||
+            sameValue(current, record.before.value(field, Json()))) {
+          continue;
+        }
+        if (force) {
+          ++forced[{group->apply, group->groupId}];
+        } else {
+          out.push_back(UndoError::updateChanged(nameOf(*group, shared), object, record.sfid,
+                                                 field, valueText(current)));
+        }
+        break;
+      }
+    }
+  }
+}
+
 // Why each group that is not yet undone cannot be, before anything changes.
 std::vector<std::string> refusals(DedupeTransport& transport, const std::vector<UndoGroup>& groups,
-                                  bool force,
-                                  std::set<std::pair<std::int64_t, std::int64_t>>& forced) {
+                                  bool force, Forced& forced) {
   std::vector<std::string> out;
   const std::set<std::int64_t> shared = sharedNumbers(groups);
   std::map<std::string, std::vector<const UndoGroup*>> byObject;
+  std::map<std::string, std::vector<const UndoGroup*>> updatesByObject;
   for (const UndoGroup& group : groups) {
-    if (group.undoState != "undone") byObject[group.object].push_back(&group);
+    if (group.undoState == "undone") continue;
+    (group.action == "update" ? updatesByObject : byObject)[group.object].push_back(&group);
+  }
+  for (const auto& [object, ofObject] : updatesByObject) {
+    updateRefusals(transport, object, ofObject, shared, force, forced, out);
   }
   for (const auto& [object, ofObject] : byObject) {
     std::vector<std::string> losers;
@@ -454,7 +582,7 @@ std::vector<std::string> refusals(DedupeTransport& transport, const std::vector<
           group->keeperStamp == now->second || (journaled && current && *journaled == *current);
       if (same) continue;
       if (force) {
-        forced.insert({group->apply, group->groupId});
+        forced[{group->apply, group->groupId}] = 1;
       } else if (group->keeperStamp.empty()) {
         out.push_back(UndoError::keeperUnchecked(nameOf(*group, shared), object, group->keeper));
       } else {
@@ -528,7 +656,7 @@ Outcome run(SalesforceAPI::Client& api, const Prepared& prepared, const Request&
   DedupeAPITransport transport(api, prepared.org);
   const std::size_t total = prepared.groups.size();
   report(onProgress, DedupeProgress::Phase::checking, 0, total, "");
-  std::set<std::pair<std::int64_t, std::int64_t>> forced;  // (apply, group)
+  Forced forced;
   std::vector<std::string> refused = refusals(transport, prepared.groups, request.force, forced);
   if (!refused.empty()) throw UndoError::refused(std::move(refused));
 
@@ -542,7 +670,12 @@ Outcome run(SalesforceAPI::Client& api, const Prepared& prepared, const Request&
     result.object = group.object;
     result.action = group.action;
     result.keeper = group.keeper;
-    result.forced = forced.count({group.apply, group.groupId}) > 0;
+    const auto changed = forced.find({group.apply, group.groupId});
+    if (changed != forced.end()) {
+      result.forced = true;
+      if (group.action == "update") result.forcedRecords = changed->second;
+    }
+    if (group.action == "update") result.updatedFields = updatedFields(group);
     outcome.groups.push_back(result);
   }
   const std::set<std::int64_t> shared = sharedNumbers(prepared.groups);
@@ -581,11 +714,23 @@ void Outcome::throwIfIncomplete() const {
 
 std::string whatItWrites(const Prepared& prepared) {
   std::size_t losers = 0;
-  for (const UndoGroup& group : prepared.groups) losers += group.losers.size();
-  return fmt::format(
-      "undo {} group{} of {} records: bring back up to {} records from the Recycle Bin, move "
-      "their child records back and set the kept records' values back",
-      prepared.groups.size(), prepared.groups.size() == 1 ? "" : "s", prepared.objectLabel, losers);
+  std::size_t updated = 0;
+  for (const UndoGroup& group : prepared.groups) {
+    (group.action == "update" ? updated : losers) += group.losers.size();
+  }
+  std::string what;
+  if (losers > 0 || updated == 0) {
+    what = fmt::format(
+        "bring back up to {} records from the Recycle Bin, move their child records back and set "
+        "the kept records' values back",
+        losers);
+  }
+  if (updated > 0) {
+    what += fmt::format("{}set back the fields the apply wrote into up to {} records",
+                        what.empty() ? "" : ", and ", updated);
+  }
+  return fmt::format("undo {} group{} of {} records: {}", prepared.groups.size(),
+                     prepared.groups.size() == 1 ? "" : "s", prepared.objectLabel, what);
 }
 
 std::string refusalsText(const std::vector<std::string>& refusals, bool json) {
@@ -606,6 +751,17 @@ std::string text(const Outcome& outcome) {
                            : fmt::format("{} ({} {}): ", name, group.object, group.keeper);
     switch (group.status) {
       case Status::undone:
+        if (group.action == "update") {
+          std::string fields;
+          for (const std::string& field : group.updatedFields)
+            fields += (fields.empty() ? "" : ", ") + field;
+          line += fmt::format("undone: {} set back on {} record{}", fields, group.recordsReset,
+                              group.recordsReset == 1 ? "" : "s");
+          if (group.forcedRecords > 0)
+            line += fmt::format(" ({} had been changed since the apply)", group.forcedRecords);
+          line += ".";
+          break;
+        }
         line += fmt::format(
             "undone: {} record{} back from the Recycle Bin, {} child record{} moved back, {} "
             "relinked, {} field{} of the kept record set back",
@@ -650,6 +806,9 @@ nlohmann::json json(const Outcome& outcome) {
                       {"relinked", group.relinked},
                       {"fieldsReset", group.fieldsReset},
                       {"forced", group.forced},
+                      {"updatedFields", group.updatedFields},
+                      {"recordsReset", group.recordsReset},
+                      {"forcedRecords", group.forcedRecords},
                       {"notes", group.notes},
                       {"failures", group.failures}});
   }

@@ -1,13 +1,15 @@
-// The entry point for undoing the merges and deletes an apply made from a
-// snapshot, from what the apply journaled (UndoJournal) before each call.
+// The entry point for undoing the merges, deletes and updates an apply made
+// from a snapshot, from what the apply journaled (UndoJournal) before each call.
 //
 // For each group: the merged or deleted records come back from the Recycle
 // Bin with their Ids, the child records the merge moved go back to the
 // record they belonged to, and the kept record takes back the values it had
-// before the merge (only those that differ now). Before anything changes,
-// every chosen group is checked in the org: a kept record changed since the
-// merge is refused unless forced, and a record no longer in the Recycle Bin
-// cannot come back; any refusal stops the run with nothing changed.
+// before the merge (only those that differ now); the fields an update wrote
+// (a tag, gaps filled in) take back their values from before. Before
+// anything changes, every chosen group is checked in the org: a kept record
+// changed since the merge, or a field an update wrote that was changed since,
+// is refused unless forced, and a record no longer in the Recycle Bin cannot
+// come back; any refusal stops the run with nothing changed.
 //
 // Every step asks the org what is already done before sending, so a run
 // stopped anywhere (a stop request, a lost reply, a sign-out) and started
@@ -68,6 +70,11 @@ struct GroupResult {
   std::size_t relinked = 0;           // children made again on their record (links, members, notes)
   std::size_t fieldsReset = 0;        // the kept record's fields set back
   bool forced = false;                // the kept record had changed since the merge
+  // An update (a tag, gaps filled in): the fields it wrote, the records set
+  // back, and how many of those had been changed since the apply (forced).
+  std::vector<std::string> updatedFields;
+  std::size_t recordsReset = 0;
+  std::size_t forcedRecords = 0;
   std::vector<std::string> notes;     // what could not be put back, and why not a failure
   std::vector<std::string> failures;  // Salesforce's refusals
   bool operator==(const GroupResult&) const = default;

@@ -8,6 +8,7 @@
 
 #include "dedupe/decision_workbook_task.hpp"
 #include "dedupe/plan_report.hpp"
+#include "dedupe/undo_error.hpp"
 #include "dedupe/resolution_task.hpp"
 #include "dedupe/snapshot_task.hpp"
 #include "dedupe/undo_task.hpp"
@@ -204,7 +205,7 @@ TEST_F(AlreadyThereApplyTest, TagWritesTheContactsIdIntoTheLeadInsteadOfDeleting
             std::string::npos);
   const auto checked = ResolutionTask::check(*api_, resolution, {});
   const auto outcome = ResolutionTask::apply(*api_, resolution, checked, {}, {});
-  EXPECT_NO_THROW(outcome.throwIfIncomplete());
+  EXPECT_NO_THROW(outcome.throwIfIncomplete()) << PlanReport::outcomeText(resolution, outcome);
   EXPECT_EQ(outcome.done, 3u);
   const auto description = [&](const std::string& id) {
     return query("SELECT Description FROM Lead WHERE Id = '" + id +
@@ -224,6 +225,56 @@ TEST_F(AlreadyThereApplyTest, TagWritesTheContactsIdIntoTheLeadInsteadOfDeleting
     ASSERT_EQ(error.details().size(), 1u);
     EXPECT_NE(error.details()[0].find(robert_), std::string::npos);
   }
+}
+
+TEST_F(AlreadyThereApplyTest, UndoClearsTheTagsButRefusesAFieldEditedSinceUnlessForced) {
+  const auto resolution =
+      plan(decide({robert_, janeLead_, markCopy_}), ResolutionAction::tagLosers("Description"));
+  const auto checked = ResolutionTask::check(*api_, resolution, {});
+  ASSERT_NO_THROW(ResolutionTask::apply(*api_, resolution, checked, {}, {}).throwIfIncomplete());
+  const auto description = [&](const std::string& id) {
+    return query("SELECT Description FROM Lead WHERE Id = '" + id +
+                 "'")["records"][0]["Description"];
+  };
+  ASSERT_EQ(description(robert_), bob_);
+  admin("clock", {{"advanceSeconds", 60}});
+  admin("records/update", {{"id", janeLead_}, {"fields", {{"Description", "Checked by hand"}}}});
+
+  auto prepared = UndoTask::prepare(findLogin_, leads_, {});
+  ASSERT_EQ(prepared.groups.size(), 2u);  // the group's tag and the leads already there
+  try {
+    UndoTask::run(*api_, prepared, {}, {});
+    FAIL() << "a tag edited since the apply was set back";
+  } catch (const UndoError& error) {
+    EXPECT_EQ(error.kind(), UndoError::Kind::refused);
+    ASSERT_EQ(error.details().size(), 1u);
+    EXPECT_NE(error.details()[0].find(janeLead_), std::string::npos) << error.details()[0];
+    EXPECT_NE(error.details()[0].find("Description"), std::string::npos) << error.details()[0];
+  }
+  EXPECT_EQ(description(robert_), bob_) << "a refused undo changed something";
+
+  UndoTask::Request force;
+  force.force = true;
+  const auto undone = UndoTask::run(*api_, prepared, force, {});
+  const std::string text = UndoTask::text(undone);
+  EXPECT_EQ(undone.count(UndoTask::GroupResult::Status::undone), 2u) << text;
+  EXPECT_NE(text.find("Group -1 (Lead): undone: Description set back on 2 records (1 had been "
+                      "changed since the apply)."),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("Group 1 (Lead " + markKept_ + "): undone: Description set back on 1 "
+                      "record."),
+            std::string::npos)
+      << text;
+  for (const std::string& id : {robert_, janeLead_, markCopy_}) {
+    EXPECT_TRUE(description(id).is_null()) << id;
+  }
+  EXPECT_EQ(UndoTask::json(undone)["groups"][0]["recordsReset"], 2);
+
+  // Run again: nothing left to do.
+  prepared = UndoTask::prepare(findLogin_, leads_, {});
+  const auto again = UndoTask::run(*api_, prepared, {}, {});
+  EXPECT_EQ(again.count(UndoTask::GroupResult::Status::alreadyUndone), 2u);
 }
 
 }  // namespace

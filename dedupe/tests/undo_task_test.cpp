@@ -253,6 +253,30 @@ TEST_F(UndoTaskTest, PutsMergedAccountsTheirChildrenAndTheKeptValuesBackAsTheyWe
   EXPECT_NE(text.find("already undone"), std::string::npos) << text;
 }
 
+TEST_F(UndoTaskTest, GapsFilledInOnTheKeptRecordsAreEmptiedAgain) {
+  accounts();
+  const auto before = picture();
+  ResolutionTask::Request request;
+  request.forApply = true;
+  request.action = ResolutionAction::fillGaps();
+  const auto resolution = ResolutionTask::plan(*api_, findLogin_, snapshot_, request, {});
+  ASSERT_EQ(resolution.plan.updates.size(), 3u);
+  const auto checked = ResolutionTask::check(*api_, resolution, {});
+  ResolutionTask::apply(*api_, resolution, checked, {}, {}).throwIfIncomplete();
+  EXPECT_EQ(phoneOf(keepers_[0]), "\"555-0101\"");
+  later();
+
+  const auto outcome = undo({});
+  EXPECT_EQ(outcome.count(Status::undone), 3u) << UndoTask::text(outcome);
+  for (const auto& group : outcome.groups) {
+    EXPECT_EQ(group.action, "update");
+    EXPECT_EQ(group.recordsReset, 1u);
+    EXPECT_EQ(group.restored, 0u);
+  }
+  EXPECT_EQ(picture(), before);
+  EXPECT_EQ(phoneOf(keepers_[0]), "null");
+}
+
 TEST_F(UndoTaskTest, ContactsGetTheirTasksAndCampaignMembersBackOneChosenGroupAtATime) {
   const std::string campaign = create("Campaign", {{"Name", "Spring"}});
   std::vector<std::string> people = {"Ada", "Grace"};
