@@ -2,21 +2,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include "platform/number_text.hpp"
 #include "query/query_task.hpp"
 #include "query/result_writer.hpp"
 
 namespace corvane::QueryCommand {
-
-namespace {
-
-std::string withThousands(std::int64_t number) {
-  std::string digits = std::to_string(number);
-  for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
-    digits.insert(static_cast<std::size_t>(at), ",");
-  return digits;
-}
-
-}  // namespace
 
 JSONLiteral withoutAttributes(JSONLiteral record) {
   return QueryTask::withoutAttributes(std::move(record));
@@ -38,7 +28,7 @@ std::int64_t run(CommandContext& context, SalesforceAPI::Client& api, const std:
   writer->finish(outcome);
   const std::int64_t rows = writer->rows();
   if (output) {
-    context.out << "Wrote " << withThousands(rows) << (rows == 1 ? " row" : " rows") << " to "
+    context.out << "Wrote " << NumberText::grouped(rows) << (rows == 1 ? " row" : " rows") << " to "
                 << output->string() << ".\n";
     context.out.flush();
   }

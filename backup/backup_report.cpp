@@ -7,17 +7,11 @@
 #include <nlohmann/json.hpp>
 
 #include "backup/backup_error.hpp"
+#include "platform/number_text.hpp"
 
 namespace corvane::BackupReport {
 
 namespace {
-
-std::string grouped(std::int64_t value) {
-  std::string digits = std::to_string(value < 0 ? -value : value);
-  for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
-    digits.insert(static_cast<std::size_t>(at), ",");
-  return value < 0 ? "-" + digits : digits;
-}
 
 }  // namespace
 
@@ -35,11 +29,11 @@ std::string text(const BackupTask::Survey& survey) {
     for (const auto& field : object.fieldsLeftOut)
       leftOut += (leftOut.empty() ? "" : ", ") + field.name;
     out += fmt::format("{:<{}}  {:>12}  {:>6}  {:<4}  {}\n", object.plan.object, nameWidth,
-                       object.records ? grouped(*object.records) : "unknown",
+                       object.records ? NumberText::grouped(*object.records) : "unknown",
                        object.plan.fields.size(), object.via, leftOut);
     records += object.records.value_or(0);
   }
-  out += fmt::format("\n{} objects, {} records.\n", survey.objects.size(), grouped(records));
+  out += fmt::format("\n{} objects, {} records.\n", survey.objects.size(), NumberText::grouped(records));
 
   if (!survey.objectsLeftOut.empty()) {
     // One line per reason, naming its objects.
@@ -131,7 +125,7 @@ std::string statusText(const BackupLocation& location, const BackupTask::Status&
                        last->result, last->startedAt, last->finishedAt);
     if (!last->message.empty()) out += "  " + last->message + "\n";
     out += fmt::format("  {} records, {} deleted, {} files ({} waiting), in {}\n",
-                       grouped(last->records), grouped(last->deleted), last->files,
+                       NumberText::grouped(last->records), NumberText::grouped(last->deleted), last->files,
                        last->filesWaiting, last->folder);
   }
   const auto& runs = status.runs;
@@ -142,7 +136,7 @@ std::string statusText(const BackupLocation& location, const BackupTask::Status&
     out +=
         fmt::format("  {:<18} {:<8} {:<9} {:>12} records  {} requests\n", run.folder,
                     toText(run.kind), run.result.empty() ? std::string("unfinished") : run.result,
-                    grouped(run.records), run.apiRequests);
+                    NumberText::grouped(run.records), run.apiRequests);
   }
   return out;
 }

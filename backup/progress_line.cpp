@@ -5,22 +5,13 @@
 #include <algorithm>
 #include <cmath>
 
+#include "platform/number_text.hpp"
+
 namespace corvane {
 
 namespace {
 
 constexpr double rateWindow = 10.0;  // seconds of samples the rate is taken over
-
-// "45210" → "45,210".
-std::string grouped(std::int64_t value) {
-  std::string digits = std::to_string(value < 0 ? -value : value);
-  std::string out;
-  for (std::size_t i = 0; i < digits.size(); ++i) {
-    if (i > 0 && (digits.size() - i) % 3 == 0) out += ',';
-    out += digits[i];
-  }
-  return value < 0 ? "-" + out : out;
-}
 
 // Cuts text to at most `columns` characters (UTF-8 aware), ending in "…" when cut.
 std::string fitted(const std::string& text, int columns) {
@@ -102,16 +93,16 @@ std::string ProgressLine::text() const {
   };
   if (totals.objectsTotal > 0)
     add(fmt::format("{}/{} objects", totals.objectsDone, totals.objectsTotal));
-  add(totals.records == 1 ? "1 row" : grouped(totals.records) + " rows");
+  add(totals.records == 1 ? "1 row" : NumberText::grouped(totals.records) + " rows");
   if (totals.files > 0 || phase_ == BackupPace::Phase::files)
-    add(totals.files == 1 ? "1 document" : grouped(totals.files) + " documents");
+    add(totals.files == 1 ? "1 document" : NumberText::grouped(totals.files) + " documents");
   using Step = BackupProgress::Step;
   const bool working = latest_.step == Step::downloadingRecords ||
                        latest_.step == Step::objectFinished || latest_.step == Step::downloadingFiles;
   if (auto perSecond = working ? rate() : std::nullopt) {
     const auto rounded = static_cast<std::int64_t>(std::llround(*perSecond));
-    add(phase_ == BackupPace::Phase::files ? grouped(rounded) + " documents/s"
-                                           : grouped(rounded) + " rows/s");
+    add(phase_ == BackupPace::Phase::files ? NumberText::grouped(rounded) + " documents/s"
+                                           : NumberText::grouped(rounded) + " rows/s");
   }
   if (working) add(pace_.text());
   add(progressText(latest_));

@@ -40,7 +40,4 @@ using DedupeProgressHandler = std::function<void(const DedupeProgress& progress)
 // error (a typed UserFacingError) when none or several match.
 using FindLogin = std::function<Org(const std::string& login)>;
 
-// A count with its thousands marked: 1234567 gives "1,234,567".
-std::string digitGroups(std::int64_t value);
-
 }  // namespace corvane

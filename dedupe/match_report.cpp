@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "platform/number_text.hpp"
+
 namespace corvane::MatchReport {
 
 namespace {
@@ -58,7 +60,7 @@ std::string partialWarning(const SnapshotInfo& info) {
   return fmt::format(
       "The {} snapshot is not complete ({} of {} records), so matches among the records not yet "
       "downloaded are missing. Finish it with: corvane dedupe resume \"{}\"\n",
-      labelOf(info), digitGroups(info.recordCount), digitGroups(info.totalExpected),
+      labelOf(info), NumberText::grouped(info.recordCount), NumberText::grouped(info.totalExpected),
       info.url.string());
 }
 
@@ -150,11 +152,11 @@ std::string crossText(const CrossMatchTask::Outcome& outcome, const std::string&
   }
   out += fmt::format(
       "{} of {} {}s {} already {}s ({} pair{} among {} {}s; {} comparisons). Compared: {}.\n",
-      digitGroups(outcome.recordsMatched), digitGroups(info.recordCount), label,
+      NumberText::grouped(outcome.recordsMatched), NumberText::grouped(info.recordCount), label,
       outcome.recordsMatched == 1 ? "is" : "are", otherLabel,
-      digitGroups(static_cast<std::int64_t>(outcome.pairs.size())),
-      outcome.pairs.size() == 1 ? "" : "s", digitGroups(other.recordCount), otherLabel,
-      digitGroups(outcome.comparisons), comparedText(outcome));
+      NumberText::grouped(static_cast<std::int64_t>(outcome.pairs.size())),
+      outcome.pairs.size() == 1 ? "" : "s", NumberText::grouped(other.recordCount), otherLabel,
+      NumberText::grouped(outcome.comparisons), comparedText(outcome));
   out += partialWarning(info);
   out += partialWarning(other);
   if (!outcome.pairs.empty()) {

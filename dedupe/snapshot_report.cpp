@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "connections/download_error.hpp"
+#include "platform/number_text.hpp"
 
 namespace corvane::SnapshotReport {
 
@@ -15,8 +16,8 @@ std::string text(const SnapshotTask::Listing& listing) {
   std::string out =
       fmt::format(row, "Object", "Records", "Expected", "State", "Size", "Downloaded", "File");
   for (const SnapshotInfo& info : listing.snapshots) {
-    out += fmt::format(row, info.objectName, digitGroups(info.recordCount),
-                       digitGroups(info.totalExpected), info.complete ? "complete" : "paused",
+    out += fmt::format(row, info.objectName, NumberText::grouped(info.recordCount),
+                       NumberText::grouped(info.totalExpected), info.complete ? "complete" : "paused",
                        byteCountText(info.fileBytes), info.downloadedAt.substr(0, 19),
                        info.url.string());
   }
@@ -54,15 +55,15 @@ std::string progressBar(const DedupeProgress& progress) {
           : 0.0;
   const int filled = static_cast<int>(share * width);
   return fmt::format("[{}{}] {:3.0f}%  {} of {} records, {} received", std::string(filled, '#'),
-                     std::string(width - filled, '-'), share * 100, digitGroups(progress.done),
-                     digitGroups(progress.total), byteCountText(progress.bytes));
+                     std::string(width - filled, '-'), share * 100, NumberText::grouped(progress.done),
+                     NumberText::grouped(progress.total), byteCountText(progress.bytes));
 }
 
 std::string outcomeText(const SnapshotTask::DownloadOutcome& outcome) {
   if (outcome.alreadyComplete) {
-    return "This snapshot is complete: " + digitGroups(outcome.records) + " records.\n";
+    return "This snapshot is complete: " + NumberText::grouped(outcome.records) + " records.\n";
   }
-  return "Stored " + digitGroups(outcome.records) + " records in " + outcome.snapshot.string() +
+  return "Stored " + NumberText::grouped(outcome.records) + " records in " + outcome.snapshot.string() +
          '\n';
 }
 

@@ -9,6 +9,7 @@
 #include "dedupe/record_store.hpp"
 #include "dedupe/snapshot_catalog.hpp"
 #include "dedupe/snapshot_downloader.hpp"
+#include "platform/number_text.hpp"
 #include "platform/volume_info.hpp"
 
 namespace corvane::SnapshotTask {
@@ -261,7 +262,7 @@ DownloadOutcome resume(SalesforceAPI::Client& api, const FindLogin& findLogin,
   if (info.complete) return {snapshot, info.recordCount, false, true};
   announce(onProgress, snapshot,
            "Continuing the download of " + info.objectLabel + " after " +
-               digitGroups(info.recordCount) + " records");
+               NumberText::grouped(info.recordCount) + " records");
   return run(api, org, *store, SnapshotDownloader::requestsFor(*store), runner, stop, onProgress);
 }
 
