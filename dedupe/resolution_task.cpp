@@ -284,6 +284,7 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
     ofGroup[merges[i].groupId].push_back(i);
   }
   std::size_t done = 0;
+  UndoCapture::ChildKinds kinds(transport);  // described once for every step
   for (std::size_t start = 0; start < order.size(); start += groupsPerJournalStep) {
     const std::size_t end = std::min(order.size(), start + groupsPerJournalStep);
     std::vector<UndoCapture::Pending> pending;
@@ -302,7 +303,7 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
       pending.push_back(std::move(group));
     }
     try {
-      journal.recordBefore(applyId, UndoCapture::capture(transport, pending, isoNow()));
+      journal.recordBefore(applyId, UndoCapture::capture(transport, pending, isoNow(), &kinds));
     } catch (const std::exception& error) {
       signedOut = transport.classify(error).signedOut;
       for (std::size_t g = start; g < order.size(); ++g) {

@@ -153,8 +153,63 @@ std::vector<std::string> fieldsOf(DedupeTransport& transport, const std::string&
   return out;
 }
 
+std::optional<nlohmann::json> ChildKinds::describe(const std::string& object) {
+  if (!safeName(object)) return std::nullopt;
+  std::string body;
+  try {
+    body = transport_.send("GET", "sobjects/" + object + "/describe", {}, std::nullopt);
+  } catch (const std::exception& error) {
+    const TransportFailure seen = transport_.classify(error);
+    if (seen.httpStatus >= 400 && !seen.signedOut) return std::nullopt;  // not for this login
+    throw;
+  }
+  nlohmann::json reply = nlohmann::json::parse(body, nullptr, false);
+  if (reply.is_discarded() || !reply.is_object()) throw UndoError::unreadableReply();
+  return reply;
+}
+
+const std::vector<ChildRelation>& ChildKinds::of(const std::string& object) {
+  if (auto found = kinds_.find(object); found != kinds_.end()) return found->second;
+  std::vector<ChildRelation> kinds = childRelations(object);
+  const std::optional<nlohmann::json> parent = kinds.empty() ? std::nullopt : describe(object);
+  if (parent && parent->contains("childRelationships") &&
+      (*parent)["childRelationships"].is_array()) {
+    std::map<std::string, std::vector<std::string>> wanted;  // child object -> fields
+    for (const auto& relation : (*parent)["childRelationships"]) {
+      if (!relation.is_object() || relation.value("deprecatedAndHidden", false)) continue;
+      const std::string child = relation.value("childSObject", "");
+      const std::string field = relation.value("field", "");
+      if (!safeName(child) || !safeName(field)) continue;
+      const bool unmoved = child.ends_with("History") || child.ends_with("Feed") ||
+                           child.ends_with("Share") || child.ends_with("ChangeEvent");
+      const bool known = std::any_of(kinds.begin(), kinds.end(), [&](const ChildRelation& kind) {
+        return kind.object == child && kind.field == field;
+      });
+      if (!unmoved && !known) wanted[child].push_back(field);
+    }
+    for (const auto& [child, fields] : wanted) {
+      const std::optional<nlohmann::json> described = describe(child);
+      if (!described || !described->value("queryable", false) || !described->contains("fields") ||
+          !(*described)["fields"].is_array()) {
+        continue;
+      }
+      for (const auto& field : (*described)["fields"]) {
+        if (!field.is_object() || !field.contains("name") || !field["name"].is_string()) continue;
+        const std::string name = field["name"].get<std::string>();
+        if (std::find(fields.begin(), fields.end(), name) == fields.end()) continue;
+        if (field.value("updateable", false) && field.value("filterable", false)) {
+          kinds.push_back({child, name, {}, {}, true});
+        }
+      }
+    }
+  }
+  return kinds_.emplace(object, std::move(kinds)).first->second;
+}
+
 std::vector<UndoGroup> capture(DedupeTransport& transport, const std::vector<Pending>& pending,
-                               const std::string& now) {
+                               const std::string& now, ChildKinds* kinds) {
+  std::optional<ChildKinds> described;
+  if (!kinds) kinds = &described.emplace(transport);
   std::vector<UndoGroup> out;
   std::map<std::string, std::vector<const Pending*>> byObject;
   for (const Pending& group : pending) byObject[group.object].push_back(&group);
@@ -189,7 +244,7 @@ std::vector<UndoGroup> capture(DedupeTransport& transport, const std::vector<Pen
     // The children that a merge will move, by the loser they belong to now.
     std::map<std::string, std::vector<UndoChild>> childrenOf;
     if (merging) {
-      for (const ChildRelation& relation : childRelations(object)) {
+      for (const ChildRelation& relation : kinds->of(object)) {
         std::vector<std::string> fields = {"Id", relation.field};
         fields.insert(fields.end(), relation.recreate.begin(), relation.recreate.end());
         std::vector<nlohmann::json> found;
@@ -199,6 +254,8 @@ std::vector<UndoGroup> capture(DedupeTransport& transport, const std::vector<Pen
           throw;
         } catch (const std::exception& error) {
           if (objectUnknown(transport, error)) continue;
+          // A kind of child found in the describe that this org will not query so is left out.
+          if (relation.discovered && transport.classify(error).httpStatus == 400) continue;
           throw;
         }
         for (const auto& child : found) {

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,10 +29,33 @@ struct ChildRelation {
   std::string field;
   std::vector<std::string> recreate;
   std::vector<std::string> sameWhen;
+  bool discovered = false;  // found in the org's describe, not one of childRelations
 };
 
 // The children of a merged Account, Contact or Lead; none for other objects.
 const std::vector<ChildRelation>& childRelations(std::string_view object);
+
+// Every kind of child record a merge of an object moves that an undo can put
+// back: childRelations, and each other child relationship the org's describe
+// lists whose reference can be changed and filtered on (child Accounts, a
+// custom object's lookup, ...). Histories, feeds, shares and change events
+// are left out: a merge does not move them. Each object is described once
+// and its answer kept for later calls.
+class ChildKinds {
+ public:
+  explicit ChildKinds(DedupeTransport& transport) : transport_(transport) {}
+
+  // Throws UndoError::unreadableReply for a describe that cannot be read,
+  // and passes transport failures through; an object or child that this
+  // login may not describe is left out.
+  const std::vector<ChildRelation>& of(const std::string& object);
+
+ private:
+  std::optional<nlohmann::json> describe(const std::string& object);
+
+  DedupeTransport& transport_;
+  std::map<std::string, std::vector<ChildRelation>> kinds_;
+};
 
 // The first 15 characters of an Id: the same record whatever its case-safe suffix.
 std::string idKey(std::string_view id);
@@ -67,8 +91,10 @@ struct Pending {
 
 // What the org holds now for each group (one query per object and kind of
 // child for all the groups together), ready for UndoJournal::recordBefore.
+// kinds: the kinds of child to look for, kept across calls (none: described
+// afresh).
 std::vector<UndoGroup> capture(DedupeTransport& transport, const std::vector<Pending>& pending,
-                               const std::string& now);
+                               const std::string& now, ChildKinds* kinds = nullptr);
 
 // One record about to be updated (a tag, or gaps filled in): the values
 // written, field by field.

@@ -69,6 +69,9 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
             create("Contact", {{"LastName", name + " person"}, {"AccountId", loser}});
         create("Case", {{"Subject", "Broken"}, {"AccountId", loser}, {"ContactId", contact}});
         create("Task", {{"Subject", "Call"}, {"WhatId", loser}});
+        // Beyond the usual children: a child Account and a custom object's record.
+        create("Account", {{"Name", name + " branch"}, {"Site", "Branch"}, {"ParentId", loser}});
+        create("Invoice__c", {{"Name", name + " invoice"}, {"Account__c", loser}});
         create("Note",
                {{"Title", "Met " + std::to_string(copy)}, {"Body", "Nice"}, {"ParentId", loser}});
         create("ContentVersion", {{"Title", "Plan"},
@@ -129,6 +132,8 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
     rows("Task", "SELECT Id, WhatId, WhoId FROM Task");
     rows("Note", "SELECT Title, ParentId FROM Note");
     rows("CampaignMember", "SELECT CampaignId, ContactId FROM CampaignMember");
+    rows("Branch", "SELECT Id, ParentId FROM Account WHERE Site = 'Branch'");
+    rows("Invoice__c", "SELECT Id, Account__c FROM Invoice__c");
     std::vector<std::string> ids;
     const auto accounts = query("SELECT Id FROM Account WHERE Site = 'Undo'");
     for (const auto& record : accounts["records"]) ids.push_back(record["Id"]);
@@ -465,8 +470,9 @@ TEST_F(UndoTaskTest, AStopAndALostReplyPartWayThenTheSameCallAgainDoNothingTwice
   EXPECT_EQ(picture(), before);
   // After the lost reply: one undelete (the third group's; the second's
   // records are back already) and the updates not yet made: the second
-  // group's Contacts, Tasks and kept record (its Cases were moved by the
-  // lost call), the third's Cases, Contacts, Tasks and kept record.
+  // group's Cases, Contacts, invoices, Tasks and kept record (its child
+  // Accounts were moved by the lost call), the third's child Accounts, Cases,
+  // Contacts, invoices, Tasks and kept record.
   std::size_t undeletes = 0;
   std::size_t patches = 0;
   const auto log = getJson("/_admin/requests?limit=100000");
@@ -476,7 +482,7 @@ TEST_F(UndoTaskTest, AStopAndALostReplyPartWayThenTheSameCallAgainDoNothingTwice
     if (request.value("method", "") == "PATCH") ++patches;
   }
   EXPECT_EQ(undeletes, 1u);
-  EXPECT_EQ(patches, 7u);
+  EXPECT_EQ(patches, 11u);
 }
 
 TEST_F(UndoTaskTest, TwoAppliesWhoseGroupsShareANumberAreBothPutBack) {
