@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <iostream>
 
 #include <fmt/format.h>
@@ -177,6 +180,21 @@ ResolutionPlan plan(CommandContext& context, SalesforceAPI::Client& api,
   return planned.plan;
 }
 
+namespace {
+
+// A word as a POSIX shell reads it back: quoted unless plainly safe.
+std::string shellWord(const std::string& word) {
+  const bool plain = !word.empty() && std::all_of(word.begin(), word.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || std::strchr("/._-+:@%,=", c) != nullptr;
+  });
+  if (plain) return word;
+  std::string quoted = "'";
+  for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+}  // namespace
+
 void apply(CommandContext& context, SalesforceAPI::Client& api,
            const std::filesystem::path& snapshot, const ResolveOptions& options) {
   const ResolutionTask::Resolution planned = resolution(context, api, snapshot, options, true);
@@ -220,6 +238,10 @@ void apply(CommandContext& context, SalesforceAPI::Client& api,
   const ResolutionTask::ApplyOutcome outcome =
       ResolutionTask::apply(api, planned, checked, applying, {}, progress);
   context.out << PlanReport::outcomeText(planned, outcome) << PlanReport::afterwardsText(outcome);
+  if (outcome.done + outcome.unknown > 0) {
+    context.out << "To put these changes back: corvane dedupe undo " << shellWord(snapshot.string())
+                << '\n';
+  }
   outcome.throwIfIncomplete();
 }
 

@@ -671,6 +671,10 @@ TEST_F(DedupeDecisionsCommandTest, AWorkbookWithProblemsChangesNothingAndListsTh
   DedupeCommand::apply(ctx, *api_, url, options);
   EXPECT_NE(out_.str().find("Results: " + options.results.string()), std::string::npos)
       << out_.str();
+  EXPECT_NE(out_.str().find("To put these changes back: corvane dedupe undo " + url.string() +
+                            "\n"),
+            std::string::npos)
+      << out_.str();
   for (const auto& id : {martha1_, peter3_}) {
     EXPECT_EQ(row(id)["IsDeleted"], true) << id;
     EXPECT_TRUE(row(id)["MasterRecordId"].is_null()) << id;
