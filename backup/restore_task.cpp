@@ -317,6 +317,14 @@ std::string journalAction(const Record& record) {
   return actionText(record.action);
 }
 
+// The values an update of a live record writes, as the journal keeps them:
+// {"Field": "text"}. A refused update is left alone until they change.
+std::string updateText(const Record& record) {
+  Json fields = Json::object();
+  for (const auto& value : record.values) fields[value.field] = value.text;
+  return fields.dump();
+}
+
 // References left empty, as the journal keeps them: {"Field": "old id"}.
 std::string emptiedText(const Record& record) {
   if (record.emptied.empty()) return {};
@@ -914,6 +922,7 @@ struct Planner {
       record.id = id;
       auto live = now.find(id15(id));
       auto row = rows.find(id);
+      auto done = earlier.find(id15(id));
       if (live == now.end()) {
         record.reason = "It is not live in the org; restore it without --fields first.";
       } else if (row == rows.end()) {
@@ -931,6 +940,10 @@ struct Planner {
         }
         if (record.changes.empty()) {
           record.reason = "Its values already match the backup.";
+        } else if (!request.retryFailed && done != earlier.end() &&
+                   done->second.action == "update" && done->second.state == "refused" &&
+                   done->second.sentBody == updateText(record)) {
+          failedBefore(record, done->second);
         } else {
           record.action = Action::update;
         }
@@ -1342,7 +1355,13 @@ class Writer {
     }
     body += "]}";
     const std::string action = journalAction(*batch.front());
-    sending(batch, action, create ? bodies : std::vector<std::string>{});
+    std::vector<std::string> kept;  // what the journal keeps of each record's body
+    if (create) {
+      kept = bodies;
+    } else if (action == "update") {
+      for (const Record* record : batch) kept.push_back(updateText(*record));
+    }
+    sending(batch, action, kept);
     const auto reply = transport_.send(create ? "POST" : "PATCH", "composite/sobjects", {}, body);
     const auto results = SObjectCollection::results(reply, batch.size());
     for (std::size_t i = 0; i < batch.size(); ++i) {

@@ -649,6 +649,60 @@ TEST_F(RestoreTaskTest, ARecordSalesforceRefusesFailsWithItsWordsAndTheRestGoOn)
   EXPECT_TRUE(RestoreTask::run(*transport_, request()).nothingLeft());
 }
 
+TEST_F(RestoreTaskTest, AFieldsUpdateSalesforceRefusedIsNotSentAgainUntilItChangesOrIsRetried) {
+  makeOrg(3);
+  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
+  const auto* account = orgsim::Schema::object("Account");
+  for (const auto& id : accounts_) {
+    ASSERT_TRUE(orgsim::OrgRecords::update(store(), *account, id,
+                                           Json{{"Industry", "Retail"}, {"AnnualRevenue", 7}},
+                                           admin_)
+                    .success);
+  }
+  // A picklist value the org no longer has, as the backup holds it for one record.
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(config().location.folder())) {
+    if (entry.path().filename() != "Account.csv") continue;
+    std::string csv;
+    {
+      std::ifstream in(entry.path());
+      std::stringstream text;
+      text << in.rdbuf();
+      csv = text.str();
+    }
+    const auto row = csv.find(accounts_[0]);
+    ASSERT_NE(row, std::string::npos);
+    const auto at = csv.find("\"Banking\"", row);
+    ASSERT_NE(at, std::string::npos);
+    csv.replace(at, 9, "\"Buggy Whips\"");
+    std::ofstream(entry.path(), std::ios::trunc) << csv;
+  }
+  auto request = this->request();
+  request.deleted = false;
+  request.ids = accounts_;
+  request.fields = {"Industry"};
+  const auto result = RestoreTask::run(*transport_, request);
+  EXPECT_EQ(result.restored, 2u);
+  ASSERT_EQ(result.failed, 1u);
+
+  const auto again = RestoreTask::run(*transport_, request);
+  EXPECT_TRUE(again.nothingLeft());
+  EXPECT_EQ(again.failedEarlier, 1u);
+  EXPECT_EQ(again.plan.records[0].reason.rfind(
+                "failed in an earlier run: INVALID_OR_NULL_FOR_RESTRICTED_PICKLIST", 0),
+            0u)
+      << again.plan.records[0].reason;
+
+  // Asked for other values, the record is sent again: only the one refused is left alone.
+  request.fields = {"Industry", "AnnualRevenue"};
+  const auto wider = RestoreTask::plan(*transport_, request);
+  EXPECT_EQ(wider.records[0].action, Action::update);
+  request.fields = {"Industry"};
+  request.retryFailed = true;
+  const auto retried = RestoreTask::run(*transport_, request);
+  EXPECT_EQ(retried.failed, 1u);
+  EXPECT_EQ(retried.failedEarlier, 0u);
+}
+
 TEST_F(RestoreTaskTest, ARestoreThatWouldSpendTheLastTenthOfTheAllowanceDoesNotStart) {
   makeOrg(3);
   ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
