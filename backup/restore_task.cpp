@@ -317,6 +317,11 @@ std::string journalAction(const Record& record) {
   return actionText(record.action);
 }
 
+// Why a document is not uploaded: its body is not the one Salesforce had.
+std::string damagedBody() {
+  return "Its body in the Files folder does not match the checksum Salesforce gave for it.";
+}
+
 // The values an update of a live record writes, as the journal keeps them:
 // {"Field": "text"}. A refused update is left alone until they change.
 std::string updateText(const Record& record) {
@@ -571,6 +576,18 @@ struct Planner {
         }
       }
       plan.records.push_back(std::move(record));
+    }
+  }
+
+  // Why a document's body in the Files folder cannot be uploaded as it
+  // stands; empty when it can.
+  std::string bodyProblem(const Record& record) const {
+    if (record.checksum.empty()) return {};
+    try {
+      const auto path = request.location.filesFolder() / SafeFileName::clean(record.file);
+      return sameText(FileDownload::md5Hex(path), record.checksum) ? std::string() : damagedBody();
+    } catch (const std::exception& error) {
+      return std::string("Its body in the Files folder could not be read: ") + error.what();
     }
   }
 
@@ -853,6 +870,8 @@ struct Planner {
       } else if (std::error_code missing; !std::filesystem::is_regular_file(
                      request.location.filesFolder() / SafeFileName::clean(record.file), missing)) {
         record.reason = "Its body is missing from the Files folder.";
+      } else if (auto damaged = bodyProblem(record); !damaged.empty()) {
+        record.reason = damaged;
       } else if (!request.retryFailed && done != earlier.end() && done->second.state == "refused") {
         failedBefore(record, done->second);
       } else {
@@ -1440,8 +1459,7 @@ class Writer {
     }
     if (!record.checksum.empty() && !sameText(FileDownload::md5Hex(path), record.checksum)) {
       record.result = "failed";
-      record.message = "Its body in the Files folder does not match the checksum Salesforce gave "
-                       "for it, so it was not uploaded.";
+      record.message = damagedBody();
       return;
     }
     std::string fields = members(record, false);

@@ -71,6 +71,9 @@ class RestoreTaskTest : public orgsim::testing::ServerFixture {
 
   // Accounts with a parent for every fifth, two Contacts each with values of
   // every kind, and a document on the first Account.
+  void expectDocumentsSkipped(const std::function<void(const std::filesystem::path&)>& spoil,
+                              const std::string& reason);
+
   void makeOrg(int accounts) {
     accounts_ = orgsim::testing::addAccounts(store(), accounts);
     const auto* account = orgsim::Schema::object("Account");
@@ -571,7 +574,11 @@ TEST_F(RestoreTaskTest, ADocumentOnSeveralRecordsIsUploadedOnceAndLinkedToEach) 
   EXPECT_TRUE(RestoreTask::run(*transport_, request).nothingLeft());
 }
 
-TEST_F(RestoreTaskTest, ADocumentWhoseBodyIsGoneFromTheBackupIsSkippedAndNamed) {
+// Restores two Accounts with their documents after spoil(body) has been done
+// to every body in the backup's Files folder: the Accounts come back, each
+// document is skipped with reason, and a further run finds nothing left.
+void RestoreTaskTest::expectDocumentsSkipped(
+    const std::function<void(const std::filesystem::path&)>& spoil, const std::string& reason) {
   makeOrg(2);
   ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
   removeAll(accounts_);
@@ -579,7 +586,7 @@ TEST_F(RestoreTaskTest, ADocumentWhoseBodyIsGoneFromTheBackupIsSkippedAndNamed) 
   store().advanceClock(2min);
   ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
   for (const auto& body : std::filesystem::directory_iterator(config().location.filesFolder()))
-    if (body.is_regular_file()) std::filesystem::remove(body.path());
+    if (body.is_regular_file()) spoil(body.path());
 
   auto request = this->request();
   request.withChildren = true;
@@ -589,11 +596,24 @@ TEST_F(RestoreTaskTest, ADocumentWhoseBodyIsGoneFromTheBackupIsSkippedAndNamed) 
   for (const auto& record : result.plan.records)
     if (record.object == "ContentVersion") {
       EXPECT_EQ(record.action, Action::skip);
-      EXPECT_EQ(record.reason, "Its body is missing from the Files folder.");
+      EXPECT_EQ(record.reason, reason);
       named = true;
     }
   EXPECT_TRUE(named);
   EXPECT_TRUE(RestoreTask::run(*transport_, request).nothingLeft());
+}
+
+TEST_F(RestoreTaskTest, ADocumentWhoseBodyIsGoneFromTheBackupIsSkippedAndNamed) {
+  expectDocumentsSkipped([](const std::filesystem::path& body) { std::filesystem::remove(body); },
+                         "Its body is missing from the Files folder.");
+}
+
+TEST_F(RestoreTaskTest, ADocumentWhoseBodyWasDamagedSinceTheBackupIsSkippedAndNamed) {
+  expectDocumentsSkipped(
+      [](const std::filesystem::path& body) {
+        std::ofstream(body, std::ios::app) << "damage";
+      },
+      "Its body in the Files folder does not match the checksum Salesforce gave for it.");
 }
 
 TEST_F(RestoreTaskTest, ARecordSalesforceRefusesFailsWithItsWordsAndTheRestGoOn) {
