@@ -25,9 +25,9 @@ void addYesFlag(CLI::App& app, Answers& answers) {
                "developer orgs are never asked");
 }
 
-void confirm(const Org& org, std::string_view whatItWrites, std::ostream& out,
+bool confirm(const Org& org, std::string_view whatItWrites, std::ostream& out,
              const Answers& answers) {
-  if (!org.isProduction() || answers.yes) return;
+  if (!org.isProduction() || answers.yes) return false;
   if (!answers.inputIsTerminal || !answers.inputIsTerminal())
     throw ProductionWriteRefused::noTerminal(org, whatItWrites);
   const auto name = ProductionWrite::nameToType(org);
@@ -37,6 +37,7 @@ void confirm(const Org& org, std::string_view whatItWrites, std::ostream& out,
   const auto typed = answers.readLine ? answers.readLine() : std::nullopt;
   if (!typed || !ProductionWrite::confirms(org, *typed))
     throw ProductionWriteRefused::nameDidNotMatch(org);
+  return true;
 }
 
 }  // namespace ProductionGuard

@@ -39,9 +39,10 @@ struct Answers {
 // options they do not know up to it). Call before adding the subcommands.
 void addYesFlag(CLI::App& app, Answers& answers = Answers::standard());
 
-// Returns when the write may go ahead; throws ProductionWriteRefused. Writes
-// the question to out.
-void confirm(const Org& org, std::string_view whatItWrites, std::ostream& out,
+// Returns when the write may go ahead: true when the user was asked (time
+// has passed since the command began), false when no question was needed.
+// Throws ProductionWriteRefused. Writes the question to out.
+bool confirm(const Org& org, std::string_view whatItWrites, std::ostream& out,
              const Answers& answers = Answers::standard());
 
 }  // namespace ProductionGuard

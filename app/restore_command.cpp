@@ -37,19 +37,19 @@ void restore(CommandContext& context, SalesforceAPI::Client& api, const Argument
     return;
   }
 
-  // Asked before anything is written, with what is at stake.
-  {
-    const auto plan = RestoreTask::plan(transport, request);
-    if (plan.toWrite() == 0) {
-      context.print(arguments.json ? RestoreReport::nothingLeftJSON(org.username, plan)
-                                   : RestoreReport::nothingLeftText(arguments.object, plan));
-      return;
-    }
-    ProductionGuard::confirm(org,
-                             "restore " + RestoreReport::countsText(plan) + " " + arguments.object +
-                                 " records (and their children) from the backup " + plan.folder,
-                             arguments.json ? std::cerr : context.out);
+  // Asked before anything is written, with what is at stake. The plan is
+  // written as it is unless a question let time pass: then the run plans again.
+  const auto plan = RestoreTask::plan(transport, request);
+  if (plan.toWrite() == 0) {
+    context.print(arguments.json ? RestoreReport::nothingLeftJSON(org.username, plan)
+                                 : RestoreReport::nothingLeftText(arguments.object, plan));
+    return;
   }
+  const bool asked = ProductionGuard::confirm(
+      org,
+      "restore " + RestoreReport::countsText(plan) + " " + arguments.object +
+          " records (and their children) from the backup " + plan.folder,
+      arguments.json ? std::cerr : context.out);
 
   InterruptStop interrupt(true);
   const auto start = std::chrono::steady_clock::now();
@@ -57,7 +57,8 @@ void restore(CommandContext& context, SalesforceAPI::Client& api, const Argument
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
     std::cerr << RestoreReport::progressText(step, seconds.count()) << std::flush;
   };
-  const auto result = RestoreTask::run(transport, request, interrupt.token(), progress);
+  const auto result =
+      RestoreTask::run(transport, request, interrupt.token(), progress, asked ? nullptr : &plan);
   std::optional<std::filesystem::path> failures;
   std::optional<std::filesystem::path> workbook;
   if (!arguments.results.empty()) {

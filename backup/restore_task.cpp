@@ -1000,8 +1000,8 @@ class Writer {
   }
 
   // Learns from the org what became of every batch sent before a stop whose
-  // reply never arrived, and records it.
-  void settle() {
+  // reply never arrived, and records it. True when there was such a batch.
+  bool settle() {
     std::map<std::pair<std::string, std::int64_t>, std::vector<RestoreJournal::Entry>> batches;
     for (auto& [key, entry] : journal_.entries(org_))
       if (entry.state == "sent") batches[{entry.object, entry.batch}].push_back(entry);
@@ -1023,6 +1023,7 @@ class Writer {
         if (entry.state == "done" && entry.action != "link" && entry.action != "patch")
           newIds_[id15(entry.oldId)] = entry.newId;
     }
+    return !batches.empty();
   }
 
   void write(Result& result) {
@@ -1597,7 +1598,7 @@ Plan plan(BackupTransport& transport, const Request& request, std::stop_token st
 }
 
 Result run(BackupTransport& transport, const Request& request, std::stop_token stop,
-           const ProgressHandler& onProgress) {
+           const ProgressHandler& onProgress, const Plan* planned) {
   Result result;
   result.journal = journalPath(request);
   RestoreJournal journal(result.journal);
@@ -1606,9 +1607,12 @@ Result run(BackupTransport& transport, const Request& request, std::stop_token s
                           ? *allowance.serverDate - std::chrono::system_clock::now()
                           : std::chrono::system_clock::duration::zero();
   Writer writer(transport, request, journal, stop, onProgress, offset);
-  writer.settle();
-  Planner planner{transport, request, journal, stop, onProgress, {}, {}, {}, {}, {}};
-  result.plan = planner.make();
+  if (writer.settle() || !planned) {
+    Planner planner{transport, request, journal, stop, onProgress, {}, {}, {}, {}, {}};
+    result.plan = planner.make();
+  } else {
+    result.plan = *planned;
+  }
   const auto needed = requestsNeeded(result.plan);
   if (result.plan.toWrite() > 0 && allowance.max > 0 && allowance.headroom(0.1) < needed)
     throw RestoreError::allowanceTooLow(needed, allowance.remaining, allowance.max);

@@ -172,8 +172,11 @@ struct Result {
 // anything when the writes would leave less than a tenth of the org's daily
 // API allowance. Throws RestoreError and the transport's errors; a batch
 // whose reply was lost stays in the journal and is settled by the next run.
+// planned: the plan of the same request made moments before (to show it, or
+// to ask before writing), written as it is unless a batch of an earlier run
+// had to be settled first, which may change it.
 Result run(BackupTransport& transport, const Request& request, std::stop_token stop = {},
-           const ProgressHandler& onProgress = {});
+           const ProgressHandler& onProgress = {}, const Plan* planned = nullptr);
 
 }  // namespace RestoreTask
 

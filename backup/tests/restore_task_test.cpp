@@ -723,6 +723,29 @@ TEST_F(RestoreTaskTest, AFieldsUpdateSalesforceRefusedIsNotSentAgainUntilItChang
   EXPECT_EQ(retried.failedEarlier, 0u);
 }
 
+TEST_F(RestoreTaskTest, APlanJustMadeIsWrittenWithoutAskingTheOrgAgain) {
+  makeOrg(3);
+  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
+  removeAll(accounts_);
+  ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 3);
+  store().advanceClock(2min);
+  ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+  const auto queries = [&] {
+    int count = 0;
+    const auto log = getJson("/_admin/requests?limit=100000");
+    for (const auto& entry : log["requests"])
+      count += entry.value("path", "").find("/query") != std::string::npos;
+    return count;
+  };
+  const auto plan = RestoreTask::plan(*transport_, request());
+  ASSERT_EQ(plan.toWrite(), 3u);
+  const int planned = queries();
+  const auto result = RestoreTask::run(*transport_, request(), {}, {}, &plan);
+  EXPECT_EQ(result.restored, 3u);
+  EXPECT_EQ(queries(), planned) << "the run asked the org again what the plan knew";
+  EXPECT_TRUE(RestoreTask::run(*transport_, request()).nothingLeft());
+}
+
 TEST_F(RestoreTaskTest, ARestoreThatWouldSpendTheLastTenthOfTheAllowanceDoesNotStart) {
   makeOrg(3);
   ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
