@@ -1,6 +1,7 @@
 #include "dedupe/undo_task.hpp"
 
 #include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <set>
 
@@ -42,6 +43,18 @@ std::vector<std::string> touchedLosers(const UndoGroup& group) {
 bool sameValue(const Json& now, const Json& journaled) {
   if (now.is_number() && journaled.is_number()) return now.get<double>() == journaled.get<double>();
   return valueText(now) == valueText(journaled) && now.is_null() == journaled.is_null();
+}
+
+// Whether a value read from the org now is the text an update wrote (numbers
+// come back as numbers: "1500" is written, 1500.0 read).
+bool sameAsWritten(const Json& now, const Json& written) {
+  const std::string text = valueText(written);
+  if (now.is_number() && !text.empty()) {
+    char* end = nullptr;
+    const double number = std::strtod(text.c_str(), &end);
+    if (end != nullptr && *end == '\0') return now.get<double>() == number;
+  }
+  return valueText(now) == text;
 }
 
 // One record an update wrote: its fields' values before, and as written.
@@ -520,7 +533,7 @@ void updateRefusals(DedupeTransport& transport, const std::string& object,
       if (found == now.end()) continue;  // noted when the group is undone
       for (const auto& [field, written] : record.written.items()) {
         const Json current = found->second.value(field, Json());
-        if (valueText(current) == valueText(written) ||
+        if (sameAsWritten(current, written) ||
             sameValue(current, record.before.value(field, Json()))) {
           continue;
         }
