@@ -71,6 +71,31 @@ class RestoreTaskTest : public orgsim::testing::ServerFixture {
 
   // Accounts with a parent for every fifth, two Contacts each with values of
   // every kind, and a document on the first Account.
+  // Writes a picklist value the org does not have ("Buggy Whips") into the
+  // Industry the backups hold for the Account with this id, where it was "Banking".
+  void giveAnInactiveIndustry(const std::string& id) {
+    bool found = false;
+    for (const auto& entry :
+         std::filesystem::recursive_directory_iterator(config().location.folder())) {
+      if (entry.path().filename() != "Account.csv") continue;
+      std::string csv;
+      {
+        std::ifstream in(entry.path());
+        std::stringstream text;
+        text << in.rdbuf();
+        csv = text.str();
+      }
+      const auto row = csv.find(id);
+      if (row == std::string::npos) continue;
+      const auto at = csv.find("\"Banking\"", row);
+      ASSERT_NE(at, std::string::npos);
+      csv.replace(at, 9, "\"Buggy Whips\"");
+      std::ofstream(entry.path(), std::ios::trunc) << csv;
+      found = true;
+    }
+    ASSERT_TRUE(found) << id;
+  }
+
   void expectDocumentsSkipped(const std::function<void(const std::filesystem::path&)>& spoil,
                               const std::string& reason);
 
@@ -624,22 +649,7 @@ TEST_F(RestoreTaskTest, ARecordSalesforceRefusesFailsWithItsWordsAndTheRestGoOn)
   store().advanceClock(2min);
   ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
   // A picklist value the org no longer has, as the backup holds it for one record.
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(config().location.folder())) {
-    if (entry.path().filename() != "Account.csv") continue;
-    std::string csv;
-    {
-      std::ifstream in(entry.path());
-      std::stringstream text;
-      text << in.rdbuf();
-      csv = text.str();
-    }
-    const auto row = csv.find(accounts_[2]);
-    if (row == std::string::npos) continue;
-    const auto at = csv.find("\"Banking\"", row);
-    ASSERT_NE(at, std::string::npos);
-    csv.replace(at, 9, "\"Buggy Whips\"");
-    std::ofstream(entry.path(), std::ios::trunc) << csv;
-  }
+  giveAnInactiveIndustry(accounts_[2]);
   const auto result = RestoreTask::run(*transport_, request());
   EXPECT_EQ(result.restored, 3u);
   ASSERT_EQ(result.failed, 1u);
@@ -679,23 +689,7 @@ TEST_F(RestoreTaskTest, AFieldsUpdateSalesforceRefusedIsNotSentAgainUntilItChang
                                            admin_)
                     .success);
   }
-  // A picklist value the org no longer has, as the backup holds it for one record.
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(config().location.folder())) {
-    if (entry.path().filename() != "Account.csv") continue;
-    std::string csv;
-    {
-      std::ifstream in(entry.path());
-      std::stringstream text;
-      text << in.rdbuf();
-      csv = text.str();
-    }
-    const auto row = csv.find(accounts_[0]);
-    ASSERT_NE(row, std::string::npos);
-    const auto at = csv.find("\"Banking\"", row);
-    ASSERT_NE(at, std::string::npos);
-    csv.replace(at, 9, "\"Buggy Whips\"");
-    std::ofstream(entry.path(), std::ios::trunc) << csv;
-  }
+  giveAnInactiveIndustry(accounts_[0]);
   auto request = this->request();
   request.deleted = false;
   request.ids = accounts_;
