@@ -96,6 +96,17 @@ class RestoreTaskTest : public orgsim::testing::ServerFixture {
     ASSERT_TRUE(found) << id;
   }
 
+  // An org of that many Accounts, backed up, then every Account deleted and
+  // purged from the Recycle Bin, and a changes run that saw it.
+  void backedUpThenPurged(int accounts) {
+    makeOrg(accounts);
+    ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
+    removeAll(accounts_);
+    ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), accounts);
+    store().advanceClock(2min);
+    ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+  }
+
   void expectDocumentsSkipped(const std::function<void(const std::filesystem::path&)>& spoil,
                               const std::string& reason);
 
@@ -604,12 +615,7 @@ TEST_F(RestoreTaskTest, ADocumentOnSeveralRecordsIsUploadedOnceAndLinkedToEach) 
 // document is skipped with reason, and a further run finds nothing left.
 void RestoreTaskTest::expectDocumentsSkipped(
     const std::function<void(const std::filesystem::path&)>& spoil, const std::string& reason) {
-  makeOrg(2);
-  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
-  removeAll(accounts_);
-  ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 2);
-  store().advanceClock(2min);
-  ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+  backedUpThenPurged(2);
   for (const auto& body : std::filesystem::directory_iterator(config().location.filesFolder()))
     if (body.is_regular_file()) spoil(body.path());
 
@@ -642,12 +648,7 @@ TEST_F(RestoreTaskTest, ADocumentWhoseBodyWasDamagedSinceTheBackupIsSkippedAndNa
 }
 
 TEST_F(RestoreTaskTest, ARecordSalesforceRefusesFailsWithItsWordsAndTheRestGoOn) {
-  makeOrg(4);
-  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
-  removeAll(accounts_);
-  ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 4);
-  store().advanceClock(2min);
-  ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+  backedUpThenPurged(4);
   // A picklist value the org no longer has, as the backup holds it for one record.
   giveAnInactiveIndustry(accounts_[2]);
   const auto result = RestoreTask::run(*transport_, request());
@@ -718,12 +719,7 @@ TEST_F(RestoreTaskTest, AFieldsUpdateSalesforceRefusedIsNotSentAgainUntilItChang
 }
 
 TEST_F(RestoreTaskTest, APlanJustMadeIsWrittenWithoutAskingTheOrgAgain) {
-  makeOrg(3);
-  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
-  removeAll(accounts_);
-  ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 3);
-  store().advanceClock(2min);
-  ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+  backedUpThenPurged(3);
   const auto queries = [&] {
     int count = 0;
     const auto log = getJson("/_admin/requests?limit=100000");
@@ -741,12 +737,7 @@ TEST_F(RestoreTaskTest, APlanJustMadeIsWrittenWithoutAskingTheOrgAgain) {
 }
 
 TEST_F(RestoreTaskTest, ARestoreThatWouldSpendTheLastTenthOfTheAllowanceDoesNotStart) {
-  makeOrg(3);
-  ASSERT_EQ(backup(RunKind::full).result, RunResult::complete);
-  removeAll(accounts_);
-  ASSERT_EQ(orgsim::OrgRecords::purge(store(), "Account", {}), 3);
-  store().advanceClock(2min);
-  ASSERT_EQ(backup(RunKind::changes).result, RunResult::complete);
+  backedUpThenPurged(3);
   const auto used = getJson("/_admin/settings")["dailyApiUsed"].get<std::int64_t>();
   admin("settings", {{"dailyApiMax", 1000}, {"dailyApiUsedOffset", 900 - used}});
   try {
