@@ -359,10 +359,8 @@ std::vector<MergeRunner::MergeResult> mergeJournaled(
 
 // The number of a group of records already there as another object's: below
 // every group the journal holds, so that it names that group alone.
-std::int64_t alreadyGroupId(UndoJournal& journal) {
-  std::int64_t id = -1;
-  for (const UndoGroup& group : journal.groups()) id = std::min(id, group.groupId - 1);
-  return id;
+std::int64_t alreadyGroupId(const UndoJournal& journal) {
+  return std::min<std::int64_t>(-1, journal.lowestGroupId() - 1);
 }
 
 // Journals the groups (UndoJournal), then makes the changes with send; when

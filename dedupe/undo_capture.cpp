@@ -188,7 +188,8 @@ const std::vector<ChildRelation>& ChildKinds::of(const std::string& object) {
       if (!unmoved && !known) wanted[child].push_back(field);
     }
     for (const auto& [child, fields] : wanted) {
-      const std::optional<nlohmann::json> described = describe(child);
+      // A child of the same object (a child Account) reads the describe at hand.
+      const std::optional<nlohmann::json> described = child == object ? parent : describe(child);
       if (!described || !described->value("queryable", false) || !described->contains("fields") ||
           !(*described)["fields"].is_array()) {
         continue;

@@ -216,6 +216,10 @@ void UndoJournal::recordUndoState(std::int64_t apply, std::int64_t groupId,
   statement.run();
 }
 
+std::int64_t UndoJournal::lowestGroupId() const {
+  return db_->scalarInt("SELECT IFNULL(MIN(group_id), 0) FROM undo_groups");
+}
+
 std::vector<UndoGroup> UndoJournal::groups() const {
   std::vector<UndoGroup> out;
   std::map<std::pair<std::int64_t, std::int64_t>, std::size_t> at;  // by (apply, group)

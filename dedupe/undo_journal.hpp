@@ -110,6 +110,8 @@ class UndoJournal {
 
   // Every entry, the newest apply's first, each apply's in group order.
   std::vector<UndoGroup> groups() const;
+  // The lowest group number any apply journaled; 0 when there is none.
+  std::int64_t lowestGroupId() const;
 
  private:
   void upgrade();

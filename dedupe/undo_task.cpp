@@ -514,8 +514,10 @@ void updateRefusals(DedupeTransport& transport, const std::string& object,
                     std::vector<std::string>& out) {
   std::set<std::string> fields;
   std::vector<std::string> ids;
+  std::vector<std::vector<Updated>> records;  // by group
   for (const UndoGroup* group : groups) {
-    for (const Updated& record : updatedRecords(*group)) {
+    records.push_back(updatedRecords(*group));
+    for (const Updated& record : records.back()) {
       ids.push_back(record.sfid);
       for (const auto& [field, value] : record.written.items()) fields.insert(field);
     }
@@ -527,8 +529,9 @@ void updateRefusals(DedupeTransport& transport, const std::string& object,
     const std::string key = idKey(row["Id"].get<std::string>());
     now[key] = std::move(row);
   }
-  for (const UndoGroup* group : groups) {
-    for (const Updated& record : updatedRecords(*group)) {
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    const UndoGroup* group = groups[g];
+    for (const Updated& record : records[g]) {
       auto found = now.find(idKey(record.sfid));
       if (found == now.end()) continue;  // noted when the group is undone
       for (const auto& [field, written] : record.written.items()) {

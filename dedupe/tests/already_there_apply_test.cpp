@@ -8,31 +8,21 @@
 
 #include "dedupe/decision_workbook_task.hpp"
 #include "dedupe/plan_report.hpp"
-#include "dedupe/undo_error.hpp"
 #include "dedupe/resolution_task.hpp"
 #include "dedupe/snapshot_task.hpp"
+#include "dedupe/undo_error.hpp"
 #include "dedupe/undo_task.hpp"
-#include "platform/tests/temporary_folder.hpp"
+#include "dedupe/tests/sample_org_fixture.hpp"
 #include "dedupe/tests/typed_decisions.hpp"
-#include "tools/orgsim/tests/sample_org.hpp"
-#include "tools/orgsim/tests/sample_org_api.hpp"
 #include "workbook/xlsx_reader.hpp"
 
 namespace corvane {
 namespace {
 
-class AlreadyThereApplyTest : public orgsim::testing::ServerFixture {
+class AlreadyThereApplyTest : public testing::DedupeOrgFixture {
  protected:
   void SetUp() override {
-    ServerFixture::SetUp();
-    ::setenv("CORVANE_HOME", home_.path().c_str(), 1);
-    api_ = orgsim::testing::adminClient(*server_);
-    findLogin_ = [this](const std::string&) {
-      Org org;
-      org.username = store().identity().adminUsername;
-      org.instanceUrl = server_->baseUrl();
-      return org;
-    };
+    DedupeOrgFixture::SetUp();
     const std::string acme = create("Account", {{"Name", "ACME Corporation"}});
     bob_ = create("Contact", {{"FirstName", "Bob"},
                               {"LastName", "Fox"},
@@ -65,23 +55,6 @@ class AlreadyThereApplyTest : public orgsim::testing::ServerFixture {
     contacts_ =
         download("Contact", {"FirstName:personName:close", "LastName:personName:close", "Email"});
   }
-  void TearDown() override {
-    ::unsetenv("CORVANE_HOME");
-    ServerFixture::TearDown();
-  }
-
-  std::string create(const std::string& object, const nlohmann::json& fields) {
-    return admin("records/create", {{"object", object}, {"fields", fields}})["id"];
-  }
-
-  std::filesystem::path download(const std::string& object, const std::vector<std::string>& match) {
-    SnapshotTask::DownloadRequest request;
-    for (const std::string& field : match)
-      request.match.push_back(SnapshotTask::parseMatchChoice(field));
-    request.runner.firstPollDelay = std::chrono::milliseconds(5);
-    return SnapshotTask::download(*api_, findLogin_, "sample", object, request, {}).snapshot;
-  }
-
   // Exports the Leads' workbook against the Contacts and types Delete on the
   // rows of the ids given, as a user would in a spreadsheet program.
   std::filesystem::path decide(const std::vector<std::string>& deletes) {
@@ -113,9 +86,6 @@ class AlreadyThereApplyTest : public orgsim::testing::ServerFixture {
                  "queryAll")["totalSize"] == 1;
   }
 
-  TemporaryFolder home_;
-  std::unique_ptr<SalesforceAPI::Client> api_;
-  FindLogin findLogin_;
   std::string bob_, jane_, robert_, janeLead_, markKept_, markCopy_;
   std::filesystem::path leads_, contacts_;
 };

@@ -12,9 +12,7 @@
 #include "dedupe/resolution_task.hpp"
 #include "dedupe/snapshot_catalog.hpp"
 #include "dedupe/snapshot_task.hpp"
-#include "platform/tests/temporary_folder.hpp"
-#include "tools/orgsim/tests/sample_org.hpp"
-#include "tools/orgsim/tests/sample_org_api.hpp"
+#include "dedupe/tests/sample_org_fixture.hpp"
 
 namespace corvane {
 namespace {
@@ -29,22 +27,12 @@ std::vector<Phase> phasesOf(const std::vector<DedupeProgress>& steps) {
   return phases;
 }
 
-class SampleOrgTaskTest : public orgsim::testing::ServerFixture {
+class SampleOrgTaskTest : public testing::DedupeOrgFixture {
  protected:
-  void SetUp() override {
-    ServerFixture::SetUp();
-    ::setenv("CORVANE_HOME", home_.path().c_str(), 1);
-    api_ = orgsim::testing::adminClient(*server_);
-    findLogin_ = [this](const std::string& login) {
-      Org org;
-      org.username = login == "other" ? "other@sample.org" : store().identity().adminUsername;
-      org.instanceUrl = server_->baseUrl();
-      return org;
-    };
-  }
-  void TearDown() override {
-    ::unsetenv("CORVANE_HOME");
-    ServerFixture::TearDown();
+  Org orgOf(const std::string& login) override {
+    Org org = DedupeOrgFixture::orgOf(login);
+    if (login == "other") org.username = "other@sample.org";
+    return org;
   }
 
   SnapshotTask::DownloadRequest accounts() {
@@ -62,9 +50,6 @@ class SampleOrgTaskTest : public orgsim::testing::ServerFixture {
     return !std::filesystem::exists(folder) || std::filesystem::is_empty(folder);
   }
 
-  TemporaryFolder home_;
-  std::unique_ptr<SalesforceAPI::Client> api_;
-  FindLogin findLogin_;
 };
 
 TEST_F(SampleOrgTaskTest, ADownloadReportsItsPhasesAndAStopPausesItToResumeToTheSameRows) {

@@ -17,37 +17,16 @@
 #include "dedupe/snapshot_task.hpp"
 #include "dedupe/undo_task.hpp"
 #include "platform/sqlite_db.hpp"
-#include "platform/tests/temporary_folder.hpp"
+#include "dedupe/tests/sample_org_fixture.hpp"
 #include "dedupe/tests/typed_decisions.hpp"
-#include "tools/orgsim/tests/sample_org.hpp"
-#include "tools/orgsim/tests/sample_org_api.hpp"
 
 namespace corvane {
 namespace {
 
 using Status = UndoTask::GroupResult::Status;
 
-class UndoTaskTest : public orgsim::testing::ServerFixture {
+class UndoTaskTest : public testing::DedupeOrgFixture {
  protected:
-  void SetUp() override {
-    ServerFixture::SetUp();
-    ::setenv("CORVANE_HOME", home_.path().c_str(), 1);
-    api_ = orgsim::testing::adminClient(*server_);
-    findLogin_ = [this](const std::string&) {
-      Org org;
-      org.username = store().identity().adminUsername;
-      org.instanceUrl = server_->baseUrl();
-      return org;
-    };
-  }
-  void TearDown() override {
-    ::unsetenv("CORVANE_HOME");
-    ServerFixture::TearDown();
-  }
-
-  std::string create(const std::string& object, const nlohmann::json& fields) {
-    return admin("records/create", {{"object", object}, {"fields", fields}})["id"];
-  }
   void later() { admin("clock", {{"advanceSeconds", 60}}); }
 
   // Three groups of Accounts: the first of each (created first, kept) has no
@@ -82,17 +61,6 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
     }
     later();
     snapshot_ = download("Account", {"Name"}, {"Phone"}, "Site = 'Undo'");
-  }
-
-  std::filesystem::path download(const std::string& object, const std::vector<std::string>& match,
-                                 const std::vector<std::string>& extra, const std::string& scope) {
-    SnapshotTask::DownloadRequest request;
-    for (const std::string& field : match)
-      request.match.push_back(SnapshotTask::parseMatchChoice(field));
-    request.extra = extra;
-    request.scope = scope;
-    request.runner.firstPollDelay = std::chrono::milliseconds(5);
-    return SnapshotTask::download(*api_, findLogin_, "sample", object, request, {}).snapshot;
   }
 
   // Merges every group, the kept record taking the first phone it lacks.
@@ -216,9 +184,6 @@ class UndoTaskTest : public orgsim::testing::ServerFixture {
     return query("SELECT Phone FROM Account WHERE Id = '" + id + "'")["records"][0]["Phone"].dump();
   }
 
-  TemporaryFolder home_;
-  std::unique_ptr<SalesforceAPI::Client> api_;
-  FindLogin findLogin_;
   std::vector<std::string> keepers_;
   std::filesystem::path snapshot_;
 };
